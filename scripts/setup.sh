@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build, the tests and the benchmarks need
+# (only those that are missing) and configures + builds one tree.
+#   scripts/setup.sh [BUILD_DIR] [extra cmake arguments...]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+packages=(build-essential cmake protobuf-compiler libprotobuf-dev libgtest-dev libgmock-dev
+          libbenchmark-dev libcli11-dev python3)
+# oneDNN is optional: the benchmarks compare against it when it is there.
+optional=(libdnnl-dev)
+
+missing=()
+for p in "${packages[@]}" "${optional[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "Installing: ${missing[*]}"
+  SUDO=""
+  [ "$(id -u)" -ne 0 ] && SUDO="sudo"
+  $SUDO apt-get update -qq
+  for p in "${missing[@]}"; do
+    if ! DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq "$p" >/dev/null; then
+      case " ${optional[*]} " in
+        *" $p "*) echo "Optional package $p is not available; going on without it." ;;
+        *) echo "Could not install $p" >&2; exit 1 ;;
+      esac
+    fi
+  done
+fi
+
+if [ $# -gt 0 ]; then
+  build_dir=$1
+  shift
+  cmake -S . -B "$build_dir" "$@"
+  cmake --build "$build_dir" -j"$(nproc)"
+fi

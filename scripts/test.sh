@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# Sets everything up and runs the whole test suite twice: a Release build, and
+# a build with AddressSanitizer and UndefinedBehaviorSanitizer.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/setup.sh build -DCMAKE_BUILD_TYPE=Release
+(cd build && ctest --output-on-failure -j2)
+
+scripts/setup.sh build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKOVRA_SANITIZE=ON -DKOVRA_BUILD_BENCH=OFF
+(cd build-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j2)

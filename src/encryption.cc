@@ -1,0 +1,139 @@
+#include "encryption.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <vector>
+
+#include "common.h"
+#include "model_reader.h"
+
+#ifndef KOVRA_MODEL_CIPHER_KEY
+#define KOVRA_MODEL_CIPHER_KEY "kovra-executor-model-key"
+#endif
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+const char EncryptionRC4::kMagic[9] = "KVRAPROT";
+
+namespace {
+
+const size_t kMagicSize = 8;
+
+bool read_file(const std::string& path, std::string& bytes) {
+  std::ifstream file(path, std::ios::in | std::ios::binary);
+  if (!file.is_open()) return false;
+  std::ostringstream buffer;
+  buffer << file.rdbuf();
+  if (file.bad()) return false;
+  bytes = buffer.str();
+  return true;
+}
+
+bool write_all(int fd, const std::string& bytes) {
+  size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+    if (n <= 0) return false;
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+bool write_file(const std::string& path, const std::string& bytes) {
+  std::ofstream file(path, std::ios::out | std::ios::binary | std::ios::trunc);
+  if (!file.is_open()) return false;
+  file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  return static_cast<bool>(file);
+}
+
+std::string temporary_directory() {
+  const char* dir = std::getenv("TMPDIR");
+  return dir != nullptr && dir[0] != '\0' ? dir : "/tmp";
+}
+
+// Removes the file when it goes out of scope, whatever path the parse took.
+struct RemoveOnExit {
+  std::string path;
+  ~RemoveOnExit() { std::remove(path.c_str()); }
+};
+
+}  // namespace
+
+void EncryptionRC4::crypt(std::string& bytes) {
+  static const std::string key = KOVRA_MODEL_CIPHER_KEY;
+  unsigned char s[256];
+  for (int i = 0; i < 256; ++i) s[i] = static_cast<unsigned char>(i);
+  for (int i = 0, j = 0; i < 256; ++i) {
+    j = (j + s[i] + static_cast<unsigned char>(key[i % key.size()])) & 0xff;
+    std::swap(s[i], s[j]);
+  }
+  int i = 0, j = 0;
+  for (char& c : bytes) {
+    i = (i + 1) & 0xff;
+    j = (j + s[i]) & 0xff;
+    std::swap(s[i], s[j]);
+    c = static_cast<char>(static_cast<unsigned char>(c) ^ s[(s[i] + s[j]) & 0xff]);
+  }
+}
+
+bool EncryptionRC4::has_magic(const std::string& bytes) {
+  return bytes.size() >= kMagicSize && std::memcmp(bytes.data(), kMagic, kMagicSize) == 0;
+}
+
+::kovra::trenkit::GraphDef* EncryptionRC4::decryption_model(const std::string& path) {
+  auto* graph_def = new ::kovra::trenkit::GraphDef();
+  std::string bytes;
+  if (!read_file(path, bytes)) {
+    print_error("Open file [" + path + "] error!");
+    return graph_def;
+  }
+  if (has_magic(bytes)) bytes.erase(0, kMagicSize);
+  crypt(bytes);
+  // A private file per call (mode 0600, unique name), so that two processes
+  // never read each other's plain model.
+  std::string temp = temporary_directory() + "/kovra_template_XXXXXX";
+  std::vector<char> name(temp.begin(), temp.end());
+  name.push_back('\0');
+  const int fd = ::mkstemp(name.data());
+  if (fd < 0) fatal("Open file [" + temp + "] failed!");
+  RemoveOnExit cleanup{name.data()};
+  const bool written = write_all(fd, bytes);
+  ::close(fd);
+  if (!written) fatal("Open file [" + cleanup.path + "] failed!");
+  std::ifstream probe(cleanup.path, std::ios::in | std::ios::binary);
+  if (!probe.is_open()) {
+    std::fprintf(stderr, "open failed %s\n", cleanup.path.c_str());
+    return graph_def;
+  }
+  probe.close();
+  if (!parse_graph_file(cleanup.path, graph_def)) print_error("open model file failed, " + path);
+  return graph_def;
+}
+
+bool EncryptionRC4::encryption_model(const std::string& in_path, const std::string& out_path) {
+  std::string bytes;
+  if (!read_file(in_path, bytes)) return false;
+  crypt(bytes);
+  return write_file(out_path, std::string(kMagic, kMagicSize) + bytes);
+}
+
+bool EncryptionRC4::decryption_file(const std::string& in_path, const std::string& out_path) {
+  std::string bytes;
+  if (!read_file(in_path, bytes)) return false;
+  if (has_magic(bytes)) bytes.erase(0, kMagicSize);
+  crypt(bytes);
+  return write_file(out_path, bytes);
+}
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra

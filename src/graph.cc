@@ -1,0 +1,302 @@
+#include "graph.h"
+
+#include <algorithm>
+#include <chrono>
+#include <queue>
+
+#include "common.h"
+#include "graph_executor.h"
+#include "node_name_map.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+namespace {
+
+bool is_const_op(const Node* node) { return CONST_OPS.count(node->op_type()) != 0; }
+
+bool same_shape(const Tensor* a, const Tensor* b) { return a->shape() == b->shape(); }
+
+long long now_ns() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+}  // namespace
+
+Graph::Graph() = default;
+
+Graph::~Graph() {
+  for (Node* node : nodes_) delete node;
+}
+
+Node* Graph::add_node(const std::string& name) {
+  auto it = node_name_map_.find(name);
+  if (it != node_name_map_.end()) return it->second;
+  Node* node = new Node();
+  node->set_owner(this);
+  node->set_name(name);
+  nodes_.push_back(node);
+  node_name_map_[name] = node;
+  return node;
+}
+
+Node* Graph::get_node(const std::string& name) const {
+  auto it = node_name_map_.find(name);
+  return it == node_name_map_.end() ? nullptr : it->second;
+}
+
+void Graph::add_input(const std::string& name, const Tensor* tensor) {
+  auto it = input_tensors_.find(name);
+  if (it == input_tensors_.end() || !same_shape(it->second, tensor)) reshape_ = true;
+  if (it != input_tensors_.end()) input_tensors_.erase(it);
+  input_tensors_.emplace(name, tensor);
+}
+
+void Graph::_sort_by_execution(std::vector<Node*>& out) {
+  std::unordered_map<std::string, std::vector<std::string>> deps;
+  for (Node* node : nodes_) deps[node->name()] = node->inputs();
+  _top_sort(deps, out);
+}
+
+void Graph::_top_sort(std::unordered_map<std::string, std::vector<std::string>>& deps,
+                      std::vector<Node*>& out) {
+  // Kahn's algorithm; among nodes ready at the same time the one that comes
+  // first in the model runs first, so the order is stable and readable.
+  std::unordered_map<std::string, size_t> position;
+  for (size_t i = 0; i < nodes_.size(); ++i) position[nodes_[i]->name()] = i;
+  std::unordered_map<std::string, std::vector<std::string>> dependants;
+  std::unordered_map<std::string, int> missing;
+  std::priority_queue<size_t, std::vector<size_t>, std::greater<size_t>> ready;
+  std::vector<std::string> names;
+  for (const auto& entry : deps) names.push_back(entry.first);
+  std::sort(names.begin(), names.end(), [&](const std::string& a, const std::string& b) {
+    return position.count(a) && position.count(b) ? position[a] < position[b] : a < b;
+  });
+  std::vector<std::string> unknown;
+  for (const std::string& name : names) {
+    if (node_name_map_.count(name) == 0) {
+      unknown.push_back(name);
+      continue;
+    }
+    missing[name] = static_cast<int>(deps[name].size());
+    for (const std::string& input : deps[name]) dependants[input].push_back(name);
+    if (deps[name].empty()) ready.push(position[name]);
+  }
+  if (!unknown.empty()) {
+    fatal("Check failed: node_name_map_.count(name) != 0==>\"Do not find your node.\"");
+  }
+  while (!ready.empty()) {
+    Node* node = nodes_[ready.top()];
+    ready.pop();
+    out.push_back(node);
+    deps.erase(node->name());
+    for (const std::string& dependant : dependants[node->name()]) {
+      if (--missing[dependant] == 0) ready.push(position[dependant]);
+    }
+  }
+  if (!deps.empty()) {
+    std::string left;
+    for (const std::string& name : names) {
+      if (deps.count(name) == 0) continue;
+      left += (left.empty() ? "" : ", ") + name;
+    }
+    fatal("The graph has a cycle among the nodes: " + left);
+  }
+}
+
+void Graph::initialize(const std::vector<std::string>& input_names, const std::string& output_name) {
+  output_tensors_.clear();
+  input_names_.clear();
+  start_nodes_.clear();
+  end_nodes_.clear();
+  std::vector<Node*> order;
+  _sort_by_execution(order);
+  for (size_t i = 0; i < order.size(); ++i) {
+    Node* node = order[i];
+    node->set_is_input(false);
+    node->set_is_output(false);
+    for (size_t j = i; j < order.size(); ++j) {
+      const auto& inputs = order[j]->inputs();
+      if (std::find(inputs.begin(), inputs.end(), node->name()) != inputs.end()) {
+        node->add_consumer(order[j]->name());
+      }
+    }
+    if (input_names.empty()) {
+      if (node->inputs().empty() && !is_const_op(node)) {
+        node->set_is_input(true);
+        start_nodes_.push_back(node);
+      }
+    } else {
+      for (const std::string& name : input_names) {
+        if (name == node->name()) {
+          node->set_is_input(true);
+          start_nodes_.push_back(node);
+        }
+      }
+    }
+    const bool is_end = output_name.empty() ? node->consumers().empty() : node->name() == output_name;
+    if (is_end) {
+      node->set_is_output(true);
+      end_nodes_.push_back(node);
+    }
+  }
+  for (Node* node : start_nodes_) {
+    for (const std::string& name : node->inputs()) input_names_.insert(name);
+  }
+  if (end_nodes_.empty()) fatal("Have no end point, please check it!");
+  if (start_nodes_.empty()) fatal("Have no start point, please check it!");
+  if (input_names_.empty()) {
+    for (Node* node : start_nodes_) input_names_.insert(node->name());
+  }
+}
+
+int Graph::run() {
+  for (Node* node : nodes_) node->reset();
+  tensor_dump_.begin_run();
+  for (Node* node : end_nodes_) {
+    _run_papa_node(node);
+    output_tensors_[node->name()] = node->output_tensor();
+  }
+  reshape_ = false;
+  return static_cast<int>(end_nodes_.size());
+}
+
+Node* Graph::_producer_or_die(const std::string& name, const char* message) const {
+  auto it = node_name_map_.find(name);
+  if (it == node_name_map_.end()) fatal(message + name);
+  return it->second;
+}
+
+void Graph::_run_papa_node(Node* root) {
+  // Depth first over producers with an explicit stack, so that a very deep
+  // model cannot overflow the call stack.
+  struct Frame {
+    Node* node;
+    size_t next_input;
+  };
+  if (root->have_run()) return;
+  std::vector<Frame> stack{{root, 0}};
+  while (!stack.empty()) {
+    Frame& frame = stack.back();
+    Node* node = frame.node;
+    const auto& inputs = node->inputs();
+    Node* pull = nullptr;
+    while (frame.next_input < inputs.size() && pull == nullptr) {
+      const std::string& name = inputs[frame.next_input++];
+      Node* producer = _producer_or_die(name, "Can not find the node: ");
+      if (node->is_input()) {
+        if (is_const_op(producer)) _run_now(producer);
+        continue;
+      }
+      const bool fed = input_names_.count(name) != 0 && !producer->is_input();
+      if (!fed && !producer->have_run()) pull = producer;
+    }
+    if (pull != nullptr) {
+      stack.push_back({pull, 0});
+      continue;
+    }
+    stack.pop_back();
+    if (!node->have_run()) _run_now(node);
+  }
+}
+
+void Graph::_run_now(Node* node) {
+  std::vector<const Tensor*> inputs;
+  if (node->is_input() && !is_const_op(node)) {
+    if (node->inputs().empty()) {
+      auto it = input_tensors_.find(node->name());
+      if (it == input_tensors_.end()) fatal("Do not find the input data :" + node->name());
+      inputs.push_back(it->second);
+    }
+    for (const std::string& name : node->inputs()) {
+      Node* producer = _producer_or_die(name, "Can not find the node: ");
+      if (is_const_op(producer)) {
+        inputs.push_back(producer->consume_output_tensor(node->real_input_name()));
+        continue;
+      }
+      auto it = input_tensors_.find(name);
+      if (it == input_tensors_.end()) fatal("Do not find the input data :" + name);
+      inputs.push_back(it->second);
+    }
+  } else {
+    for (const std::string& name : node->inputs()) {
+      Node* producer = _producer_or_die(name, "Do not find the input node:");
+      if (input_names_.count(name) != 0) {
+        auto it = input_tensors_.find(name);
+        if (it == input_tensors_.end()) fatal("Do not find the input data :" + name);
+        inputs.push_back(it->second);
+      } else {
+        inputs.push_back(producer->consume_output_tensor(node->real_input_name()));
+      }
+    }
+  }
+  for (const Tensor* input : inputs) {
+    // A producer released earlier or one that never produced a tensor.
+    if (input == nullptr) fatal("The node:" + node->name() + " has an input without data.");
+  }
+  for (const Tensor* weight : node->weights()) inputs.push_back(weight);
+
+  if (reshape_ || node->oshape().empty()) node->inference_shape(inputs);
+  if (node->param_update()) {
+    const NodeDef* def = graph_executor_ == nullptr
+                             ? nullptr
+                             : graph_executor_->node_name_map()->find_node_in_all_by_name(node->name());
+    if (def != nullptr) {
+      node->parse_parameter(*def);
+    } else {
+      print_log("Do not find " + node->name() + "in graph");
+    }
+  }
+  const long long start = observer_ != nullptr ? now_ns() : 0;
+  node->run(inputs);
+  if (observer_ != nullptr) observer_(observer_context_, *node, start, now_ns());
+  tensor_dump_(node->output_tensor(), node->output_bitwidth(), node->is_input());
+  if (!node->is_input() && inplace_) {
+    for (const std::string& name : node->inputs()) {
+      Node* producer = get_node(name);
+      if (producer != nullptr) producer->check_release_otensor();
+    }
+  }
+}
+
+Tensor* Graph::get_mutable_output_tensor(const std::string& name) const {
+  return output_tensors_.at(name);
+}
+
+const Tensor* Graph::get_output_tensor(const std::string& name) const {
+  return output_tensors_.at(name);
+}
+
+Tensor* Graph::get_mutable_node_tensor(const std::string& name) const {
+  Node* node = get_node(name);
+  if (node == nullptr) fatal("Graph have no node:" + name);
+  if (!node->is_output() && inplace_) {
+    fatal("Please set inplace mode as FALSE to get the middle node:" + name + " output tensor.");
+  }
+  if (node->have_run()) return node->output_tensor();
+  auto it = input_tensors_.find(name);
+  if (it != input_tensors_.end()) return const_cast<Tensor*>(it->second);
+  fatal("Do not find the node tensor of name:" + name);
+}
+
+const Tensor* Graph::get_node_tensor(const std::string& name) const {
+  return get_mutable_node_tensor(name);
+}
+
+bool Graph::_input_ready() {
+  if (input_tensors_.empty()) {
+    print_warning("The graph have no any input.");
+    return true;
+  }
+  for (const std::string& name : input_names_) {
+    if (input_tensors_.count(name) == 0) return false;
+  }
+  return true;
+}
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra

@@ -1,0 +1,145 @@
+#include "node.h"
+
+#include <algorithm>
+
+#include "common.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+Node::Node() = default;
+
+Node::~Node() {
+  delete op_;
+  delete output_tensor_;
+  for (Tensor* weight : weights_) delete weight;
+}
+
+void Node::add_input(const std::string& name) {
+  if (std::find(inputs_.begin(), inputs_.end(), name) == inputs_.end()) inputs_.push_back(name);
+}
+
+void Node::add_consumer(const std::string& name) {
+  if (std::find(consumers_.begin(), consumers_.end(), name) == consumers_.end()) {
+    consumers_.push_back(name);
+  }
+}
+
+Tensor* Node::add_weight(const std::string& name) {
+  for (const Tensor* weight : weights_) {
+    if (weight->name() == name) return nullptr;
+  }
+  Tensor* weight = new Tensor();
+  weight->set_name(name);
+  weights_.push_back(weight);
+  return weight;
+}
+
+void Node::init_op(const std::string& op_type) {
+  op_type_ = op_type;
+  // operator[] on purpose: an unknown name leaves an empty entry behind.
+  OpCreator creator = Holder::new_op_creator()[op_type];
+  if (creator == nullptr) fatal("Op: " + op_type + " has not been supported!");
+  delete op_;
+  op_ = creator();
+  op_->set_owner(this);
+}
+
+namespace {
+
+int bitwidth_from_attributes(const NodeDef& node_def, const std::string& name,
+                             const std::string& op_type) {
+  AttrValue value;
+  if (get_attr_value(node_def, "output_bitwidth", value)) {
+    return value.value_case() == AttrValue::kI ? static_cast<int>(value.i()) : 0;
+  }
+  if (op_type == "NOp") {
+    if (!get_attr_value(node_def, "op_target", value)) fatal("Op: " + name + " have no optarget!");
+    const std::string target = value.value_case() == AttrValue::kS ? value.s() : std::string();
+    if (target == "output") return 32;
+    if (target == "input") return 8;
+    fatal("Op: " + name + " have an unsupport op target:" + target + "!");
+  }
+  const bool quantized = op_type.find("Quantize") != std::string::npos ||
+                         op_type.find("Int8") != std::string::npos;
+  if (quantized) fatal("Op: " + name + " have no output bitwidth!");
+  return 32;
+}
+
+}  // namespace
+
+void Node::parse_parameter(const NodeDef& node_def) {
+  if (output_bitwidth_ == -1) {
+    set_output_bitwidth(bitwidth_from_attributes(node_def, name_, op_type_));
+  }
+  if (op_ != nullptr) op_->parse_parameter(node_def);
+}
+
+void Node::inference_shape(const std::vector<const Tensor*>& inputs) {
+  oshape_.clear();
+  op_->inference_shape(inputs, oshape_);
+}
+
+bool Node::run(const std::vector<const Tensor*>& inputs) {
+  if (output_tensor_ == nullptr) {
+    output_tensor_ = new Tensor();
+    output_tensor_->set_name(name_);
+  }
+  _check_output_shape();
+  const Tensor::DataType type = inputs.empty() ? Tensor::DT_FLOAT : inputs[0]->data_type();
+  output_tensor_->set_data(oshape_, type, nullptr);
+  const bool result = op_->execute(inputs, output_tensor_);
+  have_run_ = true;
+  return result;
+}
+
+void Node::_check_output_shape() const {
+  // A malformed model can make an operator infer a negative or overflowing
+  // shape; stop here rather than size a buffer from it.
+  long long count = 1;
+  bool valid = true;
+  for (int d : oshape_) {
+    if (d < 0) valid = false;
+    count *= d < 0 ? 0 : d;
+    if (count > 0x7fffffffLL) valid = false;
+  }
+  if (!valid) {
+    std::string text;
+    for (size_t i = 0; i < oshape_.size(); ++i) text += (i ? "," : "") + std::to_string(oshape_[i]);
+    fatal("The node:" + name_ + " inferred an invalid output shape [" + text + "]");
+  }
+}
+
+void Node::reset() {
+  have_run_ = false;
+  pending_consumers_ = static_cast<int>(consumers_.size());
+}
+
+Tensor* Node::output_tensor() const {
+  if (!have_run_) fatal("The node:" + name_ + " have not been run.");
+  return output_tensor_;
+}
+
+Tensor* Node::consume_output_tensor(std::string real_name) const {
+  --pending_consumers_;
+  if (real_name.empty()) return output_tensor();
+  Tensor* output = output_tensor();
+  if (output != nullptr) {
+    for (Tensor* slave : output->get_mu_slave_tensors()) {
+      if (slave != nullptr && slave->name() == real_name) return slave;
+    }
+  }
+  fatal("The node:" + name_ + " do not found output:" + real_name);
+}
+
+void Node::check_release_otensor() {
+  if (pending_consumers_ == 0) {
+    delete output_tensor_;
+    output_tensor_ = nullptr;
+  }
+}
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra

@@ -1,0 +1,110 @@
+#ifndef KOVRAEXECUTOR_TENSOR_H_
+#define KOVRAEXECUTOR_TENSOR_H_
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+// An n-dimensional host array: shape, element type, a buffer that is owned or
+// borrowed, a device code and the secondary ("slave") outputs it owns.
+class Tensor {
+ public:
+  // Same numbers as the model schema's DataType, so codes convert by value.
+  enum DataType : int32_t {
+    DT_INVALID = 0,
+    DT_FLOAT = 1,
+    DT_INT32 = 3,
+    DT_UINT8 = 4,
+    DT_INT16 = 5,
+    DT_INT8 = 6,
+    DT_UINT32 = 22,
+  };
+
+  Tensor();
+  Tensor(const std::vector<int>& shape, DataType type, void* data, std::string device);
+  // Deep copy of shape, type and contents (not of the slaves).
+  Tensor(const Tensor& other);
+  Tensor(Tensor&& other) noexcept;
+  ~Tensor();
+
+  // Copies contents and device code; the name and slaves stay this tensor's.
+  Tensor& operator=(const Tensor& other);
+
+  void set_data(const std::vector<int>& shape, DataType type, void* data);
+  void reshape(const std::vector<int>& shape);
+
+  const void* get_ptr() const;
+  void* get_mutable_ptr();
+  template <typename T>
+  const T* data() const {
+    return static_cast<const T*>(get_ptr());
+  }
+  template <typename T>
+  T* mutable_data() {
+    return static_cast<T*>(get_mutable_ptr());
+  }
+
+  // Bounds-checked float element access.
+  float at(int index) const;
+  float& at(int index);
+  // Aborts with the element-access message unless 0 <= index < size().
+  void check_index(int index) const;
+
+  const std::vector<int>& shape() const { return shape_; }
+  int size() const { return size_; }
+  int byte_size() const { return byte_size_; }
+  DataType data_type() const { return data_type_; }
+  const std::string& name() const { return name_; }
+  void set_name(const std::string& name) { name_ = name; }
+  bool own_data() const { return own_data_; }
+  int head() const { return head_; }
+  int dims() const { return static_cast<int>(shape_.size()); }
+  // Bytes per element of a supported type; aborts for any other code.
+  int element_byte_size(DataType type) const { return _get_ele_byte_size(type); }
+
+  // Secondary outputs, owned by this tensor.
+  void set_slave_tensors(Tensor* tensor);
+  const std::vector<Tensor*>& get_slave_tensors() const { return slave_tensors_; }
+  std::vector<Tensor*>& get_mu_slave_tensors() { return slave_tensors_; }
+
+  void _to_cpu() const {}
+  void to_cpu() { _to_cpu(); }
+  void _release();
+  void _release_cpu();
+
+  // This build is host-only: every device entry point stops the process.
+  void set_gpu_data(const std::vector<int>& shape, DataType type, void* data);
+  void* get_gpu_ptr() const;
+  void* get_mutable_gpu_ptr();
+  void _to_gpu() const;
+  void to_gpu();
+  void _release_gpu();
+
+ private:
+  int _get_ele_byte_size(DataType type) const;
+
+  // Per instance on purpose: each tensor carries its own table.
+  std::map<DataType, int> data_type_byte_size_;
+  std::vector<Tensor*> slave_tensors_;
+  std::string name_;
+  std::vector<int> shape_;
+  void* data_ = nullptr;
+  void* gpu_data_ = nullptr;
+  int byte_size_ = 0;
+  int size_ = 0;
+  bool own_data_ = false;
+  int head_ = 0;
+  DataType data_type_ = DT_INVALID;
+  bool unread_ = true;
+};
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+#endif  // KOVRAEXECUTOR_TENSOR_H_

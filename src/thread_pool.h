@@ -1,0 +1,56 @@
+#ifndef KOVRAEXECUTOR_THREAD_POOL_H_
+#define KOVRAEXECUTOR_THREAD_POOL_H_
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+// Process-wide pool of threads kept alive between calls, so the tiled kernels
+// do not pay for thread creation on every execute. Work is handed out as
+// numbered tasks; which thread runs a task never changes what it computes.
+class ThreadPool {
+ public:
+  static ThreadPool& instance();
+
+  // Number of threads that run tasks, the caller included; at least 1.
+  void set_num_threads(int threads);
+  int num_threads() const;
+
+  // Runs task(0) ... task(count - 1) and returns when all have finished.
+  // Calls made from inside a task run inline on the calling thread.
+  void run(int count, const std::function<void(int)>& task);
+
+  ~ThreadPool();
+
+ private:
+  ThreadPool();
+  void _resize(int workers);
+  void _worker_loop(int worker_index);
+  void _drain();
+
+  mutable std::mutex mutex_;
+  std::condition_variable work_ready_;
+  std::condition_variable work_done_;
+  std::vector<std::thread> workers_;
+  int wanted_threads_ = 1;
+  bool stopping_ = false;
+  // The current job.
+  const std::function<void(int)>* task_ = nullptr;
+  int task_count_ = 0;
+  int next_task_ = 0;
+  int unfinished_ = 0;
+  unsigned long generation_ = 0;
+  std::mutex run_mutex_;
+};
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+#endif  // KOVRAEXECUTOR_THREAD_POOL_H_
