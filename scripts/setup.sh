@@ -32,6 +32,8 @@ fi
 if [ $# -gt 0 ]; then
   build_dir=$1
   shift
-  cmake -S . -B "$build_dir" "$@"
+  launcher=()
+  command -v ccache >/dev/null 2>&1 && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+  cmake -S . -B "$build_dir" "${launcher[@]}" "$@"
   cmake --build "$build_dir" -j"$(nproc)"
 fi
