@@ -75,18 +75,13 @@ void Graph::_top_sort(std::unordered_map<std::string, std::vector<std::string>>&
   std::sort(names.begin(), names.end(), [&](const std::string& a, const std::string& b) {
     return position.count(a) && position.count(b) ? position[a] < position[b] : a < b;
   });
-  std::vector<std::string> unknown;
   for (const std::string& name : names) {
     if (node_name_map_.count(name) == 0) {
-      unknown.push_back(name);
-      continue;
+      fatal("Check failed: node_name_map_.count(name) != 0==>\"Do not find your node.\"");
     }
     missing[name] = static_cast<int>(deps[name].size());
     for (const std::string& input : deps[name]) dependants[input].push_back(name);
     if (deps[name].empty()) ready.push(position[name]);
-  }
-  if (!unknown.empty()) {
-    fatal("Check failed: node_name_map_.count(name) != 0==>\"Do not find your node.\"");
   }
   while (!ready.empty()) {
     Node* node = nodes_[ready.top()];
