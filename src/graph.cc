@@ -109,16 +109,20 @@ void Graph::initialize(const std::vector<std::string>& input_names, const std::s
   end_nodes_.clear();
   std::vector<Node*> order;
   _sort_by_execution(order);
+  // Consumers of each node, in execution order. The order is topological, so
+  // one pass over every node's inputs finds exactly the later readers.
+  std::unordered_map<std::string, size_t> position;
+  for (size_t i = 0; i < order.size(); ++i) position[order[i]->name()] = i;
+  for (size_t j = 0; j < order.size(); ++j) {
+    for (const std::string& input : order[j]->inputs()) {
+      auto it = position.find(input);
+      if (it != position.end() && it->second <= j) order[it->second]->add_consumer(order[j]->name());
+    }
+  }
   for (size_t i = 0; i < order.size(); ++i) {
     Node* node = order[i];
     node->set_is_input(false);
     node->set_is_output(false);
-    for (size_t j = i; j < order.size(); ++j) {
-      const auto& inputs = order[j]->inputs();
-      if (std::find(inputs.begin(), inputs.end(), node->name()) != inputs.end()) {
-        node->add_consumer(order[j]->name());
-      }
-    }
     if (input_names.empty()) {
       if (node->inputs().empty() && !is_const_op(node)) {
         node->set_is_input(true);

@@ -1,0 +1,197 @@
+#include <cstring>
+
+#include <gtest/gtest.h>
+
+#include "graph_executor.h"
+#include "support/test_ops.h"
+#include "support/test_util.h"
+
+namespace kovra_test {
+namespace {
+
+using kovra::trenkit::kovraexecutor::CPU;
+using kovra::trenkit::kovraexecutor::DEVICE;
+using kovra::trenkit::kovraexecutor::GPU;
+using kovra::trenkit::kovraexecutor::GraphExecutor;
+
+const char* const kSumModel = R"(
+  node { name: "input" op: "TestSum" }
+  node { name: "bias" op: "Const" attr { key: "value" value { tensor {
+    dtype: DT_FLOAT tensor_shape { dim { size: 2 } } tensor_content: "\000\000\200?\000\000\000@" } } } }
+  node { name: "add" op: "TestSum" input: "input" input: "bias" }
+  node { name: "out" op: "TestSum" input: "add" }
+)";
+
+TEST(ExecutorTest, TranslatesConstantsIntoWeightsAndRuns) {
+  GraphDef graph = parse_text_graph(kSumModel);
+  GraphExecutor executor(&graph, CPU);
+  EXPECT_EQ(executor.get_input_names(), std::vector<std::string>{"input"});
+  EXPECT_EQ(executor.get_output_names(), std::vector<std::string>{"out"});
+  const auto& weights = executor.get_node_weights("add");
+  ASSERT_EQ(weights.size(), 1u);
+  EXPECT_EQ(weights[0]->name(), "bias");
+  EXPECT_EQ(tensor_values(*weights[0]), (std::vector<float>{1, 2}));
+  EXPECT_EQ(executor.graph()->get_node("bias"), nullptr);  // constants never become nodes
+  Tensor x = make_tensor({2}, {10, 20});
+  executor.set_input("input", &x);
+  EXPECT_TRUE(executor.work({}, ""));
+  EXPECT_EQ(tensor_values(*executor.get_output_tensor("out")), (std::vector<float>{11, 22}));
+  EXPECT_EQ(tensor_values(*executor.get_node_tensor("add")), (std::vector<float>{11, 22}));
+  EXPECT_EQ(executor.get_node_tensor("input"), executor.get_node_tensor("input"));
+}
+
+TEST(ExecutorTest, SetInputsNamesTensorsByKeyAndSetInputClearsOthers) {
+  GraphDef graph = parse_text_graph(kSumModel);
+  Tensor x = make_tensor({2}, {1, 1}, "whatever");
+  GraphExecutor executor(&graph, {{"input", &x}}, CPU);
+  EXPECT_EQ(x.name(), "input");
+  executor.work({}, "");
+  EXPECT_EQ(tensor_values(*executor.get_output_tensor("out")), (std::vector<float>{2, 3}));
+  Tensor y = make_tensor({2}, {0, 0}, "input");
+  executor.set_input(&y);
+  executor.work({}, "");
+  EXPECT_EQ(tensor_values(*executor.get_output_tensor("out")), (std::vector<float>{1, 2}));
+}
+
+TEST(ExecutorTest, InputReferencesUseTheKeptPrefixRule) {
+  // "abcd:0" (length 6, ':' at 4) is looked up as its first 3 characters.
+  GraphDef graph = parse_text_graph(R"(
+    node { name: "input" op: "TestSum" }
+    node { name: "abc" op: "TestSplit" input: "input" }
+    node { name: "use" op: "TestSum" input: "abcd:1" })");
+  GraphExecutor executor(&graph, CPU);
+  const Node* use = executor.graph()->get_node("use");
+  EXPECT_EQ(use->inputs(), std::vector<std::string>{"abc"});
+  EXPECT_EQ(use->real_input_name(), "abcd:1");
+}
+
+TEST(ExecutorTest, ScalarConstantBecomesOneElementWeight) {
+  GraphDef graph = parse_text_graph(R"(
+    node { name: "input" op: "TestSum" }
+    node { name: "k" op: "Const" attr { key: "value" value { tensor {
+      dtype: DT_FLOAT tensor_content: "\000\000@@" } } } }
+    node { name: "add" op: "TestSum" input: "input" input: "k" })");
+  GraphExecutor executor(&graph, CPU);
+  EXPECT_EQ(tensor_values(*executor.get_node_weights("add")[0]), std::vector<float>{3});
+}
+
+TEST(ExecutorTest, BannerIsPrintedOnceAndSetDeviceAgainDoesNothing) {
+  GraphDef graph = parse_text_graph(kSumModel);
+  testing::internal::CaptureStdout();
+  GraphExecutor executor(&graph, CPU);
+  executor.set_device(CPU);
+  const std::string printed = testing::internal::GetCapturedStdout();
+  const std::string prefix = "\033[1;32;40mINFO(kovraexecutor): kovra executor version:2.1.0(0_";
+  ASSERT_EQ(printed.find(prefix), 0u) << printed;
+  EXPECT_EQ(printed.find(prefix, 1), std::string::npos);
+  EXPECT_NE(printed.find("_kovra) built:"), std::string::npos);
+  EXPECT_NE(printed.find(":CPU\033[0m\n"), std::string::npos);
+  EXPECT_EQ(executor.device(), CPU);
+}
+
+TEST(ExecutorTest, WorkReinitialisesOnlyWhenArgumentsChange) {
+  GraphDef graph = parse_text_graph(kSumModel);
+  GraphExecutor executor(&graph, CPU);
+  Tensor x = make_tensor({2}, {0, 0});
+  executor.set_input("input", &x);
+  executor.work({}, "add");
+  EXPECT_EQ(executor.get_output_names(), std::vector<std::string>{"add"});
+  // Re-initialise the graph behind the executor's back: the same arguments must not undo it.
+  executor.graph()->initialize({}, "out");
+  executor.work({}, "add");
+  EXPECT_EQ(executor.get_output_names(), std::vector<std::string>{"out"});
+  executor.work({}, "");
+  EXPECT_EQ(executor.get_output_names(), std::vector<std::string>{"out"});
+  executor.work({"add"}, "add");
+  EXPECT_EQ(executor.get_input_names(), std::vector<std::string>{"add"});
+}
+
+TEST(ExecutorTest, FloatDataOfEveryReadableType) {
+  GraphDef graph = parse_text_graph(kSumModel);
+  GraphExecutor executor(&graph, CPU);
+  int8_t s8[3] = {-3, 0, 127};
+  uint8_t u8[3] = {0, 200, 255};
+  int32_t s32[3] = {-70000, 1, 70000};
+  Tensor a({3}, Tensor::DT_INT8, s8, "cpu"), b({3}, Tensor::DT_UINT8, u8, "cpu"),
+      c({3}, Tensor::DT_INT32, s32, "cpu");
+  EXPECT_EQ(executor.get_node_float_data(&a), (std::vector<float>{-3, 0, 127}));
+  EXPECT_EQ(executor.get_node_float_data(&b), (std::vector<float>{0, 200, 255}));
+  EXPECT_EQ(executor.get_node_float_data(&c), (std::vector<float>{-70000, 1, 70000}));
+  short s16[1] = {1};
+  Tensor d({1}, Tensor::DT_INT16, s16, "cpu");
+  EXPECT_FATAL(executor.get_node_float_data(&d), "Unsupport tensor data type:5");
+}
+
+TEST(ExecutorTest, UpdateGraphWritesWeightsBack) {
+  GraphDef graph = parse_text_graph(kSumModel);
+  GraphExecutor executor(&graph, CPU);
+  Tensor* bias = const_cast<Tensor*>(executor.get_node_weights("add")[0]);
+  bias->mutable_data<float>()[1] = 5.5f;
+  executor.update_graph();
+  const std::string& content = graph.node(1).attr().at("value").tensor().tensor_content();
+  ASSERT_EQ(content.size(), 8u);
+  float stored[2];
+  std::memcpy(stored, content.data(), 8);
+  EXPECT_EQ(stored[0], 1.0f);
+  EXPECT_EQ(stored[1], 5.5f);
+}
+
+TEST(ExecutorDeathTest, DevicesAndLookups) {
+  GraphDef graph = parse_text_graph(kSumModel);
+  EXPECT_FATAL(GraphExecutor(&graph, GPU), "Your library don't compile with GPU.");
+  EXPECT_FATAL(GraphExecutor(&graph, static_cast<DEVICE>(7)), "Unsupport device type: 7");
+  GraphExecutor executor(&graph, CPU);
+  EXPECT_FATAL(executor.get_node_weights("nope"), "Graph have no node:nope");
+  EXPECT_EQ(executor.get_op_executor("nope"), nullptr);
+  EXPECT_NE(executor.get_op_executor("add"), nullptr);
+  EXPECT_FATAL(executor.query_gpu_device(), "Your library don't compile with GPU.");
+  EXPECT_FATAL(executor.set_gpu_device(0), "Your library don't compile with GPU.");
+}
+
+struct BadModelCase {
+  const char* what;
+  std::string model;
+  std::string message;
+};
+
+class ExecutorBadModelTest : public ::testing::TestWithParam<BadModelCase> {};
+
+TEST_P(ExecutorBadModelTest, EndsInOneClearLine) {
+  GraphDef graph = parse_text_graph(GetParam().model);
+  EXPECT_DEATH(GraphExecutor(&graph, CPU), GetParam().message);
+}
+
+std::string with_const(const std::string& tensor) {
+  return "node { name: \"input\" op: \"TestSum\" } "
+         "node { name: \"w\" op: \"Const\" attr { key: \"value\" value { tensor { " + tensor + " } } } } "
+         "node { name: \"use\" op: \"TestSum\" input: \"input\" input: \"w\" }";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Models, ExecutorBadModelTest,
+    ::testing::Values(
+        BadModelCase{"missing input", "node { name: \"a\" op: \"TestSum\" input: \"ghost\" }",
+                     literal_regex("Log: Do not find ghostin graph") + ".*" +
+                         error_regex("Check failed: input_node != nullptr")},
+        BadModelCase{"unknown op", "node { name: \"a\" op: \"Z40Warp\" }",
+                     error_regex("Op: Z40Warp has not been supported!")},
+        BadModelCase{"short content",
+                     with_const("dtype: DT_FLOAT tensor_shape { dim { size: 4 } } tensor_content: \"abcd\""),
+                     error_regex("The constant node:w holds 4 bytes of data but its shape [4] needs 16.")},
+        BadModelCase{"negative dim",
+                     with_const("dtype: DT_FLOAT tensor_shape { dim { size: -2 } } tensor_content: \"abcdefgh\""),
+                     error_regex("The constant node:w has an invalid shape.")},
+        BadModelCase{"overflowing count",
+                     with_const("dtype: DT_FLOAT tensor_shape { dim { size: 65536 } dim { size: 65536 } }"),
+                     error_regex("The constant node:w has an invalid shape.")},
+        BadModelCase{"unsupported type",
+                     with_const("dtype: DT_DOUBLE tensor_shape { dim { size: 1 } } tensor_content: \"abcdefgh\""),
+                     error_regex("Check failed: data_type_byte_size.count(data_type) != 0==>")},
+        BadModelCase{"no value attribute",
+                     "node { name: \"input\" op: \"TestSum\" } node { name: \"w\" op: \"Const\" } "
+                     "node { name: \"use\" op: \"TestSum\" input: \"input\" input: \"w\" }",
+                     error_regex("key not found: value")},
+        BadModelCase{"empty model", "", error_regex("Have no end point, please check it!")}));
+
+}  // namespace
+}  // namespace kovra_test

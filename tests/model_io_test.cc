@@ -1,0 +1,161 @@
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+#include "encryption.h"
+#include "graph_executor.h"
+#include "model_reader.h"
+#include "support/test_ops.h"
+#include "support/test_util.h"
+
+namespace kovra_test {
+namespace {
+
+using kovra::trenkit::kovraexecutor::CPU;
+using kovra::trenkit::kovraexecutor::EncryptionRC4;
+using kovra::trenkit::kovraexecutor::GraphExecutor;
+using kovra::trenkit::kovraexecutor::load_graph;
+
+void write_bytes(const std::string& path, const std::string& bytes) {
+  std::ofstream file(path, std::ios::binary);
+  file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+std::string read_bytes(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+const char* const kModel = R"(
+  version: 7
+  node { name: "input" op: "TestSum" }
+  node { name: "k" op: "Const" attr { key: "value" value { tensor {
+    dtype: DT_FLOAT tensor_shape { dim { size: 1 } } tensor_content: "\000\000\200@" } } } }
+  node { name: "out" op: "TestSum" input: "input" input: "k" })";
+
+// Points TMPDIR at a private folder for the test so left-over files are visible.
+class ScopedTmpdir {
+ public:
+  explicit ScopedTmpdir(const std::string& dir) {
+    const char* old = std::getenv("TMPDIR");
+    had_ = old != nullptr;
+    if (had_) old_ = old;
+    setenv("TMPDIR", dir.c_str(), 1);
+  }
+  ~ScopedTmpdir() {
+    if (had_) setenv("TMPDIR", old_.c_str(), 1);
+    else unsetenv("TMPDIR");
+  }
+
+ private:
+  bool had_ = false;
+  std::string old_;
+};
+
+bool is_empty_dir(const std::string& dir) {
+  return std::filesystem::is_empty(std::filesystem::path(dir));
+}
+
+TEST(LoadGraphTest, MissingFileGivesAnEmptyModelAndAnErrorLine) {
+  testing::internal::CaptureStdout();
+  std::unique_ptr<GraphDef> graph(load_graph("/nonexistent/model.pb"));
+  const std::string printed = testing::internal::GetCapturedStdout();
+  ASSERT_NE(graph, nullptr);
+  EXPECT_EQ(graph->node_size(), 0);
+  EXPECT_EQ(printed, "\033[1m\033[31mError: open model file failed, /nonexistent/model.pb\033[0m\n");
+}
+
+TEST(LoadGraphTest, ReadsAModelWithTheDeprecatedVersionSet) {
+  TempDir dir;
+  write_bytes(dir.file("m.pb"), parse_text_graph(kModel).SerializeAsString());
+  std::unique_ptr<GraphDef> graph(load_graph(dir.file("m.pb")));
+  EXPECT_EQ(graph->node_size(), 3);
+}
+
+TEST(LoadGraphTest, ParsesModelsAboveSixtyFourMebibytes) {
+  TempDir dir;
+  GraphDef big = parse_text_graph(kModel);
+  const size_t bytes = 65u * 1024 * 1024 + 12;
+  auto* tensor = (*big.mutable_node(1)->mutable_attr())["value"].mutable_tensor();
+  tensor->mutable_tensor_shape()->mutable_dim(0)->set_size(bytes / 4);
+  tensor->set_tensor_content(std::string(bytes, '\0'));
+  write_bytes(dir.file("big.pb"), big.SerializeAsString());
+  big.Clear();
+  std::unique_ptr<GraphDef> graph(load_graph(dir.file("big.pb")));
+  ASSERT_EQ(graph->node_size(), 3);
+  EXPECT_EQ(graph->node(1).attr().at("value").tensor().tensor_content().size(), bytes);
+}
+
+TEST(LoadGraphTest, TruncatedFileIsReportedNotSilentlyAccepted) {
+  TempDir dir;
+  const std::string bytes = parse_text_graph(kModel).SerializeAsString();
+  write_bytes(dir.file("cut.pb"), bytes.substr(0, bytes.size() - 3));
+  testing::internal::CaptureStdout();
+  std::unique_ptr<GraphDef> graph(load_graph(dir.file("cut.pb")));
+  EXPECT_NE(testing::internal::GetCapturedStdout().find("open model file failed"), std::string::npos);
+}
+
+TEST(ProtectedModelTest, RoundTripRunsAndLeavesNoTemporaryFile) {
+  TempDir dir, tmp;
+  ScopedTmpdir scoped(tmp.path());
+  write_bytes(dir.file("plain.pb"), parse_text_graph(kModel).SerializeAsString());
+  ASSERT_TRUE(EncryptionRC4::encryption_model(dir.file("plain.pb"), dir.file("model.kvr")));
+  const std::string stored = read_bytes(dir.file("model.kvr"));
+  EXPECT_TRUE(EncryptionRC4::has_magic(stored));
+  EXPECT_EQ(stored.find("TestSum"), std::string::npos);  // no plain text inside
+  GraphExecutor executor(dir.file("model.kvr"), CPU);
+  EXPECT_TRUE(is_empty_dir(tmp.path()));
+  Tensor x = make_tensor({1}, {1});
+  executor.set_input("input", &x);
+  executor.work({}, "");
+  EXPECT_EQ(tensor_values(*executor.get_output_tensor("out")), std::vector<float>{5});
+  ASSERT_TRUE(EncryptionRC4::decryption_file(dir.file("model.kvr"), dir.file("back.pb")));
+  EXPECT_EQ(read_bytes(dir.file("back.pb")), read_bytes(dir.file("plain.pb")));
+}
+
+TEST(ProtectedModelTest, HeaderlessCipherTextIsDecipheredWhole) {
+  TempDir dir, tmp;
+  ScopedTmpdir scoped(tmp.path());
+  std::string bytes = parse_text_graph(kModel).SerializeAsString();
+  EncryptionRC4::crypt(bytes);
+  write_bytes(dir.file("raw.kvr"), bytes);
+  std::unique_ptr<GraphDef> graph(EncryptionRC4::decryption_model(dir.file("raw.kvr")));
+  EXPECT_EQ(graph->node_size(), 3);
+  EXPECT_TRUE(is_empty_dir(tmp.path()));
+}
+
+TEST(ProtectedModelTest, FailedParseStillRemovesTheTemporaryFile) {
+  TempDir dir, tmp;
+  ScopedTmpdir scoped(tmp.path());
+  // A plain model handed to the protected road deciphers into garbage.
+  write_bytes(dir.file("garbage.kvr"), std::string(EncryptionRC4::kMagic) + "\x01\x02\x03\x04\x05\x06");
+  testing::internal::CaptureStdout();
+  std::unique_ptr<GraphDef> graph(EncryptionRC4::decryption_model(dir.file("garbage.kvr")));
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(graph->node_size(), 0);
+  EXPECT_TRUE(is_empty_dir(tmp.path()));
+}
+
+TEST(ProtectedModelTest, MissingStoredFileIsReported) {
+  testing::internal::CaptureStdout();
+  std::unique_ptr<GraphDef> graph(EncryptionRC4::decryption_model("/nonexistent/m.kvr"));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "\033[1m\033[31mError: Open file [/nonexistent/m.kvr] error!\033[0m\n");
+  EXPECT_EQ(graph->node_size(), 0);
+  EXPECT_FALSE(EncryptionRC4::encryption_model("/nonexistent/m.pb", "/tmp/never"));
+}
+
+TEST(ProtectedModelDeathTest, UnwritableTemporaryDirectoryAborts) {
+  // The death test's child inherits TMPDIR, so the model lives where TMPDIR is not consulted.
+  const std::string model = "/tmp/kovra_unwritable_tmp.kvr";
+  write_bytes(model, "KVRAPROT");
+  ScopedTmpdir scoped("/nonexistent-dir");
+  EXPECT_FATAL(EncryptionRC4::decryption_model(model),
+               "Open file [/nonexistent-dir/kovra_template_XXXXXX] failed!");
+  std::remove(model.c_str());
+}
+
+}  // namespace
+}  // namespace kovra_test
