@@ -1,0 +1,53 @@
+#ifndef KOVRAEXECUTOR_OPS_CONV2D_INT8_H_
+#define KOVRAEXECUTOR_OPS_CONV2D_INT8_H_
+
+#include <string>
+#include <vector>
+
+#include "ops/activate_int8.h"
+#include "ops/z40_conv2d_int8_op_executor.h"
+#include "tensor.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+// Matrix kernel of the int8 convolutions: `rows` output rows of
+// `out_channels` values. Each row reduces kernel_positions x in_channels
+// input values (first-layer inputs are quantized on the way) against the
+// weights, in float and in that order, then becomes sum * multiplier + bias.
+void gemm_float_int8(float* out, const float* in, const float* weight, const float* bias,
+                     const float* mean, const float* scale, bool first_layer, int in_channels,
+                     int out_channels, int rows, int kernel_positions,
+                     void (*activate)(float*, int, float), float alpha, int multiplier,
+                     int input_offset);
+
+// A first-layer input value as the code the convolution uses:
+// input_offset + round_half_even((x - mean) * scale), clamped to [0, 255].
+float first_layer_code(float x, float mean, float scale, float input_offset);
+
+// Per-call record shared by the tile workers.
+struct AVXConvInt8Param {
+  Int8ConvShape shape;
+  std::string ActionType;
+  const float* input_mean = nullptr;
+  const float* input_var = nullptr;
+  bool first_layer = false;
+  int input_offset = 0;
+  int multiplier = 1;
+  Int8OutputStage stage;
+};
+
+// Whole convolutions; inputs are the data, the weights and the bias.
+// conv2d_avx_int8 needs groups == 1 and runs tiles on the thread pool, with
+// the integer dot-product kernels when they give the same sums.
+void conv2d_avx_int8(const std::vector<const Tensor*>& inputs, Tensor* output,
+                     Z40Conv2DInt8Param* param);
+// Direct loop on the calling thread; honours groups.
+void conv2d_int8(const std::vector<const Tensor*>& inputs, Tensor* output, Z40Conv2DInt8Param* param);
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+#endif  // KOVRAEXECUTOR_OPS_CONV2D_INT8_H_
