@@ -1,0 +1,42 @@
+#ifndef KOVRAEXECUTOR_OPS_FLOAT_ELTWISE_KERNELS_H_
+#define KOVRAEXECUTOR_OPS_FLOAT_ELTWISE_KERNELS_H_
+
+#include "ops/activate.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+// Two-operand float kernels: out[i] = f(a[i], b[j]) for i in [0, n). The
+// callers validate sizes once; the kernels assume:
+//  - cyclic pairing, j = i mod nb, nb >= 1 (a per-channel b of C values
+//    applies value c to channel c; a single value applies to every element);
+//  - element pairing, j = i, nb >= n, with nb == 1 accepted as a scalar
+//    where the operator allows it — both are the cyclic rule restricted.
+// `act` is a fused in-place activation (activation_null for none).
+
+// a + b[i mod nb], then the fused "Relu"/"Relu6".
+void add_cpu(const float* a, int n, const float* b, int nb, float* out, ActivationFn act);
+// a + b with b a scalar (nb == 1) or of a's size, then the fused "Relu"/"Relu6".
+void eltwise_add_cpu(const float* a, int n, const float* b, int nb, float* out, ActivationFn act);
+// a - b, b a scalar or of a's size.
+void eltwise_sub_f32(const float* a, int n, const float* b, int nb, float* out);
+// a / b, b a scalar or of a's size.
+void eltwise_div_f32(const float* a, int n, const float* b, int nb, float* out);
+// a * b[i mod nb].
+void mul_cyclic_f32(const float* a, int n, const float* b, int nb, float* out);
+// a / b[i mod nb].
+void div_cyclic_f32(const float* a, int n, const float* b, int nb, float* out);
+// pow(a, b[i mod nb]) with the C library's double pow.
+void pow_cyclic_f32(const float* a, int n, const float* b, int nb, float* out);
+// std::max(a[i], b[i]); b holds at least n values.
+void max_f32(const float* a, int n, const float* b, float* out);
+// x * scale[i mod channels] + bias[i mod channels], then the fused activation.
+void batch_norm_scale_f32(const float* x, int n, const float* scale, const float* bias,
+                          int channels, float* out, ActivationFn act);
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+#endif  // KOVRAEXECUTOR_OPS_FLOAT_ELTWISE_KERNELS_H_
