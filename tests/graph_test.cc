@@ -13,10 +13,10 @@ using kovra::trenkit::kovraexecutor::Graph;
 
 // Builds a graph by hand: each entry is {name, op, inputs...}.
 void build(Graph& graph, const std::vector<std::vector<std::string>>& nodes) {
-  for (const auto& spec : nodes) {
-    Node* node = graph.add_node(spec[0]);
-    node->init_op(spec[1]);
-    for (size_t i = 2; i < spec.size(); ++i) node->add_input(spec[i]);
+  for (const auto& entry : nodes) {
+    Node* node = graph.add_node(entry[0]);
+    node->init_op(entry[1]);
+    for (size_t i = 2; i < entry.size(); ++i) node->add_input(entry[i]);
   }
 }
 
