@@ -67,6 +67,65 @@ class Tensor {
   // Bytes per element of a supported type; aborts for any other code.
   int element_byte_size(DataType type) const { return _get_ele_byte_size(type); }
 
+  // Element-wise arithmetic (tensor_operators.cc). Elements are read as float
+  // and every result is a new float tensor; tensor operands broadcast.
+  Tensor add(const Tensor& other) const;
+  Tensor sub(const Tensor& other) const;
+  Tensor mul(const Tensor& other) const;
+  Tensor div(const Tensor& other) const;
+  Tensor less_than(const Tensor& other) const;
+  Tensor greater_than(const Tensor& other) const;
+  Tensor equal(const Tensor& other) const;
+  Tensor less_equal(const Tensor& other) const;
+  Tensor greater_equal(const Tensor& other) const;
+  Tensor bool_or(const Tensor& other) const;
+  Tensor bool_and(const Tensor& other) const;
+  Tensor add(float s) const;
+  Tensor sub(float s) const;
+  Tensor mul(float s) const;
+  Tensor div(float s) const;
+  Tensor pow(float s) const;
+  // e^x; the argument has no effect.
+  Tensor exp(float s) const;
+  Tensor less_than(float s) const;
+  Tensor greater_than(float s) const;
+  Tensor equal(float s) const;
+  Tensor less_equal(float s) const;
+  Tensor greater_equal(float s) const;
+  Tensor bool_or(float s) const;
+  Tensor bool_and(float s) const;
+  Tensor neg() const;
+  Tensor abs() const;
+  Tensor sigmoid() const;
+  Tensor floor() const;
+  Tensor log() const;
+  Tensor sign() const;
+  Tensor bool_not() const;
+  void fill(float v);
+  // Clamps into [min, max]; aborts unless max > min.
+  Tensor clip(float min, float max) const;
+  // Compound forms assign the new contents; the name stays this tensor's.
+  Tensor& operator+=(const Tensor& other);
+  Tensor& operator-=(const Tensor& other);
+  Tensor& operator*=(const Tensor& other);
+  Tensor& operator/=(const Tensor& other);
+  Tensor& operator+=(float s);
+  Tensor& operator-=(float s);
+  Tensor& operator*=(float s);
+  Tensor& operator/=(float s);
+
+  // Reductions along one axis (tensor_reduce.cc), or over every element.
+  Tensor reduce_min(int axis, bool keep_dims) const;
+  Tensor reduce_max(int axis, bool keep_dims) const;
+  Tensor reduce_sum(int axis, bool keep_dims) const;
+  Tensor reduce_mean(int axis, bool keep_dims) const;
+  Tensor reduce_std(int axis, bool keep_dims) const;
+  float reduce_min() const;
+  float reduce_max() const;
+  float reduce_sum() const;
+  float reduce_mean() const;
+  float reduce_std() const;
+
   // Secondary outputs, owned by this tensor.
   void set_slave_tensors(Tensor* tensor);
   const std::vector<Tensor*>& get_slave_tensors() const { return slave_tensors_; }
