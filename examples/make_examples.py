@@ -1,0 +1,232 @@
+#!/usr/bin/env python3
+"""Writes the example models, their sample inputs and their expected outputs.
+
+    examples/float_model.pbtxt    input -> Z40Conv2D (3x3, Relu) -> Z40MaxPool 2x2 -> Z40Conv2D (3x3)
+    examples/int8_model.pbtxt     input -> Z40Quantize -> Z40Conv2DInt8 (3x3, Relu)
+                                  -> Z40Conv2DInt8 (3x3, stride 2) -> Z40Dequantize
+    examples/{float,int8}_input.npy      sample inputs, float32 [1, 12, 12, 3]
+    examples/{float,int8}_expected.npy   outputs computed here, independently of the library
+
+Plain python3 only. The int8 reference repeats the chip's float32 steps one
+rounding at a time (a product of two float32 values is exact in a double, so
+rounding it once to float32 gives the float32 product), so its codes are exact;
+the float reference is computed in double and matches to about 1e-6.
+"""
+
+import os
+import random
+import struct
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+H = W = 12
+C_IN = 3
+
+
+def f32(x):
+    return struct.unpack("<f", struct.pack("<f", x))[0]
+
+
+def shape_size(shape):
+    n = 1
+    for d in shape:
+        n *= d
+    return n
+
+
+# ---- files -------------------------------------------------------------------------------
+
+def npy_bytes(shape, values):
+    dims = ", ".join(str(d) for d in shape) + ("," if len(shape) == 1 else "")
+    header = "{'descr': '<f4', 'fortran_order': False, 'shape': (%s), }" % dims
+    pad = (64 - (10 + len(header) + 1) % 64) % 64
+    header = header + " " * pad + "\n"
+    data = struct.pack("<%df" % len(values), *values)
+    return b"\x93NUMPY\x01\x00" + struct.pack("<H", len(header)) + header.encode() + data
+
+
+def write(name, data):
+    mode = "wb" if isinstance(data, bytes) else "w"
+    with open(os.path.join(HERE, name), mode) as f:
+        f.write(data)
+
+
+def escape(data):
+    return "".join("\\%03o" % b for b in data)
+
+
+# ---- protobuf text format ----------------------------------------------------------------
+
+def attr(key, body):
+    return "  attr { key: \"%s\" value { %s } }\n" % (key, body)
+
+
+def a_s(key, text):
+    return attr(key, 's: "%s"' % text)
+
+
+def a_i(key, value):
+    return attr(key, "i: %d" % value)
+
+
+def a_f(key, value):
+    return attr(key, "f: %r" % f32(value))
+
+
+def a_ints(key, values):
+    return attr(key, "list { %s }" % " ".join("i: %d" % v for v in values))
+
+
+def a_floats(key, values):
+    return attr(key, "list { %s }" % " ".join("f: %r" % f32(v) for v in values))
+
+
+def node(name, op, inputs=(), attrs=""):
+    text = "node {\n  name: \"%s\"\n  op: \"%s\"\n" % (name, op)
+    for i in inputs:
+        text += "  input: \"%s\"\n" % i
+    return text + attrs + "}\n"
+
+
+def const(name, shape, values):
+    dims = " ".join("dim { size: %d }" % d for d in shape)
+    data = struct.pack("<%df" % len(values), *values)
+    body = 'tensor { dtype: DT_FLOAT tensor_shape { %s } tensor_content: "%s" }' % (dims, escape(data))
+    return node(name, "Const", (), attr("value", body))
+
+
+# ---- reference arithmetic ----------------------------------------------------------------
+
+def conv2d(x, shape, w, kshape, b, stride, combine):
+    """VALID convolution, NHWC input, weights [kh, kw, cin, cout].
+
+    combine(acc, bias, channel) turns the sum into the stored value."""
+    n, h, wd, c = shape
+    kh, kw, cin, cout = kshape
+    assert cin == c
+    oh = (h - kh) // stride + 1
+    ow = (wd - kw) // stride + 1
+    out = []
+    for oy in range(oh):
+        for ox in range(ow):
+            for o in range(cout):
+                acc = 0.0
+                for ky in range(kh):
+                    for kx in range(kw):
+                        for i in range(c):
+                            xv = x[((oy * stride + ky) * wd + (ox * stride + kx)) * c + i]
+                            acc += xv * w[((ky * kw + kx) * cin + i) * cout + o]
+                out.append(combine(acc, b[o], o))
+    return out, [n, oh, ow, cout]
+
+
+def maxpool2(x, shape):
+    n, h, w, c = shape
+    out = []
+    for oy in range(h // 2):
+        for ox in range(w // 2):
+            for ch in range(c):
+                out.append(max(x[((2 * oy + dy) * w + 2 * ox + dx) * c + ch]
+                               for dy in range(2) for dx in range(2)))
+    return out, [n, h // 2, w // 2, c]
+
+
+# ---- the float model ---------------------------------------------------------------------
+
+def float_example(rng):
+    x = [rng.randint(-64, 64) / 64.0 for _ in range(H * W * C_IN)]
+    w1 = [rng.randint(-64, 64) / 128.0 for _ in range(3 * 3 * C_IN * 8)]
+    b1 = [rng.randint(-16, 16) / 32.0 for _ in range(8)]
+    w2 = [rng.randint(-64, 64) / 128.0 for _ in range(3 * 3 * 8 * 4)]
+    b2 = [rng.randint(-16, 16) / 32.0 for _ in range(4)]
+
+    conv_attrs = (a_ints("strides", [1, 1, 1, 1]) + a_s("padding", "VALID") + a_ints("pads", [0, 0, 0, 0])
+                  + a_ints("dilations", [1, 1, 1, 1]) + a_f("pad_value", 0.0))
+    text = "# Generated by examples/make_examples.py: a small float network.\n"
+    text += node("input", "ZxxNOp")
+    text += const("conv1/weights", [3, 3, C_IN, 8], w1)
+    text += const("conv1/bias", [8], b1)
+    text += node("conv1", "Z40Conv2D", ["input", "conv1/weights", "conv1/bias"],
+                 conv_attrs + a_s("ActionType", "Relu"))
+    text += node("pool1", "Z40MaxPool", ["conv1"],
+                 a_ints("ksize", [1, 2, 2, 1]) + a_ints("strides", [1, 2, 2, 1])
+                 + a_s("padding", "VALID") + a_ints("pads", [0, 0, 0, 0]))
+    text += const("logits/weights", [3, 3, 8, 4], w2)
+    text += const("logits/bias", [4], b2)
+    text += node("logits/conv", "Z40Conv2D", ["pool1", "logits/weights", "logits/bias"], conv_attrs)
+
+    y, s = conv2d(x, [1, H, W, C_IN], w1, [3, 3, C_IN, 8], b1, 1, lambda acc, b, o: max(acc + b, 0.0))
+    y, s = maxpool2(y, s)
+    y, s = conv2d(y, s, w2, [3, 3, 8, 4], b2, 1, lambda acc, b, o: acc + b)
+    write("float_model.pbtxt", text)
+    write("float_input.npy", npy_bytes([1, H, W, C_IN], x))
+    write("float_expected.npy", npy_bytes(s, y))
+
+
+# ---- the int8 model ----------------------------------------------------------------------
+
+def half_even(v):
+    return float(round(v))  # Python rounds exact ties to even
+
+
+def int8_example(rng):
+    x = [rng.randint(-64, 64) / 64.0 for _ in range(H * W * C_IN)]
+    qscale = [100.0, 90.0, 110.0]
+    w1 = [float(rng.randint(-127, 127)) for _ in range(3 * 3 * C_IN * 8)]
+    b1 = [float(rng.randint(-2000, 2000)) for _ in range(8)]
+    w2 = [float(rng.randint(-127, 127)) for _ in range(3 * 3 * 8 * 4)]
+    b2 = [float(rng.randint(-2000, 2000)) for _ in range(4)]
+    deq = [1 / 32.0, 1 / 64.0, 3 / 128.0, 1 / 16.0]
+
+    # Quantize: round(QSCALE[c] * x), clamp to [-128, 127], add offset 0.
+    codes = [min(max(half_even(f32(qscale[i % C_IN] * v)), -128.0), 127.0) for i, v in enumerate(x)]
+
+    def requantize(scales, lo, hi):
+        # accumulator * 2^0 + bias, times the channel's output scale, rounded and clamped.
+        return lambda acc, b, o: min(max(half_even(f32(f32(acc + b) * f32(scales[o]))), lo), hi)
+
+    def fit_scales(acc, channels):
+        # Multiples of 2^-16 that map the largest accumulator of a channel to about 110.
+        top = [max(abs(v) for v in acc[c::channels]) for c in range(channels)]
+        return [max(1, round(110.0 / t * 2 ** 16)) / 2.0 ** 16 for t in top]
+
+    identity = lambda acc, b, o: acc + b
+    scale1 = fit_scales(conv2d(codes, [1, H, W, C_IN], w1, [3, 3, C_IN, 8], b1, 1, identity)[0], 8)
+    y, s = conv2d(codes, [1, H, W, C_IN], w1, [3, 3, C_IN, 8], b1, 1, requantize(scale1, 0.0, 127.0))
+    scale2 = fit_scales(conv2d(y, s, w2, [3, 3, 8, 4], b2, 2, identity)[0], 4)
+    y, s = conv2d(y, s, w2, [3, 3, 8, 4], b2, 2, requantize(scale2, -128.0, 127.0))
+    out = [f32(q * f32(deq[i % 4])) for i, q in enumerate(y)]
+
+    def conv_attrs(scales, lo, stride, action):
+        return (a_s("ActionType", action) + a_ints("multify_factor", [0]) + a_ints("dilations", [1, 1, 1, 1])
+                + a_i("input_bitwidth", 8) + a_i("maxValue", 127) + a_i("minValue", lo) + a_i("offset", 0)
+                + a_floats("OUTPUTSCALE", scales) + a_i("output_bitwidth", 8) + a_s("padding", "VALID")
+                + a_ints("pads", [0, 0, 0, 0]) + a_f("pad_value", 0.0)
+                + a_ints("strides", [1, stride, stride, 1]))
+
+    text = "# Generated by examples/make_examples.py: a small int8 network.\n"
+    text += node("input", "ZxxNOp")
+    text += node("quantize", "Z40Quantize", ["input"],
+                 a_floats("QSCALE", qscale) + a_i("maxValue", 127) + a_i("minValue", -128)
+                 + a_i("offset", 0) + a_i("input_bitwidth", 32) + a_i("output_bitwidth", 8))
+    text += const("conv1/weights", [3, 3, C_IN, 8], w1)
+    text += const("conv1/bias", [8], b1)
+    text += node("conv1", "Z40Conv2DInt8", ["quantize", "conv1/weights", "conv1/bias"],
+                 conv_attrs(scale1, 0, 1, "Relu"))
+    text += const("conv2/weights", [3, 3, 8, 4], w2)
+    text += const("conv2/bias", [4], b2)
+    text += node("conv2", "Z40Conv2DInt8", ["conv1", "conv2/weights", "conv2/bias"],
+                 conv_attrs(scale2, -128, 2, "None"))
+    text += node("output/dequantize", "Z40Dequantize", ["conv2"],
+                 a_floats("QSCALE", deq) + a_i("offset", 0) + a_i("output_bitwidth", 32))
+    write("int8_model.pbtxt", text)
+    write("int8_input.npy", npy_bytes([1, H, W, C_IN], x))
+    write("int8_expected.npy", npy_bytes(s, out))
+
+
+def main():
+    float_example(random.Random(20240611))
+    int8_example(random.Random(20240612))
+
+
+if __name__ == "__main__":
+    main()

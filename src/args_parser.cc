@@ -1,0 +1,217 @@
+#include "args_parser.h"
+
+#include <cctype>
+#include <cstdlib>
+#include <iostream>
+
+#include <CLI/CLI.hpp>
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+bool parse_dims(const std::string& text, std::vector<int>& dims) {
+  dims.clear();
+  size_t start = 0;
+  while (start <= text.size()) {
+    size_t end = text.find('x', start);
+    if (end == std::string::npos) end = text.size();
+    const std::string item = text.substr(start, end - start);
+    if (item.empty() || item.size() > 10) return false;
+    for (char c : item) {
+      if (!std::isdigit(static_cast<unsigned char>(c))) return false;
+    }
+    const long long dim = std::stoll(item);
+    if (dim < 1 || dim > 0x7fffffffLL) return false;
+    dims.push_back(static_cast<int>(dim));
+    start = end + 1;
+  }
+  return !dims.empty();
+}
+
+bool parse_input_arg(const std::string& text, InputArg& arg, std::string& error) {
+  const size_t eq = text.find('=');
+  if (eq == std::string::npos || eq == 0 || eq + 1 == text.size()) {
+    error = "bad input '" + text + "': expected NAME=PATH or NAME=PATH:DIMS";
+    return false;
+  }
+  arg.name = text.substr(0, eq);
+  arg.path = text.substr(eq + 1);
+  arg.dims.clear();
+  const size_t colon = arg.path.rfind(':');
+  if (colon != std::string::npos) {
+    std::vector<int> dims;
+    const std::string suffix = arg.path.substr(colon + 1);
+    if (parse_dims(suffix, dims)) {
+      arg.dims = dims;
+      arg.path.erase(colon);
+    } else if (!suffix.empty() && suffix.find_first_not_of("0123456789x") == std::string::npos) {
+      error = "bad dimensions '" + suffix + "' in input '" + text + "': expected e.g. 1x224x224x3";
+      return false;
+    }
+  }
+  if (arg.path.empty()) {
+    error = "bad input '" + text + "': empty file name";
+    return false;
+  }
+  return true;
+}
+
+struct ArgsParser::Impl {
+  CLI::App app{"Runs and examines kovra accelerator models on the host.", "kovra"};
+  CLI::App* run = nullptr;
+  CLI::App* inspect = nullptr;
+  CLI::App* convert = nullptr;
+  CLI::App* protect = nullptr;
+  CLI::App* unprotect = nullptr;
+  CLI::App* compare = nullptr;
+  CLI::Option* repeat = nullptr;
+};
+
+namespace {
+
+const char* const kFormats[] = {"auto", "plain", "text", "protected"};
+
+// Tolerances: a plain non-negative number.
+const CLI::Validator kTolerance(
+    [](std::string& text) -> std::string {
+      char* end = nullptr;
+      const double value = std::strtod(text.c_str(), &end);
+      if (text.empty() || *end != '\0' || !(value >= 0.0)) return "'" + text + "' is not a number >= 0";
+      return std::string();
+    },
+    "TOL");
+
+}  // namespace
+
+ArgsParser::ArgsParser() : impl_(new Impl) {
+  CLI::App& app = impl_->app;
+  app.require_subcommand(1);
+  app.footer("Run 'kovra COMMAND --help' for the options of one command.");
+  const std::vector<std::string> formats(std::begin(kFormats), std::end(kFormats));
+
+  CLI::App* run = impl_->run = app.add_subcommand(
+      "run", "execute kovra model on input files; print, save, dump and time its outputs");
+  run->add_option("model", run_.model, "model file")->required();
+  run->add_option("--format", run_.format, "model file format (auto decides from the file)")
+      ->check(CLI::IsMember(formats));
+  run->add_option("-i,--input", raw_inputs_,
+                  "input tensor: NAME=FILE.npy, or NAME=FILE:DIMS for raw little-endian float32 "
+                  "(DIMS like 1x224x224x3); repeat for several inputs")
+      ->allow_extra_args(false)
+      ->type_name("NAME=PATH[:DIMS]");
+  run->add_option("--output", run_.output, "end node (default: every node without consumers)");
+  run->add_option("--start", raw_starts_, "start nodes, comma separated (default: graph inputs)")
+      ->type_name("NODE,...");
+  run->add_option("--out-dir", run_.out_dir, "write each output to DIR/<name>.npy")
+      ->type_name("DIR");
+  run->add_option("--dump", run_.dump_dir, "dump every computed tensor into DIR")
+      ->type_name("DIR");
+  run->add_flag("--inplace", run_.inplace, "free intermediate tensors as soon as possible");
+  impl_->repeat =
+      run->add_option("--repeat", run_.repeat, "run N times and print a time profile")
+          ->check(CLI::Range(1, 1000000))
+          ->type_name("N");
+  run->add_option("--trace", run_.trace, "write the per-node timeline as Chrome trace JSON")
+      ->type_name("FILE");
+  run->add_option("--threads", run_.threads, "worker threads of the convolutions")
+      ->check(CLI::Range(1, 1024))
+      ->type_name("N");
+
+  CLI::App* inspect = impl_->inspect =
+      app.add_subcommand("inspect", "list the nodes, weights, inputs and outputs of a model");
+  inspect->add_option("model", inspect_.model, "model file")->required();
+  inspect->add_option("--format", inspect_.format, "model file format")->check(CLI::IsMember(formats));
+
+  CLI::App* convert = impl_->convert =
+      app.add_subcommand("convert", "convert a model between binary and text format");
+  convert->add_option("in", convert_.in, "model file to read")->required();
+  convert->add_option("out", convert_.out, "model file to write")->required();
+  convert->add_option("--format", convert_.format, "format of the input")->check(CLI::IsMember(formats));
+  convert->add_option("--to", convert_.to, "format to write (default: the other of binary and text)")
+      ->check(CLI::IsMember({"plain", "text"}));
+
+  CLI::App* protect = impl_->protect =
+      app.add_subcommand("protect", "encipher a model for the library's path constructor");
+  protect->add_option("in", cipher_.in, "plain (binary or text) model file")->required();
+  protect->add_option("out", cipher_.out, "protected model file to write")->required();
+
+  CLI::App* unprotect = impl_->unprotect =
+      app.add_subcommand("unprotect", "decipher a protected model into a binary model");
+  unprotect->add_option("in", cipher_.in, "protected model file")->required();
+  unprotect->add_option("out", cipher_.out, "binary model file to write")->required();
+
+  CLI::App* compare = impl_->compare = app.add_subcommand(
+      "compare", "compare two tensor folders (dumps or .npy files) tensor by tensor");
+  compare->add_option("A", compare_.a, "folder under test")->required();
+  compare->add_option("B", compare_.b, "reference folder")->required();
+  compare->add_option("--rtol", compare_.rtol, "relative tolerance")->check(kTolerance);
+  compare->add_option("--atol", compare_.atol, "absolute tolerance")->check(kTolerance);
+}
+
+ArgsParser::~ArgsParser() = default;
+
+std::string ArgsParser::usage() const { return impl_->app.help(); }
+
+int ArgsParser::parse(int argc, const char* const* argv) {
+  CLI::App& app = impl_->app;
+  if (argc < 2) {
+    std::cout << app.help();
+    return 2;
+  }
+  std::string where = "kovra";
+  std::string names;
+  for (CLI::App* sub : app.get_subcommands({})) {
+    if (sub->get_name() == argv[1]) where += " " + sub->get_name();
+    names += (names.empty() ? "" : ", ") + sub->get_name();
+  }
+  if (where == "kovra" && argv[1][0] != '-') {
+    std::cerr << "kovra: unknown command '" << argv[1] << "' (commands: " << names << ")" << std::endl;
+    return 2;
+  }
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForAllHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    std::cerr << where << ": " << e.what() << " (see '" << where << " --help')" << std::endl;
+    return 2;
+  }
+  if (impl_->run->parsed()) {
+    command_ = Command::kRun;
+    for (const std::string& text : raw_inputs_) {
+      InputArg arg;
+      std::string error;
+      if (!parse_input_arg(text, arg, error)) {
+        std::cerr << "kovra run: " << error << std::endl;
+        return 2;
+      }
+      run_.inputs.push_back(arg);
+    }
+    size_t start = 0;
+    while (!raw_starts_.empty() && start <= raw_starts_.size()) {
+      size_t end = raw_starts_.find(',', start);
+      if (end == std::string::npos) end = raw_starts_.size();
+      if (end > start) run_.starts.push_back(raw_starts_.substr(start, end - start));
+      start = end + 1;
+    }
+    run_.profile = impl_->repeat->count() > 0;
+  } else if (impl_->inspect->parsed()) {
+    command_ = Command::kInspect;
+  } else if (impl_->convert->parsed()) {
+    command_ = Command::kConvert;
+  } else if (impl_->protect->parsed()) {
+    command_ = Command::kProtect;
+  } else if (impl_->unprotect->parsed()) {
+    command_ = Command::kUnprotect;
+  } else if (impl_->compare->parsed()) {
+    command_ = Command::kCompare;
+  }
+  return -1;
+}
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra

@@ -1,0 +1,105 @@
+#ifndef KOVRAEXECUTOR_ARGS_PARSER_H_
+#define KOVRAEXECUTOR_ARGS_PARSER_H_
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+// One -i argument: NAME=PATH or NAME=PATH:DIMS (DIMS like 1x224x224x3).
+struct InputArg {
+  std::string name;
+  std::string path;
+  std::vector<int> dims;  // empty: the file is a .npy that carries its shape
+};
+
+// Splits "NAME=PATH[:DIMS]". The last ':' starts DIMS only when what follows
+// it is a list of positive integers joined by 'x', so paths may hold ':'.
+bool parse_input_arg(const std::string& text, InputArg& arg, std::string& error);
+// "1x224x224x3" -> {1, 224, 224, 3}; false on anything else.
+bool parse_dims(const std::string& text, std::vector<int>& dims);
+
+struct RunOptions {
+  std::string model;
+  std::string format = "auto";
+  std::vector<InputArg> inputs;
+  std::string output;
+  std::vector<std::string> starts;
+  std::string out_dir;
+  std::string dump_dir;
+  bool inplace = false;
+  int repeat = 1;
+  bool profile = false;  // --repeat was given
+  std::string trace;
+  int threads = 0;  // 0: leave the library's default
+};
+
+struct InspectOptions {
+  std::string model;
+  std::string format = "auto";
+};
+
+struct ConvertOptions {
+  std::string in;
+  std::string out;
+  std::string format = "auto";  // of the input
+  std::string to;               // "plain" or "text"; empty: the other one
+};
+
+// protect and unprotect
+struct CipherOptions {
+  std::string in;
+  std::string out;
+};
+
+struct CompareOptions {
+  std::string a;
+  std::string b;
+  double rtol = 1e-5;
+  double atol = 1e-6;
+};
+
+// Command-line front end of the kovra tool: subcommands run, inspect,
+// convert, protect, unprotect and compare, each with its own --help.
+class ArgsParser {
+ public:
+  enum class Command { kNone, kRun, kInspect, kConvert, kProtect, kUnprotect, kCompare };
+
+  ArgsParser();
+  ~ArgsParser();
+  ArgsParser(const ArgsParser&) = delete;
+  ArgsParser& operator=(const ArgsParser&) = delete;
+
+  // Returns -1 when a command is ready to execute; otherwise the process exit
+  // code, after the help text (0) or a one-line error (2) has been printed.
+  int parse(int argc, const char* const* argv);
+
+  Command command() const { return command_; }
+  const RunOptions& run() const { return run_; }
+  const InspectOptions& inspect() const { return inspect_; }
+  const ConvertOptions& convert() const { return convert_; }
+  const CipherOptions& cipher() const { return cipher_; }
+  const CompareOptions& compare() const { return compare_; }
+  std::string usage() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+  Command command_ = Command::kNone;
+  RunOptions run_;
+  InspectOptions inspect_;
+  ConvertOptions convert_;
+  CipherOptions cipher_;
+  CompareOptions compare_;
+  std::vector<std::string> raw_inputs_;
+  std::string raw_starts_;
+};
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+#endif  // KOVRAEXECUTOR_ARGS_PARSER_H_

@@ -1,0 +1,100 @@
+#include "input_loader.h"
+
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "npy.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+std::string dims_text(const std::vector<int>& dims) {
+  std::string text;
+  for (size_t i = 0; i < dims.size(); ++i) text += (i ? "x" : "") + std::to_string(dims[i]);
+  return text.empty() ? "scalar" : text;
+}
+
+namespace {
+
+bool is_npy(const std::string& bytes) { return bytes.compare(0, 6, "\x93NUMPY") == 0; }
+
+size_t element_count(const std::vector<int>& dims) {
+  size_t count = 1;
+  for (int d : dims) count *= static_cast<size_t>(d);
+  return count;
+}
+
+}  // namespace
+
+bool load_input(const InputArg& arg, std::unique_ptr<Tensor>& tensor, std::string& error) {
+  std::ifstream file(arg.path, std::ios::in | std::ios::binary);
+  if (!file.is_open()) {
+    error = arg.path + ": cannot open input file for '" + arg.name + "'";
+    return false;
+  }
+  std::ostringstream buffer;
+  buffer << file.rdbuf();
+  const std::string bytes = buffer.str();
+
+  std::vector<int> shape;
+  std::vector<float> values;
+  if (is_npy(bytes)) {
+    NpyArray array;
+    if (!parse_npy(bytes, arg.path, array, error)) return false;
+    if (!arg.dims.empty() && arg.dims != array.shape) {
+      error = arg.path + ": the file holds shape " + dims_text(array.shape) + " but " +
+              dims_text(arg.dims) + " was given";
+      return false;
+    }
+    shape = array.shape;
+    values = std::move(array.values);
+  } else {
+    if (arg.dims.empty()) {
+      error = arg.path + ": not a .npy file; give the shape of raw float32 data as " + arg.name +
+              "=" + arg.path + ":DIMS";
+      return false;
+    }
+    const size_t needed = element_count(arg.dims) * 4;
+    if (element_count(arg.dims) > 0x7fffffffULL || bytes.size() != needed) {
+      error = arg.path + ": holds " + std::to_string(bytes.size()) + " bytes but shape " +
+              dims_text(arg.dims) + " of float32 needs " + std::to_string(needed);
+      return false;
+    }
+    shape = arg.dims;
+    values.resize(element_count(shape));
+    std::memcpy(values.data(), bytes.data(), needed);
+  }
+  if (values.empty()) {
+    error = arg.path + ": the array has no elements";
+    return false;
+  }
+  // A tensor is never sized by an empty shape: a scalar is one element.
+  if (shape.empty()) shape.push_back(1);
+  tensor.reset(new Tensor(shape, Tensor::DT_FLOAT, nullptr, "cpu"));
+  tensor->set_name(arg.name);
+  std::memcpy(tensor->mutable_data<float>(), values.data(), values.size() * sizeof(float));
+  return true;
+}
+
+bool load_inputs(const std::vector<InputArg>& input_args, std::vector<std::unique_ptr<Tensor>>& tensors,
+                 std::string& error) {
+  tensors.clear();
+  for (const InputArg& arg : input_args) {
+    for (const auto& loaded : tensors) {
+      if (loaded->name() == arg.name) {
+        error = "input '" + arg.name + "' is given twice";
+        return false;
+      }
+    }
+    std::unique_ptr<Tensor> tensor;
+    if (!load_input(arg, tensor, error)) return false;
+    tensors.push_back(std::move(tensor));
+  }
+  return true;
+}
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra

@@ -1,0 +1,737 @@
+// End-to-end tests of the kovra tool: every case runs the real binary.
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <initializer_list>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include <google/protobuf/util/message_differencer.h>
+
+#include "encryption.h"
+#include "graph_executor.h"
+#include "npy.h"
+#include "op_executor.h"
+#include "support/test_util.h"
+
+namespace kovra_test {
+namespace {
+
+using kovra::trenkit::kovraexecutor::EncryptionRC4;
+using kovra::trenkit::kovraexecutor::GraphExecutor;
+using kovra::trenkit::kovraexecutor::Holder;
+using kovra::trenkit::kovraexecutor::NpyArray;
+using kovra::trenkit::kovraexecutor::read_npy;
+using kovra::trenkit::kovraexecutor::write_npy;
+
+struct Result {
+  int code;
+  std::string out;  // standard output and standard error together
+};
+
+std::string env_or_empty(const char* name) {
+  const char* value = std::getenv(name);
+  return value ? value : "";
+}
+
+Result kovra(const std::string& args) {
+  const std::string dir = env_or_empty("KOVRA_TEST_BIN_DIR");
+  EXPECT_FALSE(dir.empty()) << "KOVRA_TEST_BIN_DIR is not set (ctest sets it)";
+  const std::string command = dir + "/kovra " + args + " 2>&1";
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return {-1, ""};
+  std::string out;
+  char buffer[4096];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) out.append(buffer, n);
+  const int status = pclose(pipe);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), out};
+}
+
+bool has_line(const std::string& out, const std::string& line) {
+  std::istringstream lines(out);
+  std::string l;
+  while (std::getline(lines, l)) {
+    if (l == line) return true;
+  }
+  return false;
+}
+
+std::string line_starting(const std::string& out, const std::string& prefix) {
+  std::istringstream lines(out);
+  std::string l;
+  while (std::getline(lines, l)) {
+    if (l.compare(0, prefix.size(), prefix) == 0) return l;
+  }
+  return "";
+}
+
+std::string slurp(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::ostringstream buffer;
+  buffer << file.rdbuf();
+  return buffer.str();
+}
+
+void spit(const std::string& path, const std::string& data) {
+  std::ofstream(path, std::ios::binary).write(data.data(), static_cast<std::streamsize>(data.size()));
+}
+
+void write_floats(const std::string& path, const std::vector<int>& shape, const std::vector<float>& v) {
+  std::string error;
+  ASSERT_TRUE(write_npy(path, shape, v.data(), error)) << error;
+}
+
+std::vector<float> read_floats(const std::string& path, std::vector<int>* shape = nullptr) {
+  NpyArray array;
+  std::string error;
+  EXPECT_TRUE(read_npy(path, array, error)) << error;
+  if (shape) *shape = array.shape;
+  return array.values;
+}
+
+bool registered(std::initializer_list<const char*> ops, std::string& missing) {
+  for (const char* op : ops) {
+    if (!Holder::new_op_creator().count(op)) missing += std::string(missing.empty() ? "" : ", ") + op;
+  }
+  return missing.empty();
+}
+
+// Skips the test while an operator it needs is not in the library yet.
+#define REQUIRE_OPS(...)                                                          \
+  do {                                                                            \
+    std::string missing_ops;                                                      \
+    if (!registered({__VA_ARGS__}, missing_ops)) GTEST_SKIP() << "needs " << missing_ops; \
+  } while (0)
+
+// A model of placeholder operators: it loads and runs, but computes nothing.
+const char* const kPlaceholderModel = R"(
+node { name: "input" op: "ZxxNOp" }
+node { name: "w" op: "Const" attr { key: "value" value { tensor {
+  dtype: DT_FLOAT tensor_shape { dim { size: 1 } } tensor_content: "\000\000\200?" } } } }
+node { name: "qconv" op: "Z40QuantizeConv2D" input: "input" input: "w"
+       attr { key: "output_bitwidth" value { i: 8 } } }
+)";
+
+// A raw float32 input of shape 1x2x2x1.
+void write_raw_input(const std::string& path) {
+  const float values[4] = {1, 2, 3, 4};
+  spit(path, std::string(reinterpret_cast<const char*>(values), sizeof(values)));
+}
+
+std::string examples_dir() { return env_or_empty("KOVRA_SOURCE_DIR") + "/examples"; }
+
+// ---- invocations that must fail cleanly --------------------------------------------------
+
+struct BadCase {
+  const char* label;
+  std::string args;  // {dir} stands for the test's folder
+  int code;
+  std::string line;  // the exact message line ({dir} substituted)
+};
+
+std::string substitute(std::string text, const std::string& dir) {
+  for (size_t at; (at = text.find("{dir}")) != std::string::npos;) text.replace(at, 5, dir);
+  return text;
+}
+
+class BadInvocationTest : public ::testing::TestWithParam<BadCase> {};
+
+TEST_P(BadInvocationTest, EndsWithOneClearLine) {
+  TempDir dir;
+  spit(dir.file("p.pbtxt"), kPlaceholderModel);
+  write_raw_input(dir.file("in.bin"));
+  write_floats(dir.file("in.npy"), {1, 2, 2, 1}, {1, 2, 3, 4});
+  spit(dir.file("junk.pb"), std::string("\x01\x02\x03 this is no model \xff\xfe", 24));
+  spit(dir.file("badmagic.pb"), std::string("KVRAPROT") + "garbage that deciphers to nothing");
+  spit(dir.file("afile"), "x");
+  spit(dir.file("empty"), "");
+  ASSERT_EQ(::mkdir(dir.file("sub").c_str(), 0755), 0);
+  std::string protected_model = parse_text_graph(kPlaceholderModel).SerializeAsString();
+  EncryptionRC4::crypt(protected_model);
+  spit(dir.file("p.prot"), std::string("KVRAPROT") + protected_model);
+  spit(dir.file("unknown.pbtxt"), R"(node { name: "input" op: "ZxxNOp" }
+                                   node { name: "f" op: "Z40Frobnicate" input: "input" })");
+  spit(dir.file("dangling.pbtxt"), R"(node { name: "input" op: "ZxxNOp" }
+                                    node { name: "b" op: "ZxxFlatten" input: "zzz" })");
+  spit(dir.file("cycle.pbtxt"), R"(node { name: "input" op: "ZxxNOp" }
+                                 node { name: "a" op: "ZxxFlatten" input: "input" input: "b" }
+                                 node { name: "b" op: "ZxxFlatten" input: "a" })");
+  spit(dir.file("twice.pbtxt"), R"(node { name: "input" op: "ZxxNOp" }
+                                 node { name: "input" op: "ZxxFlatten" })");
+  spit(dir.file("noname.pbtxt"), R"(node { name: "input" op: "ZxxNOp" } node { op: "ZxxFlatten" })");
+  spit(dir.file("novalue.pbtxt"), R"(node { name: "input" op: "ZxxNOp" } node { name: "w" op: "Const" }
+                                   node { name: "f" op: "ZxxFlatten" input: "input" input: "w" })");
+  spit(dir.file("short.pbtxt"), R"(node { name: "input" op: "ZxxNOp" }
+    node { name: "w" op: "Const" attr { key: "value" value { tensor {
+      dtype: DT_FLOAT tensor_shape { dim { size: 2 } } tensor_content: "\000\000\200?" } } } }
+    node { name: "f" op: "ZxxFlatten" input: "input" input: "w" })");
+  spit(dir.file("badtype.pbtxt"), R"(node { name: "input" op: "ZxxNOp" }
+    node { name: "w" op: "Const" attr { key: "value" value { tensor { dtype: DT_DOUBLE } } } }
+    node { name: "f" op: "ZxxFlatten" input: "input" input: "w" })");
+  spit(dir.file("negshape.pbtxt"), R"(node { name: "input" op: "ZxxNOp" }
+    node { name: "w" op: "Const" attr { key: "value" value { tensor {
+      dtype: DT_FLOAT tensor_shape { dim { size: -2 } } } } } }
+    node { name: "f" op: "ZxxFlatten" input: "input" input: "w" })");
+  spit(dir.file("nobitwidth.pbtxt"), R"(node { name: "input" op: "ZxxNOp" }
+                                      node { name: "q" op: "Z40QuantizeAdd" input: "input" })");
+  const Result r = kovra(substitute(GetParam().args, dir.path()));
+  EXPECT_EQ(r.code, GetParam().code) << r.out;
+  EXPECT_TRUE(has_line(r.out, substitute(GetParam().line, dir.path()))) << r.out;
+  EXPECT_EQ(r.out.find("Aborted"), std::string::npos);
+}
+
+const char* const kRunHint = " (see 'kovra run --help')";
+
+INSTANTIATE_TEST_SUITE_P(
+    AllCases, BadInvocationTest,
+    ::testing::Values(
+        BadCase{"UnknownCommand", "frob", 2,
+                "kovra: unknown command 'frob' (commands: run, inspect, convert, protect, unprotect, compare)"},
+        BadCase{"UnknownFlag", "run {dir}/p.pbtxt --bogus", 2,
+                std::string("kovra run: The following argument was not expected: --bogus") + kRunHint},
+        BadCase{"NoModel", "run", 2, std::string("kovra run: model is required") + kRunHint},
+        BadCase{"BadFormatWord", "run {dir}/p.pbtxt --format xml", 2,
+                std::string("kovra run: --format: xml not in {auto,plain,text,protected}") + kRunHint},
+        BadCase{"ZeroRepeat", "run {dir}/p.pbtxt --repeat 0", 2,
+                std::string("kovra run: --repeat: Value 0 not in range 1 to 1000000") + kRunHint},
+        BadCase{"BadInputText", "run {dir}/p.pbtxt -i input", 2,
+                "kovra run: bad input 'input': expected NAME=PATH or NAME=PATH:DIMS"},
+        BadCase{"MissingModelFile", "run {dir}/none.pb", 2, "kovra run: cannot read model file '{dir}/none.pb'"},
+        BadCase{"ModelIsAFolder", "inspect {dir}", 2, "kovra inspect: cannot read model file '{dir}'"},
+        BadCase{"GarbledModel", "run {dir}/junk.pb -i input={dir}/in.npy", 2,
+                "kovra run: cannot read '{dir}/junk.pb' as a model: neither protected, binary nor text GraphDef"},
+        BadCase{"GarbledProtected", "run {dir}/badmagic.pb", 2,
+                "kovra run: '{dir}/badmagic.pb' has the protected-model magic but does not decipher into a "
+                "model (damaged, or enciphered with another key)"},
+        BadCase{"TextGivenAsPlain", "run {dir}/p.pbtxt --format plain", 2,
+                "kovra run: '{dir}/p.pbtxt' is not a binary GraphDef with nodes"},
+        BadCase{"JunkGivenAsText", "inspect {dir}/afile --format text", 2,
+                "kovra inspect: '{dir}/afile' is not a text GraphDef: line 1 column 2: Message type "
+                "\"kovra.trenkit.GraphDef\" has no field named \"x\"."},
+        BadCase{"EmptyText", "inspect {dir}/empty --format text", 2, "kovra inspect: '{dir}/empty' holds no nodes"},
+        BadCase{"EmptyAuto", "inspect {dir}/empty", 2,
+                "kovra inspect: cannot read '{dir}/empty' as a model: neither protected, binary nor text GraphDef"},
+        BadCase{"PlainGivenAsProtected", "run {dir}/p.pbtxt --format protected", 2,
+                "kovra run: '{dir}/p.pbtxt' does not decipher into a model (not protected, or another key)"},
+        BadCase{"UnknownOperator", "run {dir}/unknown.pbtxt -i input={dir}/in.npy", 2,
+                "kovra run: {dir}/unknown.pbtxt: the model uses operators this build does not have: Z40Frobnicate"},
+        BadCase{"DanglingInput", "run {dir}/dangling.pbtxt", 2,
+                "kovra run: {dir}/dangling.pbtxt: node 'b' reads 'zzz', which is not in the model"},
+        BadCase{"Cycle", "run {dir}/cycle.pbtxt", 2,
+                "kovra run: {dir}/cycle.pbtxt: the model has a cycle among the nodes: a, b"},
+        BadCase{"DuplicateName", "run {dir}/twice.pbtxt", 2,
+                "kovra run: {dir}/twice.pbtxt: the node name 'input' appears twice"},
+        BadCase{"NamelessNode", "run {dir}/noname.pbtxt --format text", 2,
+                "kovra run: {dir}/noname.pbtxt: the model has a node without a name (op ZxxFlatten)"},
+        BadCase{"ConstWithoutValue", "run {dir}/novalue.pbtxt", 2,
+                "kovra run: {dir}/novalue.pbtxt: constant 'w' has no tensor attribute \"value\""},
+        BadCase{"ConstTooShort", "run {dir}/short.pbtxt", 2,
+                "kovra run: {dir}/short.pbtxt: constant 'w' holds 4 bytes of data but its shape needs 8"},
+        BadCase{"ConstBadType", "run {dir}/badtype.pbtxt", 2,
+                "kovra run: {dir}/badtype.pbtxt: constant 'w' has unsupported element type 2"},
+        BadCase{"ConstBadShape", "run {dir}/negshape.pbtxt", 2,
+                "kovra run: {dir}/negshape.pbtxt: constant 'w' has an invalid shape"},
+        BadCase{"UnknownInputName", "run {dir}/p.pbtxt -i imgs={dir}/in.npy", 2,
+                "kovra run: unknown input 'imgs'; the model's inputs are: input"},
+        BadCase{"MissingInput", "run {dir}/p.pbtxt", 2, "kovra run: no data for input 'input' (give -i input=FILE)"},
+        BadCase{"MissingInputFile", "run {dir}/p.pbtxt -i input={dir}/none.npy", 2,
+                "kovra run: {dir}/none.npy: cannot open input file for 'input'"},
+        BadCase{"WrongRawSize", "run {dir}/p.pbtxt -i input={dir}/in.bin:1x5", 2,
+                "kovra run: {dir}/in.bin: holds 16 bytes but shape 1x5 of float32 needs 20"},
+        BadCase{"RawWithoutShape", "run {dir}/p.pbtxt -i input={dir}/in.bin", 2,
+                "kovra run: {dir}/in.bin: not a .npy file; give the shape of raw float32 data as "
+                "input={dir}/in.bin:DIMS"},
+        BadCase{"NpyShapeDisagrees", "run {dir}/p.pbtxt -i input={dir}/in.npy:1x4", 2,
+                "kovra run: {dir}/in.npy: the file holds shape 1x2x2x1 but 1x4 was given"},
+        BadCase{"InputTwice", "run {dir}/p.pbtxt -i input={dir}/in.npy -i input={dir}/in.npy", 2,
+                "kovra run: input 'input' is given twice"},
+        BadCase{"UnknownOutput", "run {dir}/p.pbtxt -i input={dir}/in.npy --output nope", 2,
+                "kovra run: --output: the model has no node 'nope'"},
+        BadCase{"UnknownStart", "run {dir}/p.pbtxt --start input,nope", 2,
+                "kovra run: --start: the model has no node 'nope'"},
+        BadCase{"OutDirIsAFile", "run {dir}/p.pbtxt -i input={dir}/in.npy --out-dir {dir}/afile/out", 2,
+                "kovra run: cannot create output folder '{dir}/afile/out'"},
+        BadCase{"DumpDirIsAFile", "run {dir}/p.pbtxt -i input={dir}/in.npy --dump {dir}/afile", 2,
+                "kovra run: cannot create dump folder '{dir}/afile'"},
+        BadCase{"TraceUnwritable", "run {dir}/p.pbtxt -i input={dir}/in.npy --trace {dir}/no/t.json", 2,
+                "kovra run: cannot write trace file '{dir}/no/t.json'"},
+        // The library's own error line, then a clean exit instead of a core dump.
+        BadCase{"LibraryError", "run {dir}/nobitwidth.pbtxt -i input={dir}/in.npy", 3,
+                "\033[1m\033[31mError: Op: q have no output bitwidth!\033[0m"},
+        BadCase{"ConvertUnwritable", "convert {dir}/p.pbtxt {dir}/no/out.pb", 2,
+                "kovra convert: cannot write '{dir}/no/out.pb'"},
+        BadCase{"ConvertMissing", "convert {dir}/none.pb {dir}/out.pb", 2,
+                "kovra convert: cannot read model file '{dir}/none.pb'"},
+        BadCase{"ProtectTwice", "protect {dir}/p.prot {dir}/x.pb", 2, "kovra protect: '{dir}/p.prot' is already protected"},
+        BadCase{"ProtectGarbled", "protect {dir}/badmagic.pb {dir}/x.pb", 2,
+                "kovra protect: '{dir}/badmagic.pb' has the protected-model magic but does not decipher into a "
+                "model (damaged, or enciphered with another key)"},
+        BadCase{"ProtectUnwritable", "protect {dir}/p.pbtxt {dir}/no/x.pb", 2,
+                "kovra protect: cannot write '{dir}/no/x.pb'"},
+        BadCase{"UnprotectPlain", "unprotect {dir}/p.pbtxt {dir}/x.pb", 2,
+                "kovra unprotect: '{dir}/p.pbtxt' is not protected (it is a text model)"},
+        BadCase{"UnprotectMissing", "unprotect {dir}/none.pb {dir}/x.pb", 2,
+                "kovra unprotect: cannot read model file '{dir}/none.pb'"},
+        BadCase{"CompareNotAFolder", "compare {dir}/none {dir}", 2, "kovra compare: '{dir}/none' is not a folder"},
+        BadCase{"CompareSecondNotAFolder", "compare {dir} {dir}/afile", 2,
+                "kovra compare: '{dir}/afile' is not a folder"},
+        BadCase{"CompareNothingInCommon", "compare {dir}/sub {dir}", 2,
+                "kovra compare: no tensor is present in both '{dir}/sub' and '{dir}'"},
+        BadCase{"CompareNegativeTolerance", "compare {dir} {dir} --rtol -1", 2,
+                "kovra compare: --rtol: '-1' is not a number >= 0 (see 'kovra compare --help')"},
+        BadCase{"CompareMissingFolder", "compare {dir}", 2,
+                "kovra compare: B is required (see 'kovra compare --help')"}),
+    [](const ::testing::TestParamInfo<BadCase>& info) { return info.param.label; });
+
+TEST(CliTest, NoArgumentsPrintsUsage) {
+  const Result r = kovra("");
+  EXPECT_EQ(r.code, 2);
+  EXPECT_TRUE(has_line(r.out, "Usage: kovra [OPTIONS] SUBCOMMAND")) << r.out;
+}
+
+TEST(CliTest, EveryCommandHasHelp) {
+  const Result run = kovra("run --help");
+  EXPECT_EQ(run.code, 0);
+  EXPECT_NE(run.out.find("execute kovra model"), std::string::npos) << run.out;
+  EXPECT_TRUE(has_line(run.out, "Usage: kovra run [OPTIONS] model")) << run.out;
+  for (const char* command : {"inspect", "convert", "protect", "unprotect", "compare"}) {
+    const Result r = kovra(std::string(command) + " --help");
+    EXPECT_EQ(r.code, 0) << command;
+    EXPECT_NE(r.out.find(std::string("Usage: kovra ") + command), std::string::npos) << r.out;
+  }
+}
+
+// ---- model files: formats, detection, round trips ----------------------------------------
+
+GraphDef parse_file_as_binary(const std::string& path) {
+  GraphDef graph;
+  EXPECT_TRUE(graph.ParseFromString(slurp(path))) << path;
+  return graph;
+}
+
+bool same_model(const GraphDef& a, const GraphDef& b) {
+  return google::protobuf::util::MessageDifferencer::Equals(a, b);
+}
+
+TEST(CliTest, ConvertRoundTripKeepsTheModel) {
+  TempDir dir;
+  spit(dir.file("m.pbtxt"), slurp(examples_dir() + "/int8_model.pbtxt"));
+  const GraphDef original = parse_text_graph(slurp(dir.file("m.pbtxt")));
+  ASSERT_GT(original.node_size(), 0);
+
+  Result r = kovra("convert " + dir.file("m.pbtxt") + " " + dir.file("m.pb"));
+  EXPECT_EQ(r.code, 0) << r.out;
+  EXPECT_TRUE(has_line(r.out, dir.file("m.pbtxt") + " (text) -> " + dir.file("m.pb") + " (plain), 9 nodes"));
+  EXPECT_TRUE(same_model(parse_file_as_binary(dir.file("m.pb")), original));
+
+  r = kovra("convert " + dir.file("m.pb") + " " + dir.file("back.pbtxt"));
+  EXPECT_EQ(r.code, 0) << r.out;
+  EXPECT_TRUE(same_model(parse_text_graph(slurp(dir.file("back.pbtxt"))), original));
+
+  // --to forces the written format; binary to binary keeps the bytes.
+  r = kovra("convert " + dir.file("m.pb") + " " + dir.file("same.pb") + " --to plain");
+  EXPECT_EQ(r.code, 0) << r.out;
+  EXPECT_EQ(slurp(dir.file("same.pb")), slurp(dir.file("m.pb")));
+  // Text is written deterministically.
+  r = kovra("convert " + dir.file("m.pb") + " " + dir.file("again.pbtxt"));
+  EXPECT_EQ(slurp(dir.file("again.pbtxt")), slurp(dir.file("back.pbtxt")));
+}
+
+TEST(CliTest, ProtectUnprotectRoundTripAndTheLibraryReadsIt) {
+  TempDir dir;
+  spit(dir.file("p.pbtxt"), kPlaceholderModel);
+  ASSERT_EQ(kovra("convert " + dir.file("p.pbtxt") + " " + dir.file("p.pb")).code, 0);
+
+  Result r = kovra("protect " + dir.file("p.pbtxt") + " " + dir.file("p.prot"));
+  EXPECT_EQ(r.code, 0) << r.out;
+  const std::string stored = slurp(dir.file("p.prot"));
+  EXPECT_TRUE(EncryptionRC4::has_magic(stored));
+  EXPECT_EQ(stored.find("qconv"), std::string::npos) << "node names must not be readable";
+
+  r = kovra("unprotect " + dir.file("p.prot") + " " + dir.file("back.pb"));
+  EXPECT_EQ(r.code, 0) << r.out;
+  EXPECT_EQ(slurp(dir.file("back.pb")), slurp(dir.file("p.pb")));
+
+  // The path constructor deciphers what the tool wrote.
+  GraphExecutor executor(dir.file("p.prot"), kovra::trenkit::kovraexecutor::CPU);
+  EXPECT_EQ(executor.get_output_names(), std::vector<std::string>{"qconv"});
+  EXPECT_EQ(executor.get_input_names(), std::vector<std::string>{"input"});
+}
+
+TEST(CliTest, AutoDetectionNamesTheFormatItChose) {
+  TempDir dir;
+  spit(dir.file("m.pbtxt"), kPlaceholderModel);
+  ASSERT_EQ(kovra("convert " + dir.file("m.pbtxt") + " " + dir.file("m.pb")).code, 0);
+  ASSERT_EQ(kovra("protect " + dir.file("m.pb") + " " + dir.file("m.prot")).code, 0);
+  // Enciphered without the magic, as older tools stored models.
+  std::string bare = slurp(dir.file("m.pb"));
+  EncryptionRC4::crypt(bare);
+  spit(dir.file("bare.prot"), bare);
+  write_raw_input(dir.file("in.bin"));
+  const struct {
+    const char* file;
+    const char* format;
+  } cases[] = {{"m.pbtxt", "text"}, {"m.pb", "plain"}, {"m.prot", "protected"}, {"bare.prot", "protected"}};
+  for (const auto& c : cases) {
+    const std::string path = dir.file(c.file);
+    Result r = kovra("inspect " + path);
+    EXPECT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(has_line(r.out, "model " + path + " (" + c.format + " format), 3 nodes")) << r.out;
+    r = kovra("run " + path + " -i input=" + dir.file("in.bin") + ":1x2x2x1");
+    EXPECT_EQ(r.code, 0) << r.out;
+    EXPECT_TRUE(has_line(r.out, "kovra run: reading " + path + " as a " + c.format + " model (--format auto)"))
+        << r.out;
+    EXPECT_TRUE(has_line(r.out, "qconv  (the operator produced no tensor)")) << r.out;
+  }
+}
+
+TEST(CliTest, InspectListsNodesWeightsAttributesAndUnknownOperators) {
+  TempDir dir;
+  spit(dir.file("m.pbtxt"), std::string(kPlaceholderModel) + R"(
+node { name: "big" op: "Z40Frob" input: "qconv" input: "ghost"
+       attr { key: "scales" value { list { f: 0.1 f: 2 f: 3 f: 4 f: 5 f: 6 f: 7 f: 8 f: 9 f: 10 } } }
+       attr { key: "mode" value { s: "SAME" } } attr { key: "on" value { b: true } } }
+)");
+  const Result r = kovra("inspect " + dir.file("m.pbtxt"));
+  EXPECT_EQ(r.code, 0) << r.out;
+  const char* const expected[] = {
+      "[0] input  ZxxNOp",
+      "[1] qconv  Z40QuantizeConv2D",
+      "    inputs:  input",
+      "    weights: w [1 float32]",
+      "    attrs:   output_bitwidth=8",
+      "[2] big  Z40Frob  (unknown operator)",
+      "    inputs:  qconv, ghost (missing)",
+      "    attrs:   mode=\"SAME\"  on=true  scales=[0.1,2,3,4,5,6,7,8,... (10 values)]",
+      "graph inputs:  input",
+      "graph outputs: big",
+      "  Z40Frob                          1  (unknown operator)",
+      "  ZxxNOp                           1",
+      "unknown to this build: Z40Frob",
+  };
+  for (const char* line : expected) EXPECT_TRUE(has_line(r.out, line)) << line << "\n" << r.out;
+}
+
+// ---- compare -----------------------------------------------------------------------------
+
+struct CompareRow {
+  double max_abs, max_rel, cosine;
+  std::string mismatches, verdict;
+};
+
+// Reads the row of `tensor` from compare's table.
+bool row_of(const std::string& out, const std::string& tensor, CompareRow& row) {
+  std::istringstream lines(out);
+  std::string l;
+  while (std::getline(lines, l)) {
+    std::istringstream fields(l);
+    std::string index, name, shape, max_abs, max_rel, cosine;
+    fields >> index >> name >> shape;
+    if (name != tensor) continue;
+    // strtod, unlike a stream, reads "inf".
+    fields >> max_abs >> max_rel >> row.mismatches >> cosine >> row.verdict;
+    row.max_abs = std::strtod(max_abs.c_str(), nullptr);
+    row.max_rel = std::strtod(max_rel.c_str(), nullptr);
+    row.cosine = std::strtod(cosine.c_str(), nullptr);
+    return true;
+  }
+  return false;
+}
+
+TEST(CompareTest, ReportsDifferencesOfNpyFolders) {
+  TempDir a, b;
+  write_floats(a.file("x.npy"), {4}, {1, 2, 3, 4});
+  write_floats(b.file("x.npy"), {4}, {1, 2, 3, 4.5f});
+  write_floats(a.file("same.npy"), {2}, {0, -1});
+  write_floats(b.file("same.npy"), {2}, {0, -1});
+  write_floats(a.file("zero.npy"), {2}, {1, 0});
+  write_floats(b.file("zero.npy"), {2}, {0, 0});
+  write_floats(a.file("only_a.npy"), {1}, {1});
+  const Result r = kovra("compare " + a.path() + " " + b.path());
+  EXPECT_EQ(r.code, 1) << r.out;
+  CompareRow row;
+  ASSERT_TRUE(row_of(r.out, "x", row)) << r.out;
+  EXPECT_DOUBLE_EQ(row.max_abs, 0.5);
+  EXPECT_NEAR(row.max_rel, 0.5 / 4.5, 1e-6);
+  EXPECT_EQ(row.mismatches, "1/4");
+  EXPECT_NEAR(row.cosine, 32.0 / (std::sqrt(30.0) * std::sqrt(34.25)), 1e-6);
+  EXPECT_EQ(row.verdict, "MISMATCH");
+  ASSERT_TRUE(row_of(r.out, "same", row));
+  EXPECT_EQ(row.max_abs, 0.0);
+  EXPECT_EQ(row.cosine, 1.0);
+  EXPECT_EQ(row.verdict, "ok");
+  // A reference of zeros: relative difference infinite, cosine 0.
+  ASSERT_TRUE(row_of(r.out, "zero", row));
+  EXPECT_TRUE(std::isinf(row.max_rel));
+  EXPECT_EQ(row.cosine, 0.0);
+  // Without a manifest the order is by name: same, x, zero.
+  EXPECT_NE(line_starting(r.out, "   1  x ").find("<-- first divergence"), std::string::npos) << r.out;
+  EXPECT_TRUE(has_line(r.out, "3 tensor(s) compared, 2 out of tolerance; 1 only in " + a.path() + ", 0 only in " +
+                                  b.path()))
+      << r.out;
+  EXPECT_TRUE(has_line(r.out, "first divergence: x")) << r.out;
+
+  // Tolerances: 0.5 is within atol 0.5; the zero reference still fails (|1 - 0| > 0.5).
+  const Result loose = kovra("compare " + a.path() + " " + b.path() + " --atol 0.5");
+  ASSERT_TRUE(row_of(loose.out, "x", row));
+  EXPECT_EQ(row.verdict, "ok");
+  EXPECT_EQ(loose.code, 1);
+  const Result looser = kovra("compare " + a.path() + " " + b.path() + " --atol 1");
+  EXPECT_EQ(looser.code, 0) << looser.out;
+  EXPECT_TRUE(has_line(looser.out, "3 tensor(s) compared, 0 out of tolerance; 1 only in " + a.path() +
+                                       ", 0 only in " + b.path()));
+  // rtol scales with the reference: 0.5 <= 0.12 * 4.5.
+  const Result relative = kovra("compare " + a.path() + " " + b.path() + " --rtol 0.12 --atol 0");
+  ASSERT_TRUE(row_of(relative.out, "x", row));
+  EXPECT_EQ(row.verdict, "ok");
+}
+
+TEST(CompareTest, ReadsDumpFoldersInManifestOrder) {
+  TempDir dump, ref;
+  // Dumps as the executor writes them: codes of 4, 16 and 8 bits.
+  spit(dump.file("manifest.tsv"),
+       "# order\tfile\tname\tshape\tdtype\tbitwidth\n"
+       "0\tz.bin\tz\t1x3\tuint4x2\t4\n"
+       "1\tm_1.bin\tm:1\t2\tuint16\t16\n"
+       "2\ta.bin\ta\t1x2\tuint8\t8\n"
+       "3\tf.bin\tf\t1\tfloat32\t32\n");
+  spit(dump.file("z.bin"), std::string("\x1f\x70", 2));
+  spit(dump.file("m_1.bin"), std::string("\x01\x01\xff\xff", 4));
+  spit(dump.file("a.bin"), std::string("\x00\xfe", 2));
+  const float f = -0.75f;
+  spit(dump.file("f.bin"), std::string(reinterpret_cast<const char*>(&f), 4));
+  write_floats(ref.file("z.npy"), {1, 3}, {1, 15, 7});
+  write_floats(ref.file("m_1.npy"), {2}, {257, 65535});
+  write_floats(ref.file("a.npy"), {1, 2}, {0, 254});
+  write_floats(ref.file("f.npy"), {1}, {-0.75f});
+  const Result r = kovra("compare " + dump.path() + " " + ref.path() + " --rtol 0 --atol 0");
+  EXPECT_EQ(r.code, 0) << r.out;
+  EXPECT_LT(r.out.find(" z "), r.out.find(" m_1 "));
+  EXPECT_LT(r.out.find(" m_1 "), r.out.find(" a "));
+  EXPECT_TRUE(has_line(r.out, "4 tensor(s) compared, 0 out of tolerance")) << r.out;
+  // The manifest of the reference gives the order when the tested folder has none.
+  const Result swapped = kovra("compare " + ref.path() + " " + dump.path());
+  EXPECT_EQ(swapped.code, 0) << swapped.out;
+  EXPECT_LT(swapped.out.find(" z "), swapped.out.find(" a "));
+}
+
+TEST(CompareTest, BrokenFoldersFailWithOneLine) {
+  TempDir good;
+  write_floats(good.file("t.npy"), {2}, {1, 2});
+  const struct {
+    std::string manifest, file, data;
+    std::string line;  // {dir}: the broken folder
+    int code;
+  } cases[] = {
+      {"0\tt.bin\tt\t1xq\tfloat32\t32\n", "t.bin", std::string(8, '\0'),
+       "kovra compare: {dir}/manifest.tsv: malformed line 1", 2},
+      {"0\tt.txt\tt\t2\tfloat32\t32\n", "t.txt", "", "kovra compare: {dir}/manifest.tsv: malformed line 1", 2},
+      {"0\tt.bin\tt\t2\tfloat32\t32\n", "t.bin", std::string(7, '\0'),
+       "kovra compare: {dir}/t.bin: holds 7 bytes but float32 of shape 2 needs 8", 2},
+      {"0\tt.bin\tt\t2\tint7\t7\n", "t.bin", std::string(2, '\0'), "kovra compare: {dir}/t.bin: unknown dump type 'int7'",
+       2},
+      {"0\tt.bin\tt\t2\tfloat32\t32\n", "other.bin", "", "kovra compare: {dir}/t.bin: cannot read file", 2},
+      {"", "t.npy", "not an array", "kovra compare: {dir}/t.npy: not a .npy file (no \\x93NUMPY magic)", 2},
+      {"0\tt.bin\tt\t1x3\tfloat32\t32\n", "t.bin", std::string(12, '\0'), "", 1},
+  };
+  for (const auto& c : cases) {
+    TempDir broken;
+    if (!c.manifest.empty()) spit(broken.file("manifest.tsv"), c.manifest);
+    spit(broken.file(c.file), c.data);
+    const Result r = kovra("compare " + broken.path() + " " + good.path());
+    EXPECT_EQ(r.code, c.code) << r.out;
+    if (c.code == 2) {
+      EXPECT_TRUE(has_line(r.out, substitute(c.line, broken.path()))) << r.out;
+    } else {
+      EXPECT_NE(r.out.find("DIFFERENT SIZE 1x3 vs 2  <-- first divergence"), std::string::npos) << r.out;
+    }
+  }
+}
+
+// ---- running real models -----------------------------------------------------------------
+
+struct Example {
+  const char* name;
+  const char* output_file;  // sanitised end node
+  double tolerance;         // 0: every value exactly
+};
+
+class ExampleTest : public ::testing::TestWithParam<Example> {
+ protected:
+  void SetUp() override {
+    if (std::string(GetParam().name) == "float") {
+      REQUIRE_OPS("Z40Conv2D", "Z40MaxPool");
+    } else {
+      REQUIRE_OPS("Z40Quantize", "Z40Conv2DInt8", "Z40Dequantize");
+    }
+  }
+  std::string model() const { return examples_dir() + "/" + GetParam().name + "_model.pbtxt"; }
+  std::string input() const { return "-i input=" + examples_dir() + "/" + GetParam().name + "_input.npy"; }
+  std::string expected() const { return examples_dir() + "/" + GetParam().name + "_expected.npy"; }
+};
+
+TEST_P(ExampleTest, OutputMatchesTheIndependentReference) {
+  TempDir dir;
+  const Result r = kovra("run " + model() + " " + input() + " --out-dir " + dir.path());
+  ASSERT_EQ(r.code, 0) << r.out;
+  std::vector<int> shape, expected_shape;
+  const std::vector<float> got = read_floats(dir.file(GetParam().output_file), &shape);
+  const std::vector<float> want = read_floats(expected(), &expected_shape);
+  EXPECT_EQ(shape, expected_shape);
+  ASSERT_EQ(got.size(), want.size());
+  for (size_t i = 0; i < want.size(); ++i) {
+    if (GetParam().tolerance == 0.0) {
+      EXPECT_EQ(got[i], want[i]) << "element " << i;
+    } else {
+      EXPECT_NEAR(got[i], want[i], GetParam().tolerance * (1.0 + std::fabs(want[i]))) << "element " << i;
+    }
+  }
+  // Without --out-dir: one summary line per output.
+  const Result summary = kovra("run " + model() + " " + input());
+  EXPECT_EQ(summary.code, 0);
+  EXPECT_FALSE(line_starting(summary.out, std::string(GetParam().name) == "float"
+                                              ? "logits/conv  shape=1x3x3x4  min="
+                                              : "output/dequantize  shape=1x4x4x4  min=")
+                   .empty())
+      << summary.out;
+}
+
+// Dumping, profiling, tracing, inplace mode and thread counts never change a bit.
+TEST_P(ExampleTest, ObservingTheRunNeverChangesAnOutput) {
+  TempDir dir;
+  const std::string base = "run " + model() + " " + input() + " --out-dir ";
+  ASSERT_EQ(kovra(base + dir.file("plain")).code, 0);
+  const std::string reference = slurp(dir.file("plain/") + GetParam().output_file);
+  ASSERT_FALSE(reference.empty());
+  const char* const variants[] = {"--dump {dir}/dump", "--repeat 3 --trace {dir}/t.json", "--inplace",
+                                  "--threads 1", "--threads 2 --inplace --dump {dir}/dump2"};
+  int index = 0;
+  for (const char* variant : variants) {
+    const std::string out = dir.file("v" + std::to_string(index++));
+    const Result r = kovra(base + out + " " + substitute(variant, dir.path()));
+    ASSERT_EQ(r.code, 0) << variant << "\n" << r.out;
+    EXPECT_EQ(slurp(out + "/" + GetParam().output_file), reference) << variant;
+  }
+  // The trace holds one complete event per node and run.
+  const std::string trace = slurp(dir.file("t.json"));
+  size_t events = 0;
+  for (size_t at = 0; (at = trace.find("\"name\": \"conv1\"", at)) != std::string::npos; ++at) ++events;
+  EXPECT_EQ(events, 3u) << trace;
+  EXPECT_NE(trace.find("\"ph\": \"X\""), std::string::npos);
+}
+
+TEST_P(ExampleTest, DumpFolderHasManifestAndComparesWithItself) {
+  TempDir dir;
+  const std::string base = "run " + model() + " " + input();
+  ASSERT_EQ(kovra(base + " --dump " + dir.file("a") + " --out-dir " + dir.file("out")).code, 0);
+  ASSERT_EQ(kovra(base + " --dump " + dir.file("b")).code, 0);
+  const std::string manifest = slurp(dir.file("a/manifest.tsv"));
+  const bool is_float = std::string(GetParam().name) == "float";
+  const std::vector<std::string> lines =
+      is_float ? std::vector<std::string>{"0\tconv1.bin\tconv1\t1x10x10x8\tfloat32\t32",
+                                          "1\tpool1.bin\tpool1\t1x5x5x8\tfloat32\t32",
+                                          "2\tlogits_conv.bin\tlogits/conv\t1x3x3x4\tfloat32\t32"}
+               : std::vector<std::string>{"0\tquantize.bin\tquantize\t1x12x12x3\tuint8\t8",
+                                          "1\tconv1.bin\tconv1\t1x10x10x8\tuint8\t8",
+                                          "2\tconv2.bin\tconv2\t1x4x4x4\tuint8\t8",
+                                          "3\toutput_dequantize.bin\toutput/dequantize\t1x4x4x4\tfloat32\t32"};
+  for (const std::string& line : lines) EXPECT_TRUE(has_line(manifest, line)) << line << "\n" << manifest;
+  // The last dump holds exactly the values written to --out-dir.
+  const std::string last = is_float ? "logits_conv" : "output_dequantize";
+  const std::string npy = slurp(dir.file("out/" + last + ".npy"));
+  EXPECT_EQ(slurp(dir.file("a/" + last + ".bin")), npy.substr(npy.size() - slurp(dir.file("a/" + last + ".bin")).size()));
+
+  Result r = kovra("compare " + dir.file("a") + " " + dir.file("b") + " --rtol 0 --atol 0");
+  EXPECT_EQ(r.code, 0) << r.out;
+  EXPECT_TRUE(has_line(r.out, std::to_string(lines.size()) + " tensor(s) compared, 0 out of tolerance")) << r.out;
+
+  // Perturb the second tensor: it is the first divergence, the first stays clean.
+  const std::string second = is_float ? "pool1" : "conv1";
+  std::string data = slurp(dir.file("b/" + second + ".bin"));
+  if (is_float) {
+    float v;
+    std::memcpy(&v, &data[20], 4);
+    v += 1.0f;
+    std::memcpy(&data[20], &v, 4);
+  } else {
+    data[5] = static_cast<char>(data[5] ^ 0x40);
+  }
+  spit(dir.file("b/" + second + ".bin"), data);
+  r = kovra("compare " + dir.file("a") + " " + dir.file("b"));
+  EXPECT_EQ(r.code, 1) << r.out;
+  CompareRow row;
+  ASSERT_TRUE(row_of(r.out, is_float ? "conv1" : "quantize", row)) << r.out;
+  EXPECT_EQ(row.verdict, "ok");
+  ASSERT_TRUE(row_of(r.out, second, row)) << r.out;
+  EXPECT_EQ(row.verdict, "MISMATCH");
+  EXPECT_EQ(row.mismatches.substr(0, 2), "1/");
+  EXPECT_TRUE(has_line(r.out, "first divergence: " + second)) << r.out;
+}
+
+TEST_P(ExampleTest, OutputAndStartNodesSelectAPartOfTheGraph) {
+  TempDir dir;
+  // Stop after the first layer.
+  Result r = kovra("run " + model() + " " + input() + " --output conv1 --out-dir " + dir.path());
+  ASSERT_EQ(r.code, 0) << r.out;
+  std::vector<int> shape;
+  read_floats(dir.file("conv1.npy"), &shape);
+  EXPECT_EQ(shape, (std::vector<int>{1, 10, 10, 8}));
+  // Start at the second layer, fed with the first layer's output.
+  const std::string second = std::string(GetParam().name) == "float" ? "pool1" : "conv2";
+  const std::string end = std::string(GetParam().name) == "float" ? "logits/conv" : "output/dequantize";
+  ASSERT_EQ(kovra("run " + model() + " " + input() + " --out-dir " + dir.file("full")).code, 0);
+  r = kovra("run " + model() + " --start " + second + " -i conv1=" + dir.file("conv1.npy") + " --output " + end +
+            " --out-dir " + dir.file("part"));
+  ASSERT_EQ(r.code, 0) << r.out;
+  const std::string file = std::string(GetParam().output_file);
+  EXPECT_EQ(slurp(dir.file("part/" + file)), slurp(dir.file("full/" + file)));
+}
+
+TEST_P(ExampleTest, ProfilePrintsOperatorsAndNodesSlowestFirst) {
+  const Result r = kovra("run " + model() + " " + input() + " --repeat 4");
+  ASSERT_EQ(r.code, 0) << r.out;
+  EXPECT_FALSE(line_starting(r.out, "profile: 4 run(s), ").empty()) << r.out;
+  const std::string conv = std::string(GetParam().name) == "float" ? "Z40Conv2D " : "Z40Conv2DInt8 ";
+  // Two convolutions, four runs.
+  std::istringstream row(line_starting(r.out, conv));
+  std::string name;
+  long long count = 0;
+  row >> name >> count;
+  EXPECT_EQ(count, 8) << r.out;
+  // Rows of each table are ordered by total time.
+  std::istringstream lines(r.out);
+  std::string l;
+  double previous = 1e300;
+  bool in_nodes = false;
+  while (std::getline(lines, l)) {
+    if (l.compare(0, 5, "node ") == 0) {
+      in_nodes = true;
+      continue;
+    }
+    if (!in_nodes || l.empty()) continue;
+    std::istringstream fields(l);
+    std::string node;
+    long long n;
+    double total;
+    fields >> node >> n >> total;
+    EXPECT_LE(total, previous) << l;
+    previous = total;
+  }
+  EXPECT_TRUE(in_nodes) << r.out;
+}
+
+INSTANTIATE_TEST_SUITE_P(Examples, ExampleTest,
+                         ::testing::Values(Example{"float", "logits_conv.npy", 1e-5},
+                                           Example{"int8", "output_dequantize.npy", 0.0}),
+                         [](const ::testing::TestParamInfo<Example>& info) { return info.param.name; });
+
+}  // namespace
+}  // namespace kovra_test

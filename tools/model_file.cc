@@ -1,0 +1,383 @@
+#include "model_file.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/io/tokenizer.h>
+#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
+#include <google/protobuf/stubs/logging.h>
+#include <google/protobuf/text_format.h>
+
+#include "encryption.h"
+#include "op_executor.h"
+
+namespace kovra_tool {
+
+using kovra::trenkit::kovraexecutor::EncryptionRC4;
+using kovra::trenkit::kovraexecutor::Holder;
+
+namespace {
+
+const size_t kMagicSize = 8;
+
+// Protobuf reports parse problems through its log; a failed attempt while
+// guessing the format is not worth a line, so the log is muted meanwhile.
+void quiet_log(google::protobuf::LogLevel, const char*, int, const std::string&) {}
+
+class MutedLog {
+ public:
+  MutedLog() : previous_(google::protobuf::SetLogHandler(&quiet_log)) {}
+  ~MutedLog() { google::protobuf::SetLogHandler(previous_); }
+
+ private:
+  google::protobuf::LogHandler* previous_;
+};
+
+class FirstError : public google::protobuf::io::ErrorCollector {
+ public:
+  void AddError(int line, google::protobuf::io::ColumnNumber column,
+                const std::string& message) override {
+    if (!text.empty()) return;
+    text = "line " + std::to_string(line + 1) + " column " + std::to_string(column + 1) + ": " + message;
+  }
+  std::string text;
+};
+
+bool parse_binary(const std::string& bytes, GraphDef& graph) {
+  MutedLog muted;
+  graph.Clear();
+  google::protobuf::io::CodedInputStream coded(reinterpret_cast<const uint8_t*>(bytes.data()),
+                                               static_cast<int>(bytes.size()));
+  // Same limit as the library's reader, so large models parse.
+  coded.SetTotalBytesLimit(2147483647);
+  return graph.ParseFromCodedStream(&coded) && coded.ConsumedEntireMessage();
+}
+
+bool parse_text(const std::string& bytes, GraphDef& graph, std::string& error) {
+  MutedLog muted;
+  graph.Clear();
+  google::protobuf::TextFormat::Parser parser;
+  FirstError errors;
+  parser.RecordErrorsTo(&errors);
+  if (parser.ParseFromString(bytes, &graph)) return true;
+  error = errors.text.empty() ? "not protobuf text format" : errors.text;
+  return false;
+}
+
+bool name_char(char c) { return static_cast<unsigned char>(c) >= 0x20 && c != 0x7f; }
+
+bool op_char(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
+}
+
+// A file of other bytes can parse as a GraphDef by chance (unknown fields are
+// kept silently); a real model has nodes with printable names and op words.
+bool looks_sane(const GraphDef& graph) {
+  if (graph.node_size() == 0) return false;
+  for (const NodeDef& node : graph.node()) {
+    if (node.name().empty() || node.op().empty()) return false;
+    for (char c : node.name()) {
+      if (!name_char(c)) return false;
+    }
+    for (char c : node.op()) {
+      if (!op_char(c)) return false;
+    }
+  }
+  return true;
+}
+
+std::string deciphered(const std::string& bytes) {
+  std::string plain = EncryptionRC4::has_magic(bytes) ? bytes.substr(kMagicSize) : bytes;
+  EncryptionRC4::crypt(plain);
+  return plain;
+}
+
+bool known_op(const std::string& op) {
+  const auto& creators = Holder::new_op_creator();
+  auto it = creators.find(op);
+  return it != creators.end() && it->second != nullptr;
+}
+
+int element_size(int dtype) {
+  switch (dtype) {
+    case 1:
+    case 3:
+    case 22:
+      return 4;
+    case 4:
+    case 6:
+      return 1;
+    case 5:
+      return 2;
+    default:
+      return 0;
+  }
+}
+
+bool check_const(const NodeDef& node, std::string& error) {
+  auto it = node.attr().find("value");
+  if (it == node.attr().end() || it->second.value_case() != kovra::trenkit::AttrValue::kTensor) {
+    error = "constant '" + node.name() + "' has no tensor attribute \"value\"";
+    return false;
+  }
+  const auto& tensor = it->second.tensor();
+  const int size = element_size(tensor.dtype());
+  if (size == 0) {
+    error = "constant '" + node.name() + "' has unsupported element type " + std::to_string(tensor.dtype());
+    return false;
+  }
+  long long count = 1;
+  for (const auto& dim : tensor.tensor_shape().dim()) {
+    if (dim.size() < 0 || dim.size() > 0x7fffffffLL || count * dim.size() > 0x7fffffffLL) {
+      error = "constant '" + node.name() + "' has an invalid shape";
+      return false;
+    }
+    count *= dim.size();
+  }
+  const unsigned long long needed = static_cast<unsigned long long>(count) * size;
+  if (tensor.tensor_content().size() < needed) {
+    error = "constant '" + node.name() + "' holds " + std::to_string(tensor.tensor_content().size()) +
+            " bytes of data but its shape needs " + std::to_string(needed);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+const char* format_name(ModelFormat format) {
+  switch (format) {
+    case ModelFormat::kPlain:
+      return "plain";
+    case ModelFormat::kText:
+      return "text";
+    case ModelFormat::kProtected:
+      return "protected";
+  }
+  return "?";
+}
+
+std::string lookup_name(const std::string& input) {
+  const size_t p = input.find(':');
+  if (p == std::string::npos) return input;
+  const size_t len = input.size();
+  const size_t keep = std::min(len, len + 1 - p);
+  return input.substr(0, keep);
+}
+
+bool read_file(const std::string& path, std::string& bytes) {
+  struct stat info;
+  if (::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
+  std::ifstream file(path, std::ios::in | std::ios::binary);
+  if (!file.is_open()) return false;
+  std::ostringstream buffer;
+  buffer << file.rdbuf();
+  bytes = buffer.str();
+  return !file.bad();
+}
+
+bool write_file(const std::string& path, const std::string& bytes) {
+  std::ofstream file(path, std::ios::out | std::ios::binary | std::ios::trunc);
+  if (!file.is_open()) return false;
+  file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  file.close();
+  return static_cast<bool>(file);
+}
+
+bool make_dirs(const std::string& path) {
+  std::string partial;
+  for (size_t i = 0; i <= path.size(); ++i) {
+    if ((i == path.size() || path[i] == '/') && !partial.empty()) {
+      if (::mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) return false;
+    }
+    if (i < path.size()) partial += path[i];
+  }
+  struct stat info;
+  return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+namespace {
+
+bool read_model_bytes(const std::string& path, const std::string& format, GraphDef& graph,
+                      ModelFormat& chosen, std::string& error, std::string& binary) {
+  std::string bytes;
+  if (!read_file(path, bytes)) {
+    error = "cannot read model file '" + path + "'";
+    return false;
+  }
+  if (bytes.size() > 0x7fffffffULL) {
+    error = "model file '" + path + "' is larger than 2 GiB";
+    return false;
+  }
+  if (format == "plain") {
+    chosen = ModelFormat::kPlain;
+    binary = bytes;
+    if (parse_binary(bytes, graph) && graph.node_size() > 0) return true;
+    error = "'" + path + "' is not a binary GraphDef with nodes";
+    return false;
+  }
+  if (format == "text") {
+    chosen = ModelFormat::kText;
+    std::string why;
+    if (!parse_text(bytes, graph, why)) {
+      error = "'" + path + "' is not a text GraphDef: " + why;
+      return false;
+    }
+    if (graph.node_size() == 0) {
+      error = "'" + path + "' holds no nodes";
+      return false;
+    }
+    return true;
+  }
+  if (format == "protected") {
+    chosen = ModelFormat::kProtected;
+    binary = deciphered(bytes);
+    if (parse_binary(binary, graph) && looks_sane(graph)) return true;
+    error = "'" + path + "' does not decipher into a model (not protected, or another key)";
+    return false;
+  }
+  // auto
+  if (EncryptionRC4::has_magic(bytes)) {
+    chosen = ModelFormat::kProtected;
+    binary = deciphered(bytes);
+    if (parse_binary(binary, graph) && looks_sane(graph)) return true;
+    error = "'" + path + "' has the protected-model magic but does not decipher into a model "
+            "(damaged, or enciphered with another key)";
+    return false;
+  }
+  if (parse_binary(bytes, graph) && looks_sane(graph)) {
+    chosen = ModelFormat::kPlain;
+    binary = bytes;
+    return true;
+  }
+  std::string why;
+  if (parse_text(bytes, graph, why) && looks_sane(graph)) {
+    chosen = ModelFormat::kText;
+    return true;
+  }
+  binary = deciphered(bytes);
+  if (parse_binary(binary, graph) && looks_sane(graph)) {
+    chosen = ModelFormat::kProtected;
+    return true;
+  }
+  graph.Clear();
+  error = "cannot read '" + path + "' as a model: neither protected, binary nor text GraphDef";
+  return false;
+}
+
+}  // namespace
+
+bool read_model(const std::string& path, const std::string& format, GraphDef& graph,
+                ModelFormat& chosen, std::string& error, std::string* binary) {
+  std::string bytes;
+  const bool ok = read_model_bytes(path, format, graph, chosen, error, bytes);
+  if (binary != nullptr) *binary = ok && chosen != ModelFormat::kText ? bytes : std::string();
+  return ok;
+}
+
+bool check_model(const GraphDef& graph, std::string& error) {
+  std::map<std::string, const NodeDef*> by_name;
+  for (const NodeDef& node : graph.node()) {
+    if (node.name().empty()) {
+      error = "the model has a node without a name (op " + node.op() + ")";
+      return false;
+    }
+    if (!by_name.emplace(node.name(), &node).second) {
+      error = "the node name '" + node.name() + "' appears twice";
+      return false;
+    }
+  }
+  std::set<std::string> unknown;
+  for (const NodeDef& node : graph.node()) {
+    if (node.op() != "Const" && !known_op(node.op())) unknown.insert(node.op());
+  }
+  if (!unknown.empty()) {
+    std::string list;
+    for (const std::string& op : unknown) list += (list.empty() ? "" : ", ") + op;
+    error = "the model uses operators this build does not have: " + list;
+    return false;
+  }
+  // Producers of every non-constant node, by lookup name.
+  std::map<std::string, std::vector<std::string>> producers;
+  for (const NodeDef& node : graph.node()) {
+    if (node.op() == "Const") {
+      if (!check_const(node, error)) return false;
+      continue;
+    }
+    std::vector<std::string>& list = producers[node.name()];
+    for (const std::string& input : node.input()) {
+      const std::string name = lookup_name(input);
+      auto it = by_name.find(name);
+      if (it == by_name.end()) {
+        error = "node '" + node.name() + "' reads '" + input + "', which is not in the model";
+        return false;
+      }
+      if (it->second->op() != "Const") list.push_back(name);
+    }
+  }
+  // Kahn's algorithm: whatever is left over lies on a cycle.
+  std::map<std::string, int> missing;
+  std::map<std::string, std::vector<std::string>> consumers;
+  std::vector<std::string> ready;
+  for (const auto& entry : producers) {
+    missing[entry.first] = static_cast<int>(entry.second.size());
+    for (const std::string& p : entry.second) consumers[p].push_back(entry.first);
+    if (entry.second.empty()) ready.push_back(entry.first);
+  }
+  size_t done = 0;
+  while (!ready.empty()) {
+    const std::string name = ready.back();
+    ready.pop_back();
+    ++done;
+    for (const std::string& c : consumers[name]) {
+      if (--missing[c] == 0) ready.push_back(c);
+    }
+  }
+  if (done != producers.size()) {
+    std::string left;
+    for (const auto& entry : missing) {
+      if (entry.second > 0) left += (left.empty() ? "" : ", ") + entry.first;
+    }
+    error = "the model has a cycle among the nodes: " + left;
+    return false;
+  }
+  return true;
+}
+
+bool write_model(const GraphDef& graph, ModelFormat format, const std::string& path,
+                 std::string& error, const std::string& binary) {
+  std::string bytes = binary;
+  if (format == ModelFormat::kText) {
+    if (!google::protobuf::TextFormat::PrintToString(graph, &bytes)) {
+      error = "cannot print the model as text";
+      return false;
+    }
+  } else {
+    if (bytes.empty()) {
+      google::protobuf::io::StringOutputStream stream(&bytes);
+      google::protobuf::io::CodedOutputStream coded(&stream);
+      coded.SetSerializationDeterministic(true);
+      if (!graph.SerializeToCodedStream(&coded)) {
+        error = "cannot serialize the model";
+        return false;
+      }
+    }
+    if (format == ModelFormat::kProtected) {
+      EncryptionRC4::crypt(bytes);
+      bytes.insert(0, EncryptionRC4::kMagic, kMagicSize);
+    }
+  }
+  if (!write_file(path, bytes)) {
+    error = "cannot write '" + path + "'";
+    return false;
+  }
+  return true;
+}
+
+}  // namespace kovra_tool
