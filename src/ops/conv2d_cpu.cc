@@ -1,0 +1,209 @@
+#include "ops/conv2d_cpu.h"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "ops/avx_common.h"
+#include "ops/gemm_f32.h"
+#include "thread_pool.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+namespace {
+
+constexpr int kTilePixels = 8;
+constexpr int kMaxWorkers = 16;
+
+// Gathers the patches of output pixels [first, first + rows) of one image into
+// rows of kernel_h * kernel_w * in_c values; taps outside the image read
+// pad_value, as the direct path does, so both paths agree on the border.
+void gather_patches(const float* image, const ConvGeometry& g, int first, int rows, float* patches) {
+  const int c = g.in_c;
+  for (int r = 0; r < rows; ++r) {
+    const int pixel = first + r;
+    const int oy = pixel / g.out_w, ox = pixel % g.out_w;
+    float* dst = patches + static_cast<size_t>(r) * g.kernel_h * g.kernel_w * c;
+    for (int ky = 0; ky < g.kernel_h; ++ky) {
+      const int iy = oy * g.stride_h + ky * g.dilation_h - g.pad_top;
+      for (int kx = 0; kx < g.kernel_w; ++kx, dst += c) {
+        const int ix = ox * g.stride_w + kx * g.dilation_w - g.pad_left;
+        if (iy >= 0 && iy < g.in_h && ix >= 0 && ix < g.in_w) {
+          std::memcpy(dst, image + (static_cast<size_t>(iy) * g.in_w + ix) * c, sizeof(float) * c);
+        } else {
+          std::fill(dst, dst + c, g.pad_value);
+        }
+      }
+    }
+  }
+}
+
+// out = sum * multiplier + bias, then the activation, for rows of N outputs.
+void finish_rows(float* out, int rows, int N, const float* bias, const ConvGeometry& g) {
+  for (int r = 0; r < rows; ++r) {
+    float* row = out + static_cast<size_t>(r) * N;
+    for (int n = 0; n < N; ++n) row[n] = row[n] * 1.0f + bias[n];
+    g.activate(row, N, g.alpha);
+  }
+}
+
+// A 1x1 kernel with unit strides and no padding reads each pixel's channels
+// as its patch, straight from the input.
+bool patches_are_input_rows(const ConvGeometry& g) {
+  return g.kernel_h == 1 && g.kernel_w == 1 && g.stride_h == 1 && g.stride_w == 1 &&
+         g.pad_top == 0 && g.pad_left == 0 && g.out_h == g.in_h && g.out_w == g.in_w;
+}
+
+// One worker of the vector path: its tiles t, t + T, ... of every image, a
+// group of them at a time so that each slice of the weights is reused by the
+// whole group while it sits in cache.
+void conv_worker_vector(const AVXFloatConvParam& p, int t, int T, KernelIsa isa) {
+  const ConvGeometry& g = p.geometry;
+  const int pixels = g.out_h * g.out_w;
+  const int tiles = (pixels + kTilePixels - 1) / kTilePixels;
+  const int K = g.kernel_h * g.kernel_w * g.in_c;
+  const int N = g.out_c;
+  const bool direct_rows = patches_are_input_rows(g);
+  // About 512 KiB of gathered patches per group.
+  const int group = std::max(1, static_cast<int>((512 * 1024) / (sizeof(float) * kTilePixels * K)));
+  std::vector<float> patches;
+  if (!direct_rows) patches.resize(static_cast<size_t>(group) * kTilePixels * K);
+  std::vector<GemmRowBlock> blocks;
+  for (int b = 0; b < g.batch; ++b) {
+    const float* image = p.input + static_cast<size_t>(b) * g.in_h * g.in_w * g.in_c;
+    float* out_image = p.output + static_cast<size_t>(b) * pixels * N;
+    for (int tile = t; tile < tiles;) {
+      blocks.clear();
+      for (; tile < tiles && static_cast<int>(blocks.size()) < group; tile += T) {
+        const int first = tile * kTilePixels;
+        const int rows = std::min(kTilePixels, pixels - first);
+        const float* a;
+        if (direct_rows) {
+          a = image + static_cast<size_t>(first) * g.in_c;
+        } else {
+          float* slot = patches.data() + blocks.size() * kTilePixels * static_cast<size_t>(K);
+          gather_patches(image, g, first, rows, slot);
+          a = slot;
+        }
+        blocks.push_back({a, out_image + static_cast<size_t>(first) * N, rows});
+      }
+      gemm_f32_blocks(blocks.data(), static_cast<int>(blocks.size()), K, N, p.weight, N, N, K, isa);
+      for (const GemmRowBlock& blk : blocks) finish_rows(blk.c, blk.rows, N, p.bias, g);
+    }
+  }
+}
+
+}  // namespace
+
+void conv2d_cpu(const float* input, const float* weight, const float* bias, float* output,
+                const ConvGeometry& g) {
+  const int out_per_group = g.out_c / g.groups;
+  const int in_per_group = g.in_c / g.groups;
+  for (int b = 0; b < g.batch; ++b) {
+    const float* image = input + static_cast<size_t>(b) * g.in_h * g.in_w * g.in_c;
+    for (int oy = 0; oy < g.out_h; ++oy) {
+      for (int ox = 0; ox < g.out_w; ++ox) {
+        float* out = output + ((static_cast<size_t>(b) * g.out_h + oy) * g.out_w + ox) * g.out_c;
+        for (int o = 0; o < g.out_c; ++o) {
+          const int group = o / out_per_group;
+          float sum = 0.0f;
+          for (int ky = 0; ky < g.kernel_h; ++ky) {
+            const int iy = oy * g.stride_h + ky * g.dilation_h - g.pad_top;
+            for (int kx = 0; kx < g.kernel_w; ++kx) {
+              const int ix = ox * g.stride_w + kx * g.dilation_w - g.pad_left;
+              const bool inside = iy >= 0 && iy < g.in_h && ix >= 0 && ix < g.in_w;
+              const float* pixel =
+                  inside ? image + (static_cast<size_t>(iy) * g.in_w + ix) * g.in_c + group * in_per_group
+                         : nullptr;
+              const float* w = weight + (static_cast<size_t>(ky * g.kernel_w + kx) * in_per_group) * g.out_c + o;
+              for (int c = 0; c < in_per_group; ++c) {
+                const float value = inside ? pixel[c] : g.pad_value;
+                sum += value * w[static_cast<size_t>(c) * g.out_c];
+              }
+            }
+          }
+          out[o] = sum + bias[o];
+        }
+        g.activate(out, g.out_c, g.alpha);
+      }
+    }
+  }
+}
+
+void gemm_float(float* C, const float* A, const float* B, const float* bias, int inner, int N,
+                int M, int outer, ActivationFn activate, float alpha, int multiplier) {
+  const int K = outer * inner;
+  const int vector_end = N - N % 8;
+  for (int r = 0; r < M; ++r) {
+    float* row = C + static_cast<size_t>(r) * N;
+    const float* a_row = A + static_cast<size_t>(r) * K;
+    std::fill(row, row + N, 0.0f);
+    for (int o = 0; o < outer; ++o) {
+      for (int i = 0; i < inner; ++i) {
+        const int k = o * inner + i;
+        const float a = a_row[k];
+        const float* b = B + static_cast<size_t>(k) * N;
+        for (int n = 0; n < vector_end; n += 8) {
+          for (int j = 0; j < 8; ++j) row[n + j] += a * b[n + j];
+        }
+        for (int n = vector_end; n < N; ++n) row[n] += a * b[n];
+      }
+    }
+    for (int n = 0; n < N; ++n) row[n] = row[n] * static_cast<float>(multiplier) + bias[n];
+    if (activate != nullptr) activate(row, N, alpha);
+  }
+}
+
+void* computeConv_tiled(void* arg) {
+  const ConvThreadArg* thread = static_cast<const ConvThreadArg*>(arg);
+  const AVXFloatConvParam& p = *thread->shared;
+  const ConvGeometry& g = p.geometry;
+  const int pixels = g.out_h * g.out_w;
+  const int tiles = (pixels + kTilePixels - 1) / kTilePixels;
+  const int K = g.kernel_h * g.kernel_w * g.in_c;
+  float* patches = p.patches + static_cast<size_t>(thread->index) * kTilePixels * K;
+  for (int b = 0; b < g.batch; ++b) {
+    const float* image = p.input + static_cast<size_t>(b) * g.in_h * g.in_w * g.in_c;
+    float* out_image = p.output + static_cast<size_t>(b) * pixels * g.out_c;
+    for (int tile = thread->index; tile < tiles; tile += thread->count) {
+      const int first = tile * kTilePixels;
+      const int rows = std::min(kTilePixels, pixels - first);
+      gather_patches(image, g, first, rows, patches);
+      gemm_float(out_image + static_cast<size_t>(first) * g.out_c, patches, p.weight, p.bias, g.in_c,
+                 g.out_c, rows, g.kernel_h * g.kernel_w, g.activate, g.alpha, 1);
+    }
+  }
+  return nullptr;
+}
+
+void conv2d_avx_cpu(const float* input, const float* weight, const float* bias, float* output,
+                    const ConvGeometry& g) {
+  const int pixels = g.out_h * g.out_w;
+  if (pixels <= 0 || g.batch <= 0) return;
+  const int tiles = (pixels + kTilePixels - 1) / kTilePixels;
+  const int workers = std::min(kMaxWorkers, tiles);
+  AVXFloatConvParam shared;
+  shared.geometry = g;
+  shared.input = input;
+  shared.weight = weight;
+  shared.bias = bias;
+  shared.output = output;
+  const KernelIsa isa = active_isa();
+  if (isa != KernelIsa::kPortable) {
+    ThreadPool::instance().run(workers, [&](int t) { conv_worker_vector(shared, t, workers, isa); });
+    return;
+  }
+  // Room for the patches of 16 tiles of 8 pixels, one slice per worker.
+  std::vector<float> patches(static_cast<size_t>(kMaxWorkers) * kTilePixels * g.kernel_h * g.kernel_w *
+                             g.in_c);
+  shared.patches = patches.data();
+  std::vector<ConvThreadArg> args(workers);
+  for (int t = 0; t < workers; ++t) args[t] = {t, workers, &shared};
+  ThreadPool::instance().run(workers, [&](int t) { computeConv_tiled(&args[t]); });
+}
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra

@@ -1,0 +1,38 @@
+#ifndef KOVRAEXECUTOR_OPS_CONV_ATTRS_H_
+#define KOVRAEXECUTOR_OPS_CONV_ATTRS_H_
+
+#include <string>
+#include <vector>
+
+#include "tensor.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+// Steps and padding of a convolution node, checked once per call.
+struct ConvSteps {
+  int stride_h = 1, stride_w = 1, dilation_h = 1, dilation_w = 1;
+  int pads[4] = {0, 0, 0, 0};  // top, bottom, left, right
+  bool same = false;
+};
+
+// Checks the attribute lists (4 entries; strides and dilations positive) and
+// the padding word (anything but "SAME"/"VALID" fails the check "false").
+// Empty strides or dilations mean 1; empty pads mean 0.
+ConvSteps conv_steps(const std::vector<int>& strides, const std::vector<int>& dilations,
+                     const std::vector<int>& pads, const std::string& padding, const std::string& op);
+
+// [N, OH, OW] of an NHWC input under these steps ("SAME": ceil(H / stride);
+// "VALID": the explicit-padding formula); aborts unless OH, OW > 0.
+void conv_output_hw(const std::vector<int>& input_shape, int kernel_h, int kernel_w,
+                    const ConvSteps& steps, const std::string& op, int& out_h, int& out_w);
+
+// Every dimension of a tensor the kernels index must be positive.
+void check_positive_dims(const Tensor* tensor, const std::string& op);
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+#endif  // KOVRAEXECUTOR_OPS_CONV_ATTRS_H_

@@ -1,0 +1,42 @@
+#ifndef KOVRAEXECUTOR_OPS_GEMM_F32_H_
+#define KOVRAEXECUTOR_OPS_GEMM_F32_H_
+
+#include "ops/avx_common.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+// Up to 8 consecutive rows of A (stride lda) and the matching output rows
+// (stride ldc). Blocks let a caller gather rows that are not adjacent in the
+// output, such as the round-robin tiles of a convolution worker.
+struct GemmRowBlock {
+  const float* a;
+  float* c;
+  int rows;
+};
+
+// C = A x B for every block, where B is K x N with row stride ldb. Every
+// output is one fused multiply-add chain over k = 0 .. K-1 starting from 0,
+// whatever the blocking, so the AVX-512 and AVX2 kernels agree bit for bit
+// and the split of rows between workers never matters. isa must not be
+// kPortable (that path keeps the unfused reference order, see gemm_float).
+void gemm_f32_blocks(const GemmRowBlock* blocks, int block_count, int lda, int ldc,
+                     const float* B, int ldb, int N, int K, KernelIsa isa);
+
+// The micro-kernels behind gemm_f32_blocks. Each computes rows x cols
+// (rows <= 8, cols <= 32) outputs over kc reduction steps, starting from
+// zero or, when accumulate is set, from the values already in c.
+void gemm_f32_8x32_avx512(const float* a, int lda, const float* b, int ldb, float* c, int ldc,
+                          int rows, int cols, int kc, bool accumulate);
+void gemm_f32_8x32_avx2(const float* a, int lda, const float* b, int ldb, float* c, int ldc,
+                        int rows, int cols, int kc, bool accumulate);
+// One row: c[n] = sum over k of a[k] * b[k][n], for n < N, in k order.
+void gemv_f32_avx512(const float* a, const float* b, int ldb, float* c, int N, int K);
+void gemv_f32_avx2(const float* a, const float* b, int ldb, float* c, int N, int K);
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+#endif  // KOVRAEXECUTOR_OPS_GEMM_F32_H_
