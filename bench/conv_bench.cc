@@ -5,6 +5,8 @@
 
 #include <dlfcn.h>
 
+#include <time.h>
+
 #include <chrono>
 #include <cmath>
 #include <map>
@@ -99,14 +101,30 @@ void report(benchmark::State& state, const Shape& s, double seconds, const std::
   }
 }
 
+double thread_cpu_seconds() {
+  timespec ts;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+  return static_cast<double>(ts.tv_sec) + 1e-9 * static_cast<double>(ts.tv_nsec);
+}
+
+// Seconds spent in body over all iterations. On one thread everything runs
+// on this thread, so its processor time is used: on a shared machine that
+// stays meaningful when other processes take the cores. With more threads
+// only elapsed time says anything.
 template <class Body>
-double timed_loop(benchmark::State& state, Body body) {
+double timed_loop(benchmark::State& state, int threads, Body body) {
   body();  // warm up caches and the pool
   double seconds = 0;
   for (auto _ : state) {
-    const auto start = std::chrono::steady_clock::now();
-    body();
-    seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    if (threads == 1) {
+      const double start = thread_cpu_seconds();
+      body();
+      seconds += thread_cpu_seconds() - start;
+    } else {
+      const auto start = std::chrono::steady_clock::now();
+      body();
+      seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    }
   }
   return seconds;
 }
@@ -121,7 +139,7 @@ void run_ours(benchmark::State& state, const Shape& s, int threads) {
     std::vector<float> out(static_cast<size_t>(s.M) * s.N);
     MatMulArgs args;
     args.M = s.M, args.K = s.K, args.N = s.N;
-    seconds = timed_loop(state, [&] { matmul_cpu(a.data(), b.data(), bias.data(), out.data(), args); });
+    seconds = timed_loop(state, threads, [&] { matmul_cpu(a.data(), b.data(), bias.data(), out.data(), args); });
   } else {
     const ConvGeometry g = geometry(s);
     const std::vector<float> in = random_values(static_cast<size_t>(s.h) * s.w * s.c, 1);
@@ -129,9 +147,9 @@ void run_ours(benchmark::State& state, const Shape& s, int threads) {
     const std::vector<float> bias = random_values(s.oc, 3);
     std::vector<float> out(static_cast<size_t>(g.out_h) * g.out_w * s.oc);
     if (s.depthwise) {
-      seconds = timed_loop(state, [&] { dwconv2d_cpu(in.data(), w.data(), bias.data(), out.data(), g); });
+      seconds = timed_loop(state, threads, [&] { dwconv2d_cpu(in.data(), w.data(), bias.data(), out.data(), g); });
     } else {
-      seconds = timed_loop(state, [&] { conv2d_avx_cpu(in.data(), w.data(), bias.data(), out.data(), g); });
+      seconds = timed_loop(state, threads, [&] { conv2d_avx_cpu(in.data(), w.data(), bias.data(), out.data(), g); });
     }
   }
   report(state, s, seconds, std::string(s.name) + "/" + std::to_string(threads), true);
@@ -193,7 +211,7 @@ void run_onednn(benchmark::State& state, const Shape& s, int threads) {
   reorder(wei_user, wei).execute(strm, wei_user, wei);
   strm.wait();
   args = {{DNNL_ARG_SRC, src}, {DNNL_ARG_WEIGHTS, wei}, {DNNL_ARG_BIAS, bias}, {DNNL_ARG_DST, dst}};
-  const double seconds = timed_loop(state, [&] {
+  const double seconds = timed_loop(state, threads, [&] {
     prim.execute(strm, args);
     strm.wait();
   });

@@ -17,23 +17,46 @@ namespace {
 constexpr int kTilePixels = 8;
 constexpr int kMaxWorkers = 16;
 
+// Copies n floats; patches are often a few channels wide, where a library
+// call would cost more than the copy.
+inline void copy_floats(float* dst, const float* src, int n) {
+  if (n >= 16) {
+    std::memcpy(dst, src, sizeof(float) * n);
+    return;
+  }
+  for (int i = 0; i < n; ++i) dst[i] = src[i];
+}
+
 // Gathers the patches of output pixels [first, first + rows) of one image into
 // rows of kernel_h * kernel_w * in_c values; taps outside the image read
 // pad_value, as the direct path does, so both paths agree on the border.
 void gather_patches(const float* image, const ConvGeometry& g, int first, int rows, float* patches) {
   const int c = g.in_c;
+  const int row_taps = g.kernel_w * c;
   for (int r = 0; r < rows; ++r) {
     const int pixel = first + r;
     const int oy = pixel / g.out_w, ox = pixel % g.out_w;
-    float* dst = patches + static_cast<size_t>(r) * g.kernel_h * g.kernel_w * c;
-    for (int ky = 0; ky < g.kernel_h; ++ky) {
+    float* dst = patches + static_cast<size_t>(r) * g.kernel_h * row_taps;
+    const int ix0 = ox * g.stride_w - g.pad_left;
+    // With unit dilation a kernel row inside the image is one contiguous run.
+    const bool row_contiguous = g.dilation_w == 1 && ix0 >= 0 && ix0 + g.kernel_w <= g.in_w;
+    for (int ky = 0; ky < g.kernel_h; ++ky, dst += row_taps) {
       const int iy = oy * g.stride_h + ky * g.dilation_h - g.pad_top;
-      for (int kx = 0; kx < g.kernel_w; ++kx, dst += c) {
-        const int ix = ox * g.stride_w + kx * g.dilation_w - g.pad_left;
-        if (iy >= 0 && iy < g.in_h && ix >= 0 && ix < g.in_w) {
-          std::memcpy(dst, image + (static_cast<size_t>(iy) * g.in_w + ix) * c, sizeof(float) * c);
+      if (iy < 0 || iy >= g.in_h) {
+        std::fill(dst, dst + row_taps, g.pad_value);
+        continue;
+      }
+      const float* src_row = image + static_cast<size_t>(iy) * g.in_w * c;
+      if (row_contiguous) {
+        copy_floats(dst, src_row + static_cast<size_t>(ix0) * c, row_taps);
+        continue;
+      }
+      for (int kx = 0; kx < g.kernel_w; ++kx) {
+        const int ix = ix0 + kx * g.dilation_w;
+        if (ix >= 0 && ix < g.in_w) {
+          copy_floats(dst + kx * c, src_row + static_cast<size_t>(ix) * c, c);
         } else {
-          std::fill(dst, dst + c, g.pad_value);
+          std::fill(dst + kx * c, dst + (kx + 1) * c, g.pad_value);
         }
       }
     }
@@ -56,28 +79,33 @@ bool patches_are_input_rows(const ConvGeometry& g) {
          g.pad_top == 0 && g.pad_left == 0 && g.out_h == g.in_h && g.out_w == g.in_w;
 }
 
-// One worker of the vector path: its tiles t, t + T, ... of every image, a
-// group of them at a time so that each slice of the weights is reused by the
-// whole group while it sits in cache.
-void conv_worker_vector(const AVXFloatConvParam& p, int t, int T, KernelIsa isa) {
+// One pool task of the vector path. Logical worker t owns tiles t, t + T, ...
+// of every image; a task runs the workers t = task, task + tasks, ... and
+// multiplies their tiles a group at a time, so each slice of the weights is
+// loaded once per group while it sits in cache. Every output is computed the
+// same way whichever task or group holds it.
+void conv_task_vector(const AVXFloatConvParam& p, int task, int tasks, int T, KernelIsa isa) {
   const ConvGeometry& g = p.geometry;
   const int pixels = g.out_h * g.out_w;
   const int tiles = (pixels + kTilePixels - 1) / kTilePixels;
   const int K = g.kernel_h * g.kernel_w * g.in_c;
   const int N = g.out_c;
   const bool direct_rows = patches_are_input_rows(g);
-  // About 512 KiB of gathered patches per group.
-  const int group = std::max(1, static_cast<int>((512 * 1024) / (sizeof(float) * kTilePixels * K)));
+  // Up to 32 tiles, within about 4 MiB of gathered patches.
+  const int group = std::max(1, std::min(32, static_cast<int>((4 << 20) / (sizeof(float) * kTilePixels * K))));
+  std::vector<int> own_tiles;
+  for (int t = task; t < T; t += tasks)
+    for (int tile = t; tile < tiles; tile += T) own_tiles.push_back(tile);
   std::vector<float> patches;
-  if (!direct_rows) patches.resize(static_cast<size_t>(group) * kTilePixels * K);
+  if (!direct_rows) patches.resize(static_cast<size_t>(std::min<size_t>(group, own_tiles.size())) * kTilePixels * K);
   std::vector<GemmRowBlock> blocks;
   for (int b = 0; b < g.batch; ++b) {
     const float* image = p.input + static_cast<size_t>(b) * g.in_h * g.in_w * g.in_c;
     float* out_image = p.output + static_cast<size_t>(b) * pixels * N;
-    for (int tile = t; tile < tiles;) {
+    for (size_t i = 0; i < own_tiles.size();) {
       blocks.clear();
-      for (; tile < tiles && static_cast<int>(blocks.size()) < group; tile += T) {
-        const int first = tile * kTilePixels;
+      for (; i < own_tiles.size() && static_cast<int>(blocks.size()) < group; ++i) {
+        const int first = own_tiles[i] * kTilePixels;
         const int rows = std::min(kTilePixels, pixels - first);
         const float* a;
         if (direct_rows) {
@@ -192,7 +220,8 @@ void conv2d_avx_cpu(const float* input, const float* weight, const float* bias, 
   shared.output = output;
   const KernelIsa isa = active_isa();
   if (isa != KernelIsa::kPortable) {
-    ThreadPool::instance().run(workers, [&](int t) { conv_worker_vector(shared, t, workers, isa); });
+    const int tasks = std::min(workers, ThreadPool::instance().num_threads());
+    ThreadPool::instance().run(tasks, [&](int task) { conv_task_vector(shared, task, tasks, workers, isa); });
     return;
   }
   // Room for the patches of 16 tiles of 8 pixels, one slice per worker.

@@ -10,7 +10,8 @@ namespace kovraexecutor {
 
 namespace {
 
-void reference_row(const float* image, const float* weight, float* out, const ConvGeometry& g, int oy) {
+void reference_row(const float* image, const float* weight, const float* bias, float* out, const ConvGeometry& g,
+                   int oy) {
   const int multiplier = g.out_c / g.in_c;
   for (int ox = 0; ox < g.out_w; ++ox, out += g.out_c) {
     for (int oc = 0; oc < g.out_c; ++oc) {
@@ -25,7 +26,7 @@ void reference_row(const float* image, const float* weight, float* out, const Co
           sum += value * weight[static_cast<size_t>(ky * g.kernel_w + kx) * g.out_c + oc];
         }
       }
-      out[oc] = sum;
+      out[oc] = sum + bias[oc];
     }
   }
 }
@@ -52,15 +53,12 @@ void dwconv2d_cpu(const float* input, const float* weight, const float* bias, fl
     for (int oy = 0; oy < g.out_h; ++oy) {
       float* out = output + (static_cast<size_t>(b) * g.out_h + oy) * row_size;
       switch (isa) {
-        case KernelIsa::kAvx512: dwconv_row_f32_avx512(image, weight, out, g, oy); break;
-        case KernelIsa::kAvx2: dwconv_row_f32_avx2(image, weight, out, g, oy); break;
-        default: reference_row(image, weight, out, g, oy); break;
+        case KernelIsa::kAvx512: dwconv_row_f32_avx512(image, weight, bias, out, g, oy); break;
+        case KernelIsa::kAvx2: dwconv_row_f32_avx2(image, weight, bias, out, g, oy); break;
+        default: reference_row(image, weight, bias, out, g, oy); break;
       }
-      for (int ox = 0; ox < g.out_w; ++ox) {
-        float* pixel = out + static_cast<size_t>(ox) * g.out_c;
-        for (int oc = 0; oc < g.out_c; ++oc) pixel[oc] = pixel[oc] + bias[oc];
-        dwconv_activate(pixel, g.out_c, g);
-      }
+      // Element-wise, so one call covers the whole row.
+      dwconv_activate(out, static_cast<int>(row_size), g);
     }
   }
 }

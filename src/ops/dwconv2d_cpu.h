@@ -14,11 +14,12 @@ namespace kovraexecutor {
 void dwconv2d_cpu(const float* input, const float* weight, const float* bias, float* output,
                   const ConvGeometry& g);
 
-// Raw tap sums of output row oy of one image (multiplier 1), fused
-// multiply-adds in (ky, kx) order; both agree bit for bit.
-void dwconv_row_f32_avx512(const float* image, const float* weight, float* out_row,
+// Output row oy of one image before the activation (multiplier 1): the taps
+// as fused multiply-adds in (ky, kx) order, then plus bias; both agree bit
+// for bit.
+void dwconv_row_f32_avx512(const float* image, const float* weight, const float* bias, float* out_row,
                            const ConvGeometry& g, int oy);
-void dwconv_row_f32_avx2(const float* image, const float* weight, float* out_row,
+void dwconv_row_f32_avx2(const float* image, const float* weight, const float* bias, float* out_row,
                          const ConvGeometry& g, int oy);
 
 // The depthwise activation of a row: "Linear" clamps, the others as fused.

@@ -74,25 +74,31 @@ void gemm_f32_8x32_avx2(const float* a, int lda, const float* b, int ldb, float*
 }
 
 void gemv_f32_avx2(const float* a, const float* b, int ldb, float* c, int N, int K) {
-  constexpr int kVectors = 8;
-  for (int n0 = 0; n0 < N; n0 += 8 * kVectors) {
-    __m256i mask[kVectors];
-    __m256 acc[kVectors];
+  for (int n0 = 0; n0 < N; n0 += 8) _mm256_maskstore_ps(c + n0, lanes(N - n0), _mm256_setzero_ps());
+  int k = 0;
+  for (; k + 8 <= K; k += 8) {
+    __m256 av[8];
+    const float* rows[8];
 #pragma GCC unroll 8
-    for (int v = 0; v < kVectors; ++v) {
-      mask[v] = lanes(N - n0 - 8 * v);
-      acc[v] = _mm256_setzero_ps();
+    for (int j = 0; j < 8; ++j) {
+      av[j] = _mm256_set1_ps(a[k + j]);
+      rows[j] = b + static_cast<long long>(k + j) * ldb;
     }
-    const float* row = b + n0;
-    for (int k = 0; k < K; ++k, row += ldb) {
-      const __m256 av = _mm256_broadcast_ss(a + k);
+    for (int n0 = 0; n0 < N; n0 += 8) {
+      const __m256i m = lanes(N - n0);
+      __m256 acc = _mm256_maskload_ps(c + n0, m);
 #pragma GCC unroll 8
-      for (int v = 0; v < kVectors; ++v) {
-        acc[v] = _mm256_fmadd_ps(av, _mm256_maskload_ps(row + 8 * v, mask[v]), acc[v]);
-      }
+      for (int j = 0; j < 8; ++j) acc = _mm256_fmadd_ps(av[j], _mm256_maskload_ps(rows[j] + n0, m), acc);
+      _mm256_maskstore_ps(c + n0, m, acc);
     }
-#pragma GCC unroll 8
-    for (int v = 0; v < kVectors; ++v) _mm256_maskstore_ps(c + n0 + 8 * v, mask[v], acc[v]);
+  }
+  for (; k < K; ++k) {
+    const __m256 av = _mm256_set1_ps(a[k]);
+    const float* row = b + static_cast<long long>(k) * ldb;
+    for (int n0 = 0; n0 < N; n0 += 8) {
+      const __m256i m = lanes(N - n0);
+      _mm256_maskstore_ps(c + n0, m, _mm256_fmadd_ps(av, _mm256_maskload_ps(row + n0, m), _mm256_maskload_ps(c + n0, m)));
+    }
   }
 }
 

@@ -66,27 +66,34 @@ void gemm_f32_8x32_avx512(const float* a, int lda, const float* b, int ldb, floa
 }
 
 void gemv_f32_avx512(const float* a, const float* b, int ldb, float* c, int N, int K) {
-  // 128 columns in 8 independent chains hide the multiply-add latency while
-  // the rows of B stream through once.
-  constexpr int kVectors = 8;
-  for (int n0 = 0; n0 < N; n0 += 16 * kVectors) {
-    __mmask16 mask[kVectors];
-    __m512 acc[kVectors];
+  // The rows of B stream through in order, eight at a time, while the N sums
+  // stay in c (first-level cache); each sum still takes k in order.
+  for (int n0 = 0; n0 < N; n0 += 16) _mm512_mask_storeu_ps(c + n0, lanes(N - n0), _mm512_setzero_ps());
+  int k = 0;
+  for (; k + 8 <= K; k += 8) {
+    __m512 av[8];
+    const float* rows[8];
 #pragma GCC unroll 8
-    for (int v = 0; v < kVectors; ++v) {
-      mask[v] = lanes(N - n0 - 16 * v);
-      acc[v] = _mm512_setzero_ps();
+    for (int j = 0; j < 8; ++j) {
+      av[j] = _mm512_set1_ps(a[k + j]);
+      rows[j] = b + static_cast<long long>(k + j) * ldb;
     }
-    const float* row = b + n0;
-    for (int k = 0; k < K; ++k, row += ldb) {
-      const __m512 av = _mm512_set1_ps(a[k]);
+    for (int n0 = 0; n0 < N; n0 += 16) {
+      const __mmask16 m = lanes(N - n0);
+      __m512 acc = _mm512_maskz_loadu_ps(m, c + n0);
 #pragma GCC unroll 8
-      for (int v = 0; v < kVectors; ++v) {
-        acc[v] = _mm512_fmadd_ps(av, _mm512_maskz_loadu_ps(mask[v], row + 16 * v), acc[v]);
-      }
+      for (int j = 0; j < 8; ++j) acc = _mm512_fmadd_ps(av[j], _mm512_maskz_loadu_ps(m, rows[j] + n0), acc);
+      _mm512_mask_storeu_ps(c + n0, m, acc);
     }
-#pragma GCC unroll 8
-    for (int v = 0; v < kVectors; ++v) _mm512_mask_storeu_ps(c + n0 + 16 * v, mask[v], acc[v]);
+  }
+  for (; k < K; ++k) {
+    const __m512 av = _mm512_set1_ps(a[k]);
+    const float* row = b + static_cast<long long>(k) * ldb;
+    for (int n0 = 0; n0 < N; n0 += 16) {
+      const __mmask16 m = lanes(N - n0);
+      _mm512_mask_storeu_ps(c + n0, m,
+                            _mm512_fmadd_ps(av, _mm512_maskz_loadu_ps(m, row + n0), _mm512_maskz_loadu_ps(m, c + n0)));
+    }
   }
 }
 
