@@ -591,23 +591,16 @@ TEST(ConvFailureTest, OutputsAndGradientsOfTheWrongSize) {
   float buffer[4] = {};
   std::unique_ptr<OpExecutor> conv(Holder::new_op_creator().at("Z40Conv2D")());
   conv->parse_parameter(parse_text_node(kGoodAttrs));
-  Tensor x({1, 1 << 15, 1 << 15, 1}, Tensor::DT_FLOAT, buffer, "cpu");
-  Tensor w({1, 1, 1, 4}, Tensor::DT_FLOAT, buffer, "cpu");
+  // Borrowed buffers: only the shapes are looked at.
+  Tensor x({1, 1 << 14, 1 << 14, 1}, Tensor::DT_FLOAT, buffer, "cpu");
+  Tensor w({1, 1, 1, 8}, Tensor::DT_FLOAT, buffer, "cpu");
   std::vector<int> shape;
   EXPECT_CHECK_FAILED(conv->inference_shape({&x, &w}, shape), "output_size <= INT_MAX",
                       "FloatZ40Conv2D: output too large");
   std::unique_ptr<OpExecutor> dw(Holder::new_op_creator().at("Z40DepthwiseConv2dNative")());
   dw->parse_parameter(parse_text_node(kGoodAttrs));
-  Tensor wide_w({1, 1, 1, 1 << 30}, Tensor::DT_FLOAT, buffer, "cpu");
-  Tensor three({1, 1, 1, 3}, Tensor::DT_FLOAT, buffer, "cpu");
-  Tensor three_w({1, 1, 3, 1 << 30}, Tensor::DT_FLOAT, buffer, "cpu");
-  EXPECT_CHECK_FAILED(dw->inference_shape({&three, &three_w}, shape), "output_channels <= INT_MAX",
+  EXPECT_CHECK_FAILED(dw->inference_shape({&x, &w}, shape), "output_size <= INT_MAX",
                       "FloatZ40DepthwiseConv2dNative: output too large");
-  Tensor tall({1, 1 << 15, 1 << 15, 1}, Tensor::DT_FLOAT, buffer, "cpu");
-  Tensor two_w({1, 1, 1, 2}, Tensor::DT_FLOAT, buffer, "cpu");
-  EXPECT_CHECK_FAILED(dw->inference_shape({&tall, &two_w}, shape), "output_size <= INT_MAX",
-                      "FloatZ40DepthwiseConv2dNative: output too large");
-  (void)wide_w;
 }
 
 TEST(ConvFailureTest, NonFloatInputIsRefused) {

@@ -113,9 +113,8 @@ class Z40DepthwiseConv2dNativeOpExecutor : public OpExecutor {
     op_check(weight->shape()[2] == g.in_c, "weight_channels == input_channels",
              std::string(kOp) + ": weight channels " + std::to_string(weight->shape()[2]) +
                  " != input channels " + std::to_string(g.in_c));
-    const long long out_c = static_cast<long long>(g.in_c) * weight->shape()[3];
-    op_check(out_c <= 0x7fffffffLL, "output_channels <= INT_MAX", std::string(kOp) + ": output too large");
-    g.out_c = static_cast<int>(out_c);
+    // No larger than the weight's element count, so it fits an int.
+    g.out_c = g.in_c * weight->shape()[3];
     if (inputs.size() > 2) {
       check_float(inputs[2], kOp);
       check_min_size(inputs[2], g.out_c, kOp);
