@@ -2,10 +2,30 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
+
+namespace {
+
+// cond ? a : b as a bit mask. A plain ?: on a float comparison is left
+// unvectorised (the compiler keeps the comparison's trap semantics); a mask
+// built from the comparison's value is not, and it selects exactly.
+inline float select_bits(bool cond, float a, float b) {
+  uint32_t ab, bb;
+  std::memcpy(&ab, &a, sizeof ab);
+  std::memcpy(&bb, &b, sizeof bb);
+  const uint32_t mask = 0u - static_cast<uint32_t>(cond);
+  const uint32_t r = (ab & mask) | (bb & ~mask);
+  float out;
+  std::memcpy(&out, &r, sizeof out);
+  return out;
+}
+
+}  // namespace
 
 // The clamps are written as std::max / std::min so that a NaN passes through
 // (and the compiler emits packed max/min instructions for them).
@@ -21,8 +41,7 @@ void relu6_f32(const float* in, float* out, int n) {
 void leaky_relu_f32(const float* in, float* out, int n, float alpha) {
   for (int i = 0; i < n; ++i) {
     const float x = in[i];
-    const float scaled = x * alpha;  // computed unconditionally so the select vectorises
-    out[i] = x > 0.0f ? x : scaled;
+    out[i] = select_bits(x > 0.0f, x, x * alpha);
   }
 }
 
@@ -32,10 +51,7 @@ void prelu_f32(const float* in, float* out, int n, const float* slope, int chann
     const int len = std::min(channels, n - start);
     const float* x = in + start;
     float* y = out + start;
-    for (int c = 0; c < len; ++c) {
-      const float scaled = x[c] * slope[c];
-      y[c] = x[c] >= 0.0f ? x[c] : scaled;
-    }
+    for (int c = 0; c < len; ++c) y[c] = select_bits(x[c] >= 0.0f, x[c], x[c] * slope[c]);
   }
 }
 

@@ -4,7 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "ops/activate.h"
 #include "ops/float_eltwise.h"
 #include "ops/float_eltwise_grad_kernels.h"
 
@@ -18,7 +17,7 @@ namespace kovraexecutor {
 template <typename Param>
 class FloatAddOpExecutor : public FloatBinaryOpExecutor<Param> {
  public:
-  typedef void (*Forward)(const float*, int, const float*, int, float*, ActivationFn);
+  typedef void (*Forward)(const float*, int, const float*, int, float*, FusedRelu);
   typedef void (*Backward)(const float*, const float*, int, int, FusedRelu, float*, float*);
 
   FloatAddOpExecutor(std::string name, Pairing pairing, Forward forward, Backward backward)
@@ -42,7 +41,7 @@ class FloatAddOpExecutor : public FloatBinaryOpExecutor<Param> {
 
  protected:
   void _compute(const float* a, int n, const float* b, int nb, float* out) const override {
-    forward_(a, n, b, nb, out, select_relu_activation(this->op_param_->action_type));
+    forward_(a, n, b, nb, out, fused_relu_kind(this->op_param_->action_type));
   }
 
  private:

@@ -6,12 +6,6 @@ namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-FusedRelu fused_relu_kind(const std::string& action_type) {
-  if (action_type == "Relu") return FusedRelu::kRelu;
-  if (action_type == "Relu6") return FusedRelu::kRelu6;
-  return FusedRelu::kNone;
-}
-
 namespace {
 
 // grad_a[i] = g[i] masked by the activation's derivative; grad_b[i mod nb]

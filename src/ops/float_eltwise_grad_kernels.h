@@ -1,7 +1,7 @@
 #ifndef KOVRAEXECUTOR_OPS_FLOAT_ELTWISE_GRAD_KERNELS_H_
 #define KOVRAEXECUTOR_OPS_FLOAT_ELTWISE_GRAD_KERNELS_H_
 
-#include <string>
+#include "ops/float_eltwise_kernels.h"
 
 namespace kovra {
 namespace trenkit {
@@ -11,10 +11,6 @@ namespace kovraexecutor {
 // forward output (n values); a null gradient pointer means "not wanted".
 // Gradients of b are written over all nb values (entries that no element of
 // a used stay 0) and accumulate in element order.
-
-// The fused activation of the add kernels, as the gradient needs it.
-enum class FusedRelu { kNone, kRelu, kRelu6 };
-FusedRelu fused_relu_kind(const std::string& action_type);
 
 // Forward out[i] = act(a[i] + b[i mod nb]); the activation's derivative is
 // taken from the forward output (1 inside the linear range, 0 where clamped).

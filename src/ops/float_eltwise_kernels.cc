@@ -9,39 +9,55 @@ namespace kovraexecutor {
 
 namespace {
 
-// Elements per tile: the fused activation runs on a tile while it is still in
-// the first-level cache.
-constexpr int kTile = 4096;
-
-// out[i] = f(a[i], b[i mod nb]) tile by tile. The inner loops run over runs of
-// b without a modulo, so they vectorise; nb == 1 gets its own scalar loop.
+// out[i] = f(a[i], b[i mod nb]). The inner loop runs over whole runs of b
+// without a modulo, so it vectorises; nb == 1 gets its own broadcast loop.
 template <typename F>
-inline void binary_cyclic(const float* a, int n, const float* b, int nb, float* out, F f,
-                          ActivationFn act) {
-  for (int start = 0; start < n; start += kTile) {
-    const int len = std::min(kTile, n - start);
+inline void binary_cyclic(const float* a, int n, const float* b, int nb, float* out, F f) {
+  if (nb == 1) {
+    const float b0 = b[0];
+    for (int i = 0; i < n; ++i) out[i] = f(a[i], b0);
+    return;
+  }
+  for (int start = 0; start < n; start += nb) {
+    const int len = std::min(nb, n - start);
     const float* pa = a + start;
     float* po = out + start;
-    if (nb == 1) {
-      const float b0 = b[0];
-      for (int i = 0; i < len; ++i) po[i] = f(pa[i], b0);
-    } else {
-      int j = start % nb;
-      for (int i = 0; i < len;) {
-        const int run = std::min(nb - j, len - i);
-        const float* pb = b + j;
-        for (int k = 0; k < run; ++k) po[i + k] = f(pa[i + k], pb[k]);
-        i += run;
-        j = 0;
-      }
-    }
-    if (act != nullptr) act(po, len, 0.0f);
+    for (int k = 0; k < len; ++k) po[k] = f(pa[k], b[k]);
   }
 }
 
-struct Plus {
-  float operator()(float x, float y) const { return x + y; }
+// Two selects in this order keep NaN -> 0 and map to packed max/min.
+template <FusedRelu kAct>
+inline float fused(float y) {
+  if constexpr (kAct != FusedRelu::kNone) y = y > 0.0f ? y : 0.0f;
+  if constexpr (kAct == FusedRelu::kRelu6) y = y < 6.0f ? y : 6.0f;
+  return y;
+}
+
+template <FusedRelu kAct>
+struct PlusThen {
+  float operator()(float x, float y) const { return fused<kAct>(x + y); }
 };
+
+void add_fused(const float* a, int n, const float* b, int nb, float* out, FusedRelu act) {
+  switch (act) {
+    case FusedRelu::kNone: binary_cyclic(a, n, b, nb, out, PlusThen<FusedRelu::kNone>()); break;
+    case FusedRelu::kRelu: binary_cyclic(a, n, b, nb, out, PlusThen<FusedRelu::kRelu>()); break;
+    case FusedRelu::kRelu6: binary_cyclic(a, n, b, nb, out, PlusThen<FusedRelu::kRelu6>()); break;
+  }
+}
+
+template <FusedRelu kAct>
+void batch_norm_scale_rows(const float* x, int n, const float* scale, const float* bias,
+                           int channels, float* out) {
+  for (int start = 0; start < n; start += channels) {
+    const int len = std::min(channels, n - start);
+    const float* px = x + start;
+    float* po = out + start;
+    for (int c = 0; c < len; ++c) po[c] = fused<kAct>(px[c] * scale[c] + bias[c]);
+  }
+}
+
 struct Minus {
   float operator()(float x, float y) const { return x - y; }
 };
@@ -60,51 +76,60 @@ struct Power {
   }
 };
 
-ActivationFn fused_or_none(ActivationFn act) { return act == activation_null ? nullptr : act; }
-
 }  // namespace
 
-void add_cpu(const float* a, int n, const float* b, int nb, float* out, ActivationFn act) {
-  binary_cyclic(a, n, b, nb, out, Plus(), fused_or_none(act));
+FusedRelu fused_relu_kind(const std::string& action_type) {
+  if (action_type == "Relu") return FusedRelu::kRelu;
+  if (action_type == "Relu6") return FusedRelu::kRelu6;
+  return FusedRelu::kNone;
 }
 
-void eltwise_add_cpu(const float* a, int n, const float* b, int nb, float* out, ActivationFn act) {
-  binary_cyclic(a, n, b, nb, out, Plus(), fused_or_none(act));
+void add_cpu(const float* a, int n, const float* b, int nb, float* out, FusedRelu act) {
+  add_fused(a, n, b, nb, out, act);
+}
+
+void eltwise_add_cpu(const float* a, int n, const float* b, int nb, float* out, FusedRelu act) {
+  // b is a scalar or as long as a; the cyclic loop covers both.
+  add_fused(a, n, b, nb, out, act);
 }
 
 void eltwise_sub_f32(const float* a, int n, const float* b, int nb, float* out) {
-  binary_cyclic(a, n, b, nb, out, Minus(), nullptr);
+  binary_cyclic(a, n, b, nb, out, Minus());
 }
 
 void eltwise_div_f32(const float* a, int n, const float* b, int nb, float* out) {
-  binary_cyclic(a, n, b, nb, out, Divide(), nullptr);
+  binary_cyclic(a, n, b, nb, out, Divide());
 }
 
 void mul_cyclic_f32(const float* a, int n, const float* b, int nb, float* out) {
-  binary_cyclic(a, n, b, nb, out, Times(), nullptr);
+  binary_cyclic(a, n, b, nb, out, Times());
 }
 
 void div_cyclic_f32(const float* a, int n, const float* b, int nb, float* out) {
-  binary_cyclic(a, n, b, nb, out, Divide(), nullptr);
+  binary_cyclic(a, n, b, nb, out, Divide());
 }
 
 void pow_cyclic_f32(const float* a, int n, const float* b, int nb, float* out) {
-  binary_cyclic(a, n, b, nb, out, Power(), nullptr);
+  binary_cyclic(a, n, b, nb, out, Power());
 }
 
 void max_f32(const float* a, int n, const float* b, float* out) {
-  binary_cyclic(a, n, b, std::max(n, 1), out, Maximum(), nullptr);
+  if (n > 0) binary_cyclic(a, n, b, n, out, Maximum());
 }
 
 void batch_norm_scale_f32(const float* x, int n, const float* scale, const float* bias,
-                          int channels, float* out, ActivationFn act) {
-  for (int start = 0; start < n; start += channels) {
-    const int len = std::min(channels, n - start);
-    const float* px = x + start;
-    float* po = out + start;
-    for (int c = 0; c < len; ++c) po[c] = px[c] * scale[c] + bias[c];
+                          int channels, float* out, FusedRelu act) {
+  switch (act) {
+    case FusedRelu::kNone:
+      batch_norm_scale_rows<FusedRelu::kNone>(x, n, scale, bias, channels, out);
+      break;
+    case FusedRelu::kRelu:
+      batch_norm_scale_rows<FusedRelu::kRelu>(x, n, scale, bias, channels, out);
+      break;
+    case FusedRelu::kRelu6:
+      batch_norm_scale_rows<FusedRelu::kRelu6>(x, n, scale, bias, channels, out);
+      break;
   }
-  if (act != activation_null) act(out, n, 0.0f);
 }
 
 }  // namespace kovraexecutor

@@ -1,7 +1,7 @@
 #ifndef KOVRAEXECUTOR_OPS_FLOAT_ELTWISE_KERNELS_H_
 #define KOVRAEXECUTOR_OPS_FLOAT_ELTWISE_KERNELS_H_
 
-#include "ops/activate.h"
+#include <string>
 
 namespace kovra {
 namespace trenkit {
@@ -13,12 +13,18 @@ namespace kovraexecutor {
 //    applies value c to channel c; a single value applies to every element);
 //  - element pairing, j = i, nb >= n, with nb == 1 accepted as a scalar
 //    where the operator allows it — both are the cyclic rule restricted.
-// `act` is a fused in-place activation (activation_null for none).
+
+// The activations the add kernels and the batch-norm scale fuse, applied in
+// the same pass: "Relu" is x > 0 ? x : 0 and "Relu6" then clamps to 6, as the
+// fused activation table defines them (so NaN becomes 0).
+enum class FusedRelu { kNone, kRelu, kRelu6 };
+// "Relu" and "Relu6"; any other name fuses nothing.
+FusedRelu fused_relu_kind(const std::string& action_type);
 
 // a + b[i mod nb], then the fused "Relu"/"Relu6".
-void add_cpu(const float* a, int n, const float* b, int nb, float* out, ActivationFn act);
+void add_cpu(const float* a, int n, const float* b, int nb, float* out, FusedRelu act);
 // a + b with b a scalar (nb == 1) or of a's size, then the fused "Relu"/"Relu6".
-void eltwise_add_cpu(const float* a, int n, const float* b, int nb, float* out, ActivationFn act);
+void eltwise_add_cpu(const float* a, int n, const float* b, int nb, float* out, FusedRelu act);
 // a - b, b a scalar or of a's size.
 void eltwise_sub_f32(const float* a, int n, const float* b, int nb, float* out);
 // a / b, b a scalar or of a's size.
@@ -33,7 +39,7 @@ void pow_cyclic_f32(const float* a, int n, const float* b, int nb, float* out);
 void max_f32(const float* a, int n, const float* b, float* out);
 // x * scale[i mod channels] + bias[i mod channels], then the fused activation.
 void batch_norm_scale_f32(const float* x, int n, const float* scale, const float* bias,
-                          int channels, float* out, ActivationFn act);
+                          int channels, float* out, FusedRelu act);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit

@@ -1,7 +1,6 @@
 #include <string>
 #include <vector>
 
-#include "ops/activate.h"
 #include "ops/float_eltwise.h"
 #include "ops/float_eltwise_kernels.h"
 
@@ -41,7 +40,7 @@ class Z40BatchNormScaleOpExecutor : public FloatEltwiseOpExecutor<Z40BatchNormSc
     check_attr_size(op_param_->bias.size(), channels, "bias", name_);
     batch_norm_scale_f32(inputs[0]->data<float>(), n, op_param_->scale.data(),
                          op_param_->bias.data(), channels, output->mutable_data<float>(),
-                         select_relu_activation(op_param_->action_type));
+                         fused_relu_kind(op_param_->action_type));
     return true;
   }
 
