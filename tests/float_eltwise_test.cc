@@ -52,6 +52,8 @@ std::vector<BinaryCase> binary_cases() {
       // The add kernels know only "Relu" and "Relu6".
       {"AddIgnoresLeakyRelu", "Z40Add", k4, kA, {3}, {0.5f, 1, -10}, action("LeakyRelu"),
        {1.5f, -1, -7, -3.5f, 6, -16}},
+      // The fused form of the activation table: NaN becomes 0.
+      {"AddRelu6NaN", "Z40Add", {1, 1, 1, 3}, {NAN, 7, -1}, {1}, {0}, action("Relu6"), {0, 6, 0}},
       {"AddSameShape", "Z40Add", k4, kA, k4, {1, 1, 1, 1, 1, 1}, none, {2, -1, 4, -3, 6, -5}},
       {"EltwiseAddSameShape", "Z40EltwiseAdd", k4, kA, k4, {6, 5, 4, 3, 2, 1}, action("Relu"),
        {7, 3, 7, 0, 7, 0}},
