@@ -558,6 +558,113 @@ TEST(CompareTest, BrokenFoldersFailWithOneLine) {
 
 // ---- running real models -----------------------------------------------------------------
 
+// Two outputs, one of them named with a '/', computed by hand:
+// input [-2, -1, 0.5, 7] -> relu [0, 0, 0.5, 7]; sum/out = relu + input; clip = relu6(input).
+const char* const kToyModel = R"(
+node { name: "input" op: "ZxxNOp" }
+node { name: "relu" op: "Z40Relu" input: "input" }
+node { name: "sum/out" op: "Z40EltwiseAdd" input: "relu" input: "input" }
+node { name: "clip" op: "Z40Relu6" input: "input" }
+)";
+
+class ToyModelTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    REQUIRE_OPS("Z40Relu", "Z40EltwiseAdd", "Z40Relu6");
+    spit(dir_.file("toy.pbtxt"), kToyModel);
+    const float values[4] = {-2, -1, 0.5f, 7};
+    spit(dir_.file("in.bin"), std::string(reinterpret_cast<const char*>(values), sizeof(values)));
+    // The same values as float64 .npy.
+    std::string npy("\x93NUMPY\x01\x00", 8);
+    std::string header = "{'descr': '<f8', 'fortran_order': False, 'shape': (1, 2, 2, 1), }";
+    header.append((64 - (10 + header.size() + 1) % 64) % 64, ' ');
+    header += '\n';
+    npy += static_cast<char>(header.size());
+    npy += '\0';
+    npy += header;
+    for (double v : {-2.0, -1.0, 0.5, 7.0}) npy.append(reinterpret_cast<const char*>(&v), 8);
+    spit(dir_.file("in.npy"), npy);
+  }
+  std::string run_args() const { return "run " + dir_.file("toy.pbtxt") + " -i input=" + dir_.file("in.bin") + ":1x2x2x1"; }
+  TempDir dir_;
+};
+
+TEST_F(ToyModelTest, SummaryLinesAndOutDirFilesHoldTheValues) {
+  Result r = kovra(run_args());
+  ASSERT_EQ(r.code, 0) << r.out;
+  EXPECT_TRUE(has_line(r.out, "sum/out  shape=1x2x2x1  min=-2  max=14  mean=3")) << r.out;
+  EXPECT_TRUE(has_line(r.out, "clip  shape=1x2x2x1  min=0  max=6  mean=1.625")) << r.out;
+
+  r = kovra("run " + dir_.file("toy.pbtxt") + " -i input=" + dir_.file("in.npy") + " --out-dir " + dir_.file("out"));
+  ASSERT_EQ(r.code, 0) << r.out;
+  EXPECT_TRUE(has_line(r.out, "sum/out  shape=1x2x2x1  -> " + dir_.file("out") + "/sum_out.npy")) << r.out;
+  std::vector<int> shape;
+  EXPECT_EQ(read_floats(dir_.file("out/sum_out.npy"), &shape), (std::vector<float>{-2, -1, 1, 14}));
+  EXPECT_EQ(shape, (std::vector<int>{1, 2, 2, 1}));
+  EXPECT_EQ(read_floats(dir_.file("out/clip.npy")), (std::vector<float>{0, 0, 0.5f, 6}));
+
+  // --output picks one end node.
+  r = kovra(run_args() + " --output relu");
+  ASSERT_EQ(r.code, 0) << r.out;
+  EXPECT_TRUE(has_line(r.out, "relu  shape=1x2x2x1  min=0  max=7  mean=1.875")) << r.out;
+  EXPECT_EQ(r.out.find("clip  shape"), std::string::npos) << r.out;
+}
+
+TEST_F(ToyModelTest, DumpingProfilingAndInplaceNeverChangeABit) {
+  ASSERT_EQ(kovra(run_args() + " --out-dir " + dir_.file("plain")).code, 0);
+  const char* const variants[] = {"--dump {dir}/dump", "--repeat 3 --trace {dir}/t.json", "--inplace",
+                                  "--threads 1 --inplace --dump {dir}/dump2"};
+  int index = 0;
+  for (const char* variant : variants) {
+    const std::string out = dir_.file("v" + std::to_string(index++));
+    const Result r = kovra(run_args() + " --out-dir " + out + " " + substitute(variant, dir_.path()));
+    ASSERT_EQ(r.code, 0) << variant << "\n" << r.out;
+    for (const char* file : {"/sum_out.npy", "/clip.npy"}) {
+      EXPECT_EQ(slurp(out + file), slurp(dir_.file("plain") + file)) << variant << file;
+    }
+  }
+  const std::string manifest = slurp(dir_.file("dump/manifest.tsv"));
+  for (const char* line : {"# order\tfile\tname\tshape\tdtype\tbitwidth", "0\trelu.bin\trelu\t1x2x2x1\tfloat32\t32",
+                           "1\tsum_out.bin\tsum/out\t1x2x2x1\tfloat32\t32", "2\tclip.bin\tclip\t1x2x2x1\tfloat32\t32"}) {
+    EXPECT_TRUE(has_line(manifest, line)) << line << "\n" << manifest;
+  }
+  const float relu[4] = {0, 0, 0.5f, 7};
+  EXPECT_EQ(slurp(dir_.file("dump/relu.bin")), std::string(reinterpret_cast<const char*>(relu), sizeof(relu)));
+  // A trace event per node and run, and a profile of three runs.
+  const std::string trace = slurp(dir_.file("t.json"));
+  size_t events = 0;
+  for (size_t at = 0; (at = trace.find("\"name\": \"sum/out\"", at)) != std::string::npos; ++at) ++events;
+  EXPECT_EQ(events, 3u) << trace;
+  const Result profiled = kovra(run_args() + " --repeat 3");
+  std::istringstream row(line_starting(profiled.out, "Z40Relu "));
+  std::string name;
+  long long count = 0;
+  row >> name >> count;
+  EXPECT_EQ(count, 3) << profiled.out;
+  EXPECT_FALSE(line_starting(profiled.out, "sum/out ").empty()) << profiled.out;
+}
+
+TEST_F(ToyModelTest, CompareFindsThePerturbedTensor) {
+  ASSERT_EQ(kovra(run_args() + " --dump " + dir_.file("a")).code, 0);
+  ASSERT_EQ(kovra(run_args() + " --dump " + dir_.file("b")).code, 0);
+  Result r = kovra("compare " + dir_.file("a") + " " + dir_.file("b") + " --rtol 0 --atol 0");
+  EXPECT_EQ(r.code, 0) << r.out;
+  EXPECT_TRUE(has_line(r.out, "3 tensor(s) compared, 0 out of tolerance")) << r.out;
+  const float changed[4] = {-2, -1, 1, 14.5f};
+  spit(dir_.file("b/sum_out.bin"), std::string(reinterpret_cast<const char*>(changed), sizeof(changed)));
+  r = kovra("compare " + dir_.file("a") + " " + dir_.file("b"));
+  EXPECT_EQ(r.code, 1) << r.out;
+  CompareRow row;
+  ASSERT_TRUE(row_of(r.out, "relu", row)) << r.out;
+  EXPECT_EQ(row.verdict, "ok");
+  ASSERT_TRUE(row_of(r.out, "sum_out", row)) << r.out;
+  EXPECT_EQ(row.mismatches, "1/4");
+  EXPECT_DOUBLE_EQ(row.max_abs, 0.5);
+  EXPECT_EQ(row.verdict, "MISMATCH");
+  EXPECT_TRUE(has_line(r.out, "first divergence: sum_out")) << r.out;
+}
+
+
 struct Example {
   const char* name;
   const char* output_file;  // sanitised end node
