@@ -159,16 +159,18 @@ TEST(MatMulHandTest, ActivationFormsOnHandWorkedValues) {
 }
 
 TEST(GemmKernelTest, VectorPathsAgreeBitForBitAndMatchPlainSums) {
-  // Row blocks scattered through the output, as convolution workers use them.
-  const int K = 530, N = 45, lda = K + 3, ldc = N + 5;
+  // Row blocks scattered through the output, as convolution workers use them;
+  // rows far enough apart that their slices are copied before use.
+  const int K = 530, N = 45, lda = 1100, ldc = N + 5;
   const std::vector<float> A = random_values(static_cast<size_t>(24) * lda, 8);
   const std::vector<float> B = random_values(static_cast<size_t>(K) * N, 9);
+  const std::vector<float> bias = random_values(N, 10);
   std::vector<std::vector<float>> outs;
   for (KernelIsa isa : {KernelIsa::kAvx512, KernelIsa::kAvx2}) {
     std::vector<float> C(static_cast<size_t>(24) * ldc, -7.0f);
     const GemmRowBlock blocks[] = {{A.data() + 16 * lda, C.data(), 8}, {A.data(), C.data() + 8 * ldc, 3},
                                    {A.data() + 3 * lda, C.data() + 16 * ldc, 5}};
-    gemm_f32_blocks(blocks, 3, lda, ldc, B.data(), N, N, K, isa);
+    gemm_f32_blocks(blocks, 3, lda, ldc, B.data(), N, N, K, bias.data(), isa);
     const int a_rows[] = {16, 17, 18, 19, 20, 21, 22, 23, 0, 1, 2, -1, -1, -1, -1, -1, 3, 4, 5, 6, 7, -1, -1, -1};
     for (int r = 0; r < 24; ++r)
       for (int n = 0; n < ldc; ++n) {
@@ -183,7 +185,7 @@ TEST(GemmKernelTest, VectorPathsAgreeBitForBitAndMatchPlainSums) {
           sum += t;
           mag += std::fabs(t);
         }
-        ASSERT_NEAR(got, sum, 2e-6 * (mag + 1)) << r << "," << n;
+        ASSERT_NEAR(got, sum + bias[n], 2e-6 * (mag + 2)) << r << "," << n;
       }
     outs.push_back(C);
   }

@@ -63,13 +63,10 @@ void gather_patches(const float* image, const ConvGeometry& g, int first, int ro
   }
 }
 
-// out = sum * multiplier + bias, then the activation, for rows of N outputs.
-void finish_rows(float* out, int rows, int N, const float* bias, const ConvGeometry& g) {
-  for (int r = 0; r < rows; ++r) {
-    float* row = out + static_cast<size_t>(r) * N;
-    for (int n = 0; n < N; ++n) row[n] = row[n] * 1.0f + bias[n];
-    g.activate(row, N, g.alpha);
-  }
+// The activation over rows of N outputs (the product kernel added the bias;
+// the multiplier of this path is 1, which changes no value).
+void activate_rows(float* out, int rows, int N, const ConvGeometry& g) {
+  for (int r = 0; r < rows; ++r) g.activate(out + static_cast<size_t>(r) * N, N, g.alpha);
 }
 
 // A 1x1 kernel with unit strides and no padding reads each pixel's channels
@@ -96,8 +93,9 @@ void conv_task_vector(const AVXFloatConvParam& p, int task, int tasks, int T, Ke
   std::vector<int> own_tiles;
   for (int t = task; t < T; t += tasks)
     for (int tile = t; tile < tiles; tile += T) own_tiles.push_back(tile);
-  std::vector<float> patches;
-  if (!direct_rows) patches.resize(static_cast<size_t>(std::min<size_t>(group, own_tiles.size())) * kTilePixels * K);
+  float* patches = direct_rows ? nullptr
+                               : scratch_floats(ScratchSlot::kPatches,
+                                                std::min<size_t>(group, own_tiles.size()) * kTilePixels * K);
   std::vector<GemmRowBlock> blocks;
   for (int b = 0; b < g.batch; ++b) {
     const float* image = p.input + static_cast<size_t>(b) * g.in_h * g.in_w * g.in_c;
@@ -111,14 +109,16 @@ void conv_task_vector(const AVXFloatConvParam& p, int task, int tasks, int T, Ke
         if (direct_rows) {
           a = image + static_cast<size_t>(first) * g.in_c;
         } else {
-          float* slot = patches.data() + blocks.size() * kTilePixels * static_cast<size_t>(K);
+          float* slot = patches + blocks.size() * kTilePixels * static_cast<size_t>(K);
           gather_patches(image, g, first, rows, slot);
           a = slot;
         }
         blocks.push_back({a, out_image + static_cast<size_t>(first) * N, rows});
       }
-      gemm_f32_blocks(blocks.data(), static_cast<int>(blocks.size()), K, N, p.weight, N, N, K, isa);
-      for (const GemmRowBlock& blk : blocks) finish_rows(blk.c, blk.rows, N, p.bias, g);
+      gemm_f32_blocks(blocks.data(), static_cast<int>(blocks.size()), K, N, p.weight, N, N, K, p.bias, isa);
+      if (g.activate != activation_null) {
+        for (const GemmRowBlock& blk : blocks) activate_rows(blk.c, blk.rows, N, g);
+      }
     }
   }
 }

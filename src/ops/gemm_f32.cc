@@ -1,8 +1,11 @@
 #include "ops/gemm_f32.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
-#include <vector>
+#include <string>
+
+#include "common.h"
 
 namespace kovra {
 namespace trenkit {
@@ -13,16 +16,34 @@ namespace {
 // (32 KiB) stays in the first-level cache while every row block streams by.
 constexpr int kReductionBlock = 256;
 constexpr int kPanelWidth = 32;
+struct Scratch {
+  float* data = nullptr;
+  size_t capacity = 0;
+  ~Scratch() { std::free(data); }
+};
+
 }  // namespace
 
+float* scratch_floats(ScratchSlot slot, size_t count) {
+  thread_local Scratch buffers[3];
+  Scratch& s = buffers[static_cast<int>(slot)];
+  if (count > s.capacity) {
+    std::free(s.data);
+    s.data = static_cast<float*>(std::malloc(sizeof(float) * count));
+    if (s.data == nullptr) fatal("Out of memory for " + std::to_string(count) + " floats of kernel scratch.");
+    s.capacity = count;
+  }
+  return s.data;
+}
+
 void gemm_f32_blocks(const GemmRowBlock* blocks, int block_count, int lda, int ldc,
-                     const float* B, int ldb, int N, int K, KernelIsa isa) {
+                     const float* B, int ldb, int N, int K, const float* bias, KernelIsa isa) {
   if (block_count <= 0 || N <= 0) return;
   if (block_count == 1 && blocks[0].rows == 1) {
     if (isa == KernelIsa::kAvx512) {
-      gemv_f32_avx512(blocks[0].a, B, ldb, blocks[0].c, N, K);
+      gemv_f32_avx512(blocks[0].a, B, ldb, blocks[0].c, N, K, bias);
     } else {
-      gemv_f32_avx2(blocks[0].a, B, ldb, blocks[0].c, N, K);
+      gemv_f32_avx2(blocks[0].a, B, ldb, blocks[0].c, N, K, bias);
     }
     return;
   }
@@ -31,32 +52,55 @@ void gemm_f32_blocks(const GemmRowBlock* blocks, int block_count, int lda, int l
     // An empty reduction is a zero sum.
     for (int i = 0; i < block_count; ++i)
       for (int r = 0; r < blocks[i].rows; ++r)
-        std::fill(blocks[i].c + static_cast<long long>(r) * ldc, blocks[i].c + static_cast<long long>(r) * ldc + N, 0.0f);
+        for (int n = 0; n < N; ++n) blocks[i].c[static_cast<long long>(r) * ldc + n] = bias ? 0.0f + bias[n] : 0.0f;
     return;
   }
   // When several row blocks share a slice of B, the slice is first copied
-  // into a contiguous panel: rows of B far apart in memory would otherwise
-  // collide in the same cache sets and be fetched again for every block.
-  const bool pack = block_count > 1 && ldb != kPanelWidth;
-  std::vector<float> panel(pack ? static_cast<size_t>(kReductionBlock) * kPanelWidth : 0);
+  // into contiguous 32-column panels: rows of B far apart in memory would
+  // otherwise collide in the same cache sets and be fetched again for every
+  // block. B is read row after row, the order memory streams best.
+  const bool pack = block_count > 1;
+  const int panels = (N + kPanelWidth - 1) / kPanelWidth;
+  float* packed = pack ? scratch_floats(ScratchSlot::kWeightPanel,
+                                        static_cast<size_t>(kReductionBlock) * kPanelWidth * panels)
+                       : nullptr;
+  // Long rows of A (4 KiB apart or more) are copied per reduction slice into
+  // one contiguous run as well, for the same reason.
+  const bool pack_a = pack && lda > 1024;
+  float* a_slices =
+      pack_a ? scratch_floats(ScratchSlot::kRowSlices, static_cast<size_t>(block_count) * 8 * kReductionBlock)
+           : nullptr;
   for (int k0 = 0; k0 < K; k0 += kReductionBlock) {
     const int kc = std::min(kReductionBlock, K - k0);
     const bool accumulate = k0 > 0;
-    for (int n0 = 0; n0 < N; n0 += kPanelWidth) {
-      const int cols = std::min(kPanelWidth, N - n0);
-      const float* b = B + static_cast<long long>(k0) * ldb + n0;
-      int panel_ld = ldb;
-      if (pack) {
-        for (int k = 0; k < kc; ++k) {
-          std::memcpy(panel.data() + static_cast<size_t>(k) * kPanelWidth, b + static_cast<long long>(k) * ldb,
+    const bool last = k0 + kc == K;
+    if (pack) {
+      for (int k = 0; k < kc; ++k) {
+        const float* row = B + static_cast<long long>(k0 + k) * ldb;
+        for (int p = 0; p < panels; ++p) {
+          const int cols = std::min(kPanelWidth, N - p * kPanelWidth);
+          std::memcpy(packed + (static_cast<size_t>(p) * kc + k) * kPanelWidth, row + p * kPanelWidth,
                       sizeof(float) * cols);
         }
-        b = panel.data();
-        panel_ld = kPanelWidth;
       }
+    }
+    if (pack_a) {
       for (int i = 0; i < block_count; ++i) {
-        micro(blocks[i].a + k0, lda, b, panel_ld, blocks[i].c + n0, ldc, blocks[i].rows, cols, kc,
-              accumulate);
+        for (int r = 0; r < blocks[i].rows; ++r) {
+          std::memcpy(a_slices + (static_cast<size_t>(i) * 8 + r) * kc,
+                      blocks[i].a + static_cast<long long>(r) * lda + k0, sizeof(float) * kc);
+        }
+      }
+    }
+    for (int p = 0; p < panels; ++p) {
+      const int n0 = p * kPanelWidth;
+      const int cols = std::min(kPanelWidth, N - n0);
+      const float* b = pack ? packed + static_cast<size_t>(p) * kc * kPanelWidth : B + static_cast<long long>(k0) * ldb + n0;
+      const int b_ld = pack ? kPanelWidth : ldb;
+      for (int i = 0; i < block_count; ++i) {
+        const float* a = pack_a ? a_slices + static_cast<size_t>(i) * 8 * kc : blocks[i].a + k0;
+        micro(a, pack_a ? kc : lda, b, b_ld, blocks[i].c + n0, ldc, blocks[i].rows, cols, kc, accumulate,
+              last && bias ? bias + n0 : nullptr);
       }
     }
   }

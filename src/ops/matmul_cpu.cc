@@ -60,7 +60,7 @@ void matmul_cpu(const float* a, const float* b, const float* bias, float* out, c
       for (int n = 0; n < N; ++n) {
         float sum = 0.0f;
         for (int k = 0; k < K; ++k) sum += a[static_cast<size_t>(m) * K + k] * b[static_cast<size_t>(k) * N + n];
-        out[static_cast<size_t>(m) * N + n] = sum;
+        out[static_cast<size_t>(m) * N + n] = bias[n] + sum;
       }
     }
   } else {
@@ -68,12 +68,11 @@ void matmul_cpu(const float* a, const float* b, const float* bias, float* out, c
     for (int m = 0; m < M; m += 8) {
       blocks.push_back({a + static_cast<size_t>(m) * K, out + static_cast<size_t>(m) * N, std::min(8, M - m)});
     }
-    gemm_f32_blocks(blocks.data(), static_cast<int>(blocks.size()), K, N, b, N, N, K, isa);
+    // sum + bias there, the same value as bias + sum.
+    gemm_f32_blocks(blocks.data(), static_cast<int>(blocks.size()), K, N, b, N, N, K, bias, isa);
   }
-  for (int m = 0; m < M; ++m) {
-    float* row = out + static_cast<size_t>(m) * N;
-    for (int n = 0; n < N; ++n) row[n] = activate(bias[n] + row[n], args);
-  }
+  if (args.action == MatMulAction::kNone) return;
+  for (size_t i = 0; i < static_cast<size_t>(M) * N; ++i) out[i] = activate(out[i], args);
 }
 
 void matmul_backward_cpu(const float* a, const float* b, const float* out, const float* out_grad,

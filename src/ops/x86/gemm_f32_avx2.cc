@@ -18,7 +18,7 @@ inline __m256i lanes(int count) {
 // beside the two B vectors and the broadcast.
 template <int ROWS>
 void kernel_4x16(const float* a, int lda, const float* b, int ldb, float* c, int ldc, int kc,
-                 bool accumulate, __m256i m0, __m256i m1) {
+                 bool accumulate, const float* bias, __m256i m0, __m256i m1) {
   __m256 acc0[ROWS], acc1[ROWS];
 #pragma GCC unroll 4
   for (int r = 0; r < ROWS; ++r) {
@@ -41,6 +41,14 @@ void kernel_4x16(const float* a, int lda, const float* b, int ldb, float* c, int
       acc1[r] = _mm256_fmadd_ps(av, b1, acc1[r]);
     }
   }
+  if (bias != nullptr) {
+    const __m256 bias0 = _mm256_maskload_ps(bias, m0), bias1 = _mm256_maskload_ps(bias + 8, m1);
+#pragma GCC unroll 4
+    for (int r = 0; r < ROWS; ++r) {
+      acc0[r] = _mm256_add_ps(acc0[r], bias0);
+      acc1[r] = _mm256_add_ps(acc1[r], bias1);
+    }
+  }
 #pragma GCC unroll 4
   for (int r = 0; r < ROWS; ++r) {
     _mm256_maskstore_ps(c + r * ldc, m0, acc0[r]);
@@ -49,13 +57,13 @@ void kernel_4x16(const float* a, int lda, const float* b, int ldb, float* c, int
 }
 
 void kernel_rows_x16(const float* a, int lda, const float* b, int ldb, float* c, int ldc, int rows,
-                     int cols, int kc, bool accumulate) {
+                     int cols, int kc, bool accumulate, const float* bias) {
   const __m256i m0 = lanes(cols), m1 = lanes(cols - 8);
   switch (rows) {
-    case 4: kernel_4x16<4>(a, lda, b, ldb, c, ldc, kc, accumulate, m0, m1); break;
-    case 3: kernel_4x16<3>(a, lda, b, ldb, c, ldc, kc, accumulate, m0, m1); break;
-    case 2: kernel_4x16<2>(a, lda, b, ldb, c, ldc, kc, accumulate, m0, m1); break;
-    case 1: kernel_4x16<1>(a, lda, b, ldb, c, ldc, kc, accumulate, m0, m1); break;
+    case 4: kernel_4x16<4>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
+    case 3: kernel_4x16<3>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
+    case 2: kernel_4x16<2>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
+    case 1: kernel_4x16<1>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
     default: break;
   }
 }
@@ -63,41 +71,38 @@ void kernel_rows_x16(const float* a, int lda, const float* b, int ldb, float* c,
 }  // namespace
 
 void gemm_f32_8x32_avx2(const float* a, int lda, const float* b, int ldb, float* c, int ldc,
-                        int rows, int cols, int kc, bool accumulate) {
+                        int rows, int cols, int kc, bool accumulate, const float* bias) {
   for (int r0 = 0; r0 < rows; r0 += 4) {
     const int rr = rows - r0 < 4 ? rows - r0 : 4;
     for (int c0 = 0; c0 < cols; c0 += 16) {
-      kernel_rows_x16(a + r0 * lda, lda, b + c0, ldb, c + r0 * ldc + c0, ldc, rr, cols - c0, kc,
-                      accumulate);
+      kernel_rows_x16(a + r0 * lda, lda, b + c0, ldb, c + r0 * ldc + c0, ldc, rr, cols - c0, kc, accumulate,
+                      bias ? bias + c0 : nullptr);
     }
   }
 }
 
-void gemv_f32_avx2(const float* a, const float* b, int ldb, float* c, int N, int K) {
-  for (int n0 = 0; n0 < N; n0 += 8) _mm256_maskstore_ps(c + n0, lanes(N - n0), _mm256_setzero_ps());
-  int k = 0;
-  for (; k + 8 <= K; k += 8) {
-    __m256 av[8];
-    const float* rows[8];
+void gemv_f32_avx2(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias) {
+  constexpr int kVectors = 8;
+  for (int n0 = 0; n0 < N; n0 += 8 * kVectors) {
+    __m256i mask[kVectors];
+    __m256 acc[kVectors];
 #pragma GCC unroll 8
-    for (int j = 0; j < 8; ++j) {
-      av[j] = _mm256_set1_ps(a[k + j]);
-      rows[j] = b + static_cast<long long>(k + j) * ldb;
+    for (int v = 0; v < kVectors; ++v) {
+      mask[v] = lanes(N - n0 - 8 * v);
+      acc[v] = _mm256_setzero_ps();
     }
-    for (int n0 = 0; n0 < N; n0 += 8) {
-      const __m256i m = lanes(N - n0);
-      __m256 acc = _mm256_maskload_ps(c + n0, m);
+    const float* row = b + n0;
+    for (int k = 0; k < K; ++k, row += ldb) {
+      const __m256 av = _mm256_broadcast_ss(a + k);
 #pragma GCC unroll 8
-      for (int j = 0; j < 8; ++j) acc = _mm256_fmadd_ps(av[j], _mm256_maskload_ps(rows[j] + n0, m), acc);
-      _mm256_maskstore_ps(c + n0, m, acc);
+      for (int v = 0; v < kVectors; ++v) {
+        acc[v] = _mm256_fmadd_ps(av, _mm256_maskload_ps(row + 8 * v, mask[v]), acc[v]);
+      }
     }
-  }
-  for (; k < K; ++k) {
-    const __m256 av = _mm256_set1_ps(a[k]);
-    const float* row = b + static_cast<long long>(k) * ldb;
-    for (int n0 = 0; n0 < N; n0 += 8) {
-      const __m256i m = lanes(N - n0);
-      _mm256_maskstore_ps(c + n0, m, _mm256_fmadd_ps(av, _mm256_maskload_ps(row + n0, m), _mm256_maskload_ps(c + n0, m)));
+#pragma GCC unroll 8
+    for (int v = 0; v < kVectors; ++v) {
+      if (bias != nullptr) acc[v] = _mm256_add_ps(acc[v], _mm256_maskload_ps(bias + n0 + 8 * v, mask[v]));
+      _mm256_maskstore_ps(c + n0 + 8 * v, mask[v], acc[v]);
     }
   }
 }

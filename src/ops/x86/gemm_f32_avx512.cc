@@ -17,7 +17,7 @@ inline __mmask16 lanes(int count) {
 // rows x 32 outputs in 2 * ROWS registers; masked lanes read and write nothing.
 template <int ROWS>
 void kernel_rows(const float* a, int lda, const float* b, int ldb, float* c, int ldc, int kc,
-                 bool accumulate, __mmask16 m0, __mmask16 m1) {
+                 bool accumulate, const float* bias, __mmask16 m0, __mmask16 m1) {
   __m512 acc0[ROWS], acc1[ROWS];
 #pragma GCC unroll 8
   for (int r = 0; r < ROWS; ++r) {
@@ -40,6 +40,14 @@ void kernel_rows(const float* a, int lda, const float* b, int ldb, float* c, int
       acc1[r] = _mm512_fmadd_ps(av, b1, acc1[r]);
     }
   }
+  if (bias != nullptr) {
+    const __m512 bias0 = _mm512_maskz_loadu_ps(m0, bias), bias1 = _mm512_maskz_loadu_ps(m1, bias + 16);
+#pragma GCC unroll 8
+    for (int r = 0; r < ROWS; ++r) {
+      acc0[r] = _mm512_add_ps(acc0[r], bias0);
+      acc1[r] = _mm512_add_ps(acc1[r], bias1);
+    }
+  }
 #pragma GCC unroll 8
   for (int r = 0; r < ROWS; ++r) {
     _mm512_mask_storeu_ps(c + r * ldc, m0, acc0[r]);
@@ -50,49 +58,45 @@ void kernel_rows(const float* a, int lda, const float* b, int ldb, float* c, int
 }  // namespace
 
 void gemm_f32_8x32_avx512(const float* a, int lda, const float* b, int ldb, float* c, int ldc,
-                          int rows, int cols, int kc, bool accumulate) {
+                          int rows, int cols, int kc, bool accumulate, const float* bias) {
   const __mmask16 m0 = lanes(cols), m1 = lanes(cols - 16);
   switch (rows) {
-    case 8: kernel_rows<8>(a, lda, b, ldb, c, ldc, kc, accumulate, m0, m1); break;
-    case 7: kernel_rows<7>(a, lda, b, ldb, c, ldc, kc, accumulate, m0, m1); break;
-    case 6: kernel_rows<6>(a, lda, b, ldb, c, ldc, kc, accumulate, m0, m1); break;
-    case 5: kernel_rows<5>(a, lda, b, ldb, c, ldc, kc, accumulate, m0, m1); break;
-    case 4: kernel_rows<4>(a, lda, b, ldb, c, ldc, kc, accumulate, m0, m1); break;
-    case 3: kernel_rows<3>(a, lda, b, ldb, c, ldc, kc, accumulate, m0, m1); break;
-    case 2: kernel_rows<2>(a, lda, b, ldb, c, ldc, kc, accumulate, m0, m1); break;
-    case 1: kernel_rows<1>(a, lda, b, ldb, c, ldc, kc, accumulate, m0, m1); break;
+    case 8: kernel_rows<8>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
+    case 7: kernel_rows<7>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
+    case 6: kernel_rows<6>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
+    case 5: kernel_rows<5>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
+    case 4: kernel_rows<4>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
+    case 3: kernel_rows<3>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
+    case 2: kernel_rows<2>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
+    case 1: kernel_rows<1>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
     default: break;
   }
 }
 
-void gemv_f32_avx512(const float* a, const float* b, int ldb, float* c, int N, int K) {
-  // The rows of B stream through in order, eight at a time, while the N sums
-  // stay in c (first-level cache); each sum still takes k in order.
-  for (int n0 = 0; n0 < N; n0 += 16) _mm512_mask_storeu_ps(c + n0, lanes(N - n0), _mm512_setzero_ps());
-  int k = 0;
-  for (; k + 8 <= K; k += 8) {
-    __m512 av[8];
-    const float* rows[8];
+void gemv_f32_avx512(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias) {
+  // 128 columns in 8 independent chains hide the multiply-add latency while
+  // the rows of B stream through once.
+  constexpr int kVectors = 8;
+  for (int n0 = 0; n0 < N; n0 += 16 * kVectors) {
+    __mmask16 mask[kVectors];
+    __m512 acc[kVectors];
 #pragma GCC unroll 8
-    for (int j = 0; j < 8; ++j) {
-      av[j] = _mm512_set1_ps(a[k + j]);
-      rows[j] = b + static_cast<long long>(k + j) * ldb;
+    for (int v = 0; v < kVectors; ++v) {
+      mask[v] = lanes(N - n0 - 16 * v);
+      acc[v] = _mm512_setzero_ps();
     }
-    for (int n0 = 0; n0 < N; n0 += 16) {
-      const __mmask16 m = lanes(N - n0);
-      __m512 acc = _mm512_maskz_loadu_ps(m, c + n0);
+    const float* row = b + n0;
+    for (int k = 0; k < K; ++k, row += ldb) {
+      const __m512 av = _mm512_set1_ps(a[k]);
 #pragma GCC unroll 8
-      for (int j = 0; j < 8; ++j) acc = _mm512_fmadd_ps(av[j], _mm512_maskz_loadu_ps(m, rows[j] + n0), acc);
-      _mm512_mask_storeu_ps(c + n0, m, acc);
+      for (int v = 0; v < kVectors; ++v) {
+        acc[v] = _mm512_fmadd_ps(av, _mm512_maskz_loadu_ps(mask[v], row + 16 * v), acc[v]);
+      }
     }
-  }
-  for (; k < K; ++k) {
-    const __m512 av = _mm512_set1_ps(a[k]);
-    const float* row = b + static_cast<long long>(k) * ldb;
-    for (int n0 = 0; n0 < N; n0 += 16) {
-      const __mmask16 m = lanes(N - n0);
-      _mm512_mask_storeu_ps(c + n0, m,
-                            _mm512_fmadd_ps(av, _mm512_maskz_loadu_ps(m, row + n0), _mm512_maskz_loadu_ps(m, c + n0)));
+#pragma GCC unroll 8
+    for (int v = 0; v < kVectors; ++v) {
+      if (bias != nullptr) acc[v] = _mm512_add_ps(acc[v], _mm512_maskz_loadu_ps(mask[v], bias + n0 + 16 * v));
+      _mm512_mask_storeu_ps(c + n0 + 16 * v, mask[v], acc[v]);
     }
   }
 }
