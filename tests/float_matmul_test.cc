@@ -159,8 +159,7 @@ TEST(MatMulHandTest, ActivationFormsOnHandWorkedValues) {
 }
 
 TEST(GemmKernelTest, VectorPathsAgreeBitForBitAndMatchPlainSums) {
-  // Row blocks scattered through the output, as convolution workers use them;
-  // rows far enough apart that their slices are copied before use.
+  // Row blocks scattered through the output, as convolution workers use them.
   const int K = 530, N = 45, lda = 1100, ldc = N + 5;
   const std::vector<float> A = random_values(static_cast<size_t>(24) * lda, 8);
   const std::vector<float> B = random_values(static_cast<size_t>(K) * N, 9);

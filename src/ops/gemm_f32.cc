@@ -25,7 +25,7 @@ struct Scratch {
 }  // namespace
 
 float* scratch_floats(ScratchSlot slot, size_t count) {
-  thread_local Scratch buffers[3];
+  thread_local Scratch buffers[2];
   Scratch& s = buffers[static_cast<int>(slot)];
   if (count > s.capacity) {
     std::free(s.data);
@@ -64,12 +64,6 @@ void gemm_f32_blocks(const GemmRowBlock* blocks, int block_count, int lda, int l
   float* packed = pack ? scratch_floats(ScratchSlot::kWeightPanel,
                                         static_cast<size_t>(kReductionBlock) * kPanelWidth * panels)
                        : nullptr;
-  // Long rows of A (4 KiB apart or more) are copied per reduction slice into
-  // one contiguous run as well, for the same reason.
-  const bool pack_a = pack && lda > 1024;
-  float* a_slices =
-      pack_a ? scratch_floats(ScratchSlot::kRowSlices, static_cast<size_t>(block_count) * 8 * kReductionBlock)
-           : nullptr;
   for (int k0 = 0; k0 < K; k0 += kReductionBlock) {
     const int kc = std::min(kReductionBlock, K - k0);
     const bool accumulate = k0 > 0;
@@ -84,22 +78,13 @@ void gemm_f32_blocks(const GemmRowBlock* blocks, int block_count, int lda, int l
         }
       }
     }
-    if (pack_a) {
-      for (int i = 0; i < block_count; ++i) {
-        for (int r = 0; r < blocks[i].rows; ++r) {
-          std::memcpy(a_slices + (static_cast<size_t>(i) * 8 + r) * kc,
-                      blocks[i].a + static_cast<long long>(r) * lda + k0, sizeof(float) * kc);
-        }
-      }
-    }
     for (int p = 0; p < panels; ++p) {
       const int n0 = p * kPanelWidth;
       const int cols = std::min(kPanelWidth, N - n0);
       const float* b = pack ? packed + static_cast<size_t>(p) * kc * kPanelWidth : B + static_cast<long long>(k0) * ldb + n0;
       const int b_ld = pack ? kPanelWidth : ldb;
       for (int i = 0; i < block_count; ++i) {
-        const float* a = pack_a ? a_slices + static_cast<size_t>(i) * 8 * kc : blocks[i].a + k0;
-        micro(a, pack_a ? kc : lda, b, b_ld, blocks[i].c + n0, ldc, blocks[i].rows, cols, kc, accumulate,
+        micro(blocks[i].a + k0, lda, b, b_ld, blocks[i].c + n0, ldc, blocks[i].rows, cols, kc, accumulate,
               last && bias ? bias + n0 : nullptr);
       }
     }

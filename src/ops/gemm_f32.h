@@ -12,7 +12,7 @@ namespace kovraexecutor {
 // Working memory of the calling thread, kept between calls so that large
 // kernels do not map, fault in and clear fresh pages on every call. `slot`
 // tells independent buffers apart; contents are not preserved or cleared.
-enum class ScratchSlot { kPatches = 0, kWeightPanel = 1, kRowSlices = 2 };
+enum class ScratchSlot { kPatches = 0, kWeightPanel = 1 };
 float* scratch_floats(ScratchSlot slot, size_t count);
 
 // Up to 8 consecutive rows of A (stride lda) and the matching output rows

@@ -15,7 +15,7 @@ inline __mmask16 lanes(int count) {
 }
 
 // rows x 32 outputs in 2 * ROWS registers; masked lanes read and write nothing.
-template <int ROWS>
+template <int ROWS, bool kFull>
 void kernel_rows(const float* a, int lda, const float* b, int ldb, float* c, int ldc, int kc,
                  bool accumulate, const float* bias, __mmask16 m0, __mmask16 m1) {
   __m512 acc0[ROWS], acc1[ROWS];
@@ -30,8 +30,9 @@ void kernel_rows(const float* a, int lda, const float* b, int ldb, float* c, int
     }
   }
   for (int k = 0; k < kc; ++k) {
-    const __m512 b0 = _mm512_maskz_loadu_ps(m0, b);
-    const __m512 b1 = _mm512_maskz_loadu_ps(m1, b + 16);
+    // Whole panels load without masks.
+    const __m512 b0 = kFull ? _mm512_loadu_ps(b) : _mm512_maskz_loadu_ps(m0, b);
+    const __m512 b1 = kFull ? _mm512_loadu_ps(b + 16) : _mm512_maskz_loadu_ps(m1, b + 16);
     b += ldb;
 #pragma GCC unroll 8
     for (int r = 0; r < ROWS; ++r) {
@@ -60,15 +61,19 @@ void kernel_rows(const float* a, int lda, const float* b, int ldb, float* c, int
 void gemm_f32_8x32_avx512(const float* a, int lda, const float* b, int ldb, float* c, int ldc,
                           int rows, int cols, int kc, bool accumulate, const float* bias) {
   const __mmask16 m0 = lanes(cols), m1 = lanes(cols - 16);
+  if (rows == 8 && cols == 32) {
+    kernel_rows<8, true>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1);
+    return;
+  }
   switch (rows) {
-    case 8: kernel_rows<8>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
-    case 7: kernel_rows<7>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
-    case 6: kernel_rows<6>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
-    case 5: kernel_rows<5>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
-    case 4: kernel_rows<4>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
-    case 3: kernel_rows<3>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
-    case 2: kernel_rows<2>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
-    case 1: kernel_rows<1>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
+    case 8: kernel_rows<8, false>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
+    case 7: kernel_rows<7, false>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
+    case 6: kernel_rows<6, false>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
+    case 5: kernel_rows<5, false>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
+    case 4: kernel_rows<4, false>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
+    case 3: kernel_rows<3, false>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
+    case 2: kernel_rows<2, false>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
+    case 1: kernel_rows<1, false>(a, lda, b, ldb, c, ldc, kc, accumulate, bias, m0, m1); break;
     default: break;
   }
 }
