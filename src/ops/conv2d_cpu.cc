@@ -1,6 +1,7 @@
 #include "ops/conv2d_cpu.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <vector>
 
@@ -63,6 +64,42 @@ void gather_patches(const float* image, const ConvGeometry& g, int first, int ro
   }
 }
 
+// Points each tap of output pixels [first, first + rows) at its input pixel,
+// or at `pad` (in_c copies of pad_value) outside the image: taps[t * 8 + r].
+// tap_offsets[t] is kernel position t's distance in floats from the window's
+// first pixel, used for windows that lie wholly inside the image.
+void point_taps(const float* image, const ConvGeometry& g, int first, int rows, const float* pad,
+                const ptrdiff_t* tap_offsets, const float** taps) {
+  // Locals, so that the pointer stores do not force the geometry to be re-read.
+  const int out_w = g.out_w, in_h = g.in_h, in_w = g.in_w, in_c = g.in_c;
+  const int kernel_h = g.kernel_h, kernel_w = g.kernel_w;
+  const int stride_h = g.stride_h, stride_w = g.stride_w, dilation_h = g.dilation_h, dilation_w = g.dilation_w;
+  const size_t row_floats = static_cast<size_t>(in_w) * in_c;
+  for (int r = 0; r < rows; ++r) {
+    const int pixel = first + r;
+    const int oy = pixel / out_w, ox = pixel - (pixel / out_w) * out_w;
+    const int iy0 = oy * stride_h - g.pad_top, ix0 = ox * stride_w - g.pad_left;
+    const float** out = taps + r;
+    if (iy0 >= 0 && iy0 + (kernel_h - 1) * dilation_h < in_h && ix0 >= 0 &&
+        ix0 + (kernel_w - 1) * dilation_w < in_w) {
+      const float* base = image + iy0 * row_floats + static_cast<size_t>(ix0) * in_c;
+      for (int t = 0; t < kernel_h * kernel_w; ++t) out[t * 8] = base + tap_offsets[t];
+      continue;
+    }
+    for (int ky = 0; ky < kernel_h; ++ky) {
+      const int iy = iy0 + ky * dilation_h;
+      if (iy < 0 || iy >= in_h) {
+        for (int kx = 0; kx < kernel_w; ++kx, out += 8) *out = pad;
+        continue;
+      }
+      const float* row = image + iy * row_floats;
+      for (int kx = 0, ix = ix0; kx < kernel_w; ++kx, ix += dilation_w, out += 8) {
+        *out = ix >= 0 && ix < in_w ? row + static_cast<size_t>(ix) * in_c : pad;
+      }
+    }
+  }
+}
+
 // The activation over rows of N outputs (the product kernel added the bias;
 // the multiplier of this path is 1, which changes no value).
 void activate_rows(float* out, int rows, int N, const ConvGeometry& g) {
@@ -88,19 +125,50 @@ void conv_task_vector(const AVXFloatConvParam& p, int task, int tasks, int T, Ke
   const int K = g.kernel_h * g.kernel_w * g.in_c;
   const int N = g.out_c;
   const bool direct_rows = patches_are_input_rows(g);
+  // AVX-512 reads patches in place through pointers instead of gathering.
+  const bool indirect = !direct_rows && isa == KernelIsa::kAvx512;
   // Up to 32 tiles, within about 4 MiB of gathered patches.
   const int group = std::max(1, std::min(32, static_cast<int>((4 << 20) / (sizeof(float) * kTilePixels * K))));
   std::vector<int> own_tiles;
   for (int t = task; t < T; t += tasks)
     for (int tile = t; tile < tiles; tile += T) own_tiles.push_back(tile);
-  float* patches = direct_rows ? nullptr
-                               : scratch_floats(ScratchSlot::kPatches,
-                                                std::min<size_t>(group, own_tiles.size()) * kTilePixels * K);
+  const int taps_per_pixel = g.kernel_h * g.kernel_w;
+  float* patches = direct_rows || indirect
+                       ? nullptr
+                       : scratch_floats(ScratchSlot::kPatches,
+                                        std::min<size_t>(group, own_tiles.size()) * kTilePixels * K);
+  thread_local std::vector<const float*> tap_pointers;
+  thread_local std::vector<float> pad_run;
+  std::vector<ptrdiff_t> tap_offsets;
+  for (int ky = 0; ky < g.kernel_h; ++ky)
+    for (int kx = 0; kx < g.kernel_w; ++kx)
+      tap_offsets.push_back((static_cast<ptrdiff_t>(ky) * g.dilation_h * g.in_w + static_cast<ptrdiff_t>(kx) * g.dilation_w) *
+                            g.in_c);
+  std::vector<IndirectRowBlock> indirect_blocks;
+  if (indirect) {
+    tap_pointers.resize(static_cast<size_t>(group) * kTilePixels * taps_per_pixel);
+    pad_run.assign(g.in_c, g.pad_value);
+  }
   std::vector<GemmRowBlock> blocks;
   for (int b = 0; b < g.batch; ++b) {
     const float* image = p.input + static_cast<size_t>(b) * g.in_h * g.in_w * g.in_c;
     float* out_image = p.output + static_cast<size_t>(b) * pixels * N;
-    for (size_t i = 0; i < own_tiles.size();) {
+    for (size_t i = 0; i < own_tiles.size() && indirect;) {
+      indirect_blocks.clear();
+      for (; i < own_tiles.size() && static_cast<int>(indirect_blocks.size()) < group; ++i) {
+        const int first = own_tiles[i] * kTilePixels;
+        const int rows = std::min(kTilePixels, pixels - first);
+        const float** taps = tap_pointers.data() + indirect_blocks.size() * kTilePixels * taps_per_pixel;
+        point_taps(image, g, first, rows, pad_run.data(), tap_offsets.data(), taps);
+        indirect_blocks.push_back({taps, out_image + static_cast<size_t>(first) * N, rows});
+      }
+      gemm_f32_indirect(indirect_blocks.data(), static_cast<int>(indirect_blocks.size()), taps_per_pixel, g.in_c, N,
+                        p.weight, N, p.bias);
+      if (g.activate != activation_null) {
+        for (const IndirectRowBlock& blk : indirect_blocks) activate_rows(blk.c, blk.rows, N, g);
+      }
+    }
+    for (size_t i = 0; i < own_tiles.size() && !indirect;) {
       blocks.clear();
       for (; i < own_tiles.size() && static_cast<int>(blocks.size()) < group; ++i) {
         const int first = own_tiles[i] * kTilePixels;

@@ -91,6 +91,41 @@ void gemm_f32_blocks(const GemmRowBlock* blocks, int block_count, int lda, int l
   }
 }
 
+void gemm_f32_indirect(const IndirectRowBlock* blocks, int block_count, int tap_count, int C, int ldc,
+                       const float* B, int N, const float* bias) {
+  if (block_count <= 0 || N <= 0 || tap_count <= 0 || C <= 0) return;
+  const int N_ld = N;
+  const int panels = (N + kPanelWidth - 1) / kPanelWidth;
+  // Whole kernel positions per pass, about kReductionBlock reduction steps.
+  const int taps_per_pass = std::max(1, kReductionBlock / C);
+  float* packed = scratch_floats(ScratchSlot::kWeightPanel,
+                                 static_cast<size_t>(taps_per_pass) * C * kPanelWidth * panels);
+  for (int t0 = 0; t0 < tap_count; t0 += taps_per_pass) {
+    const int taps = std::min(taps_per_pass, tap_count - t0);
+    const int k0 = t0 * C, kc = taps * C;
+    const bool accumulate = t0 > 0;
+    const bool last = t0 + taps == tap_count;
+    for (int k = 0; k < kc; ++k) {
+      const float* row = B + static_cast<long long>(k0 + k) * N_ld;
+      for (int p = 0; p < panels; ++p) {
+        const int cols = std::min(kPanelWidth, N - p * kPanelWidth);
+        std::memcpy(packed + (static_cast<size_t>(p) * kc + k) * kPanelWidth, row + p * kPanelWidth,
+                    sizeof(float) * cols);
+      }
+    }
+    for (int p = 0; p < panels; ++p) {
+      const int n0 = p * kPanelWidth;
+      const int cols = std::min(kPanelWidth, N - n0);
+      const float* b = packed + static_cast<size_t>(p) * kc * kPanelWidth;
+      for (int i = 0; i < block_count; ++i) {
+        gemm_f32_8x32_indirect_avx512(blocks[i].taps + static_cast<size_t>(t0) * 8, taps, C, b, kPanelWidth,
+                                      blocks[i].c + n0, ldc, blocks[i].rows, cols, accumulate,
+                                      last && bias ? bias + n0 : nullptr);
+      }
+    }
+  }
+}
+
 }  // namespace kovraexecutor
 }  // namespace trenkit
 }  // namespace kovra

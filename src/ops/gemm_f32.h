@@ -34,6 +34,21 @@ struct GemmRowBlock {
 void gemm_f32_blocks(const GemmRowBlock* blocks, int block_count, int lda, int ldc,
                      const float* B, int ldb, int N, int K, const float* bias, KernelIsa isa);
 
+// Rows given through pointers instead of a gathered matrix: row r of a block
+// reads, for kernel position t, the C values at taps[t * 8 + r] (a pixel of
+// the image or a run of padding), so reduction index k = t * C + c, the order
+// of a gathered patch. Same results as gemm_f32_blocks on the gathered rows.
+struct IndirectRowBlock {
+  const float* const* taps;
+  float* c;
+  int rows;
+};
+// AVX-512 only; the other instruction sets gather.
+void gemm_f32_indirect(const IndirectRowBlock* blocks, int block_count, int tap_count, int C, int ldc,
+                       const float* B, int N, const float* bias);
+void gemm_f32_8x32_indirect_avx512(const float* const* taps, int tap_count, int C, const float* b, int ldb,
+                                   float* c, int ldc, int rows, int cols, bool accumulate, const float* bias);
+
 // The micro-kernels behind gemm_f32_blocks. Each computes rows x cols
 // (rows <= 8, cols <= 32) outputs over kc reduction steps, starting from
 // zero or, when accumulate is set, from the values already in c; a non-null
