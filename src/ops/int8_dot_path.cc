@@ -40,6 +40,10 @@ struct CodeRange {
 };
 
 void scan_codes(const float* v, long long count, CodeRange* range) {
+  if (active_isa() == KernelIsa::kAvx512) {
+    scan_codes_avx512(v, count, &range->lo, &range->hi, &range->integral);
+    return;
+  }
   float lo = range->lo, hi = range->hi;
   bool ok = range->integral;
   for (long long i = 0; i < count; ++i) {
@@ -59,6 +63,10 @@ void scan_codes(const float* v, long long count, CodeRange* range) {
 template <typename T>
 std::vector<T> convert_codes(const float* v, long long count, int shift) {
   std::vector<T> out(count);
+  if (std::is_same<T, uint8_t>::value && active_isa() == KernelIsa::kAvx512) {
+    convert_codes_u8_avx512(v, count, shift, reinterpret_cast<uint8_t*>(out.data()));
+    return out;
+  }
   for (long long i = 0; i < count; ++i) out[i] = static_cast<T>(static_cast<int>(v[i]) + shift);
   return out;
 }
@@ -94,6 +102,22 @@ void run_chunks(const Int8ConvShape& s, const std::vector<T>& codes, const std::
   const int chunks = per_image * s.batch;
   const int workers = std::min(kMaxWorkers, chunks);
   const long long image_size = static_cast<long long>(s.in_h) * s.in_w * s.in_c;
+  // The plain and split-scale stages run vectorised straight from the sums.
+  const Int8OutputParam& param = *stage.param;
+  const bool fast_stage = w.format == kVnni && !stage.float_output &&
+                          (param.action == Int8Activation::kScale ||
+                           param.action == Int8Activation::kLeakyRelu);
+  Int8RequantizeArgs args;
+  args.channels = s.out_c;
+  args.correction = correction;
+  args.bias = stage.bias;
+  args.scale = param.OUTPUTSCALE.data();
+  args.negative_scale =
+      param.action == Int8Activation::kLeakyRelu ? param.OUTPUTSCALE.data() + s.out_c : nullptr;
+  args.multiplier = stage.multiplier;
+  args.lo = stage.lo;
+  args.hi = stage.hi;
+  args.offset = stage.offset;
   ThreadPool::instance().run(workers, [&](int worker) {
     std::vector<T> rows(static_cast<size_t>(kChunkRows) * w.depth_padded, T(0));
     std::vector<int32_t> sums(static_cast<size_t>(kChunkRows) * w.out_padded);
@@ -114,6 +138,10 @@ void run_chunks(const Int8ConvShape& s, const std::vector<T>& codes, const std::
                                round_up(len, 4), sums.data());
       }
       float* dst = out + (static_cast<long long>(b) * pixels + first) * s.out_c;
+      if (fast_stage) {
+        requantize_s32_rows_avx512(args, sums.data(), w.out_padded, len, dst);
+        continue;
+      }
       for (int j = 0; j < len; ++j) {
         const int32_t* src = sums.data() + static_cast<long long>(j) * w.out_padded;
         float* row = dst + static_cast<long long>(j) * s.out_c;

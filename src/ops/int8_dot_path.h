@@ -65,6 +65,22 @@ void gemm_u8s8_s32_6x64_avx512vnni(const uint8_t* a, int depth_padded, const int
                                    int out_padded, int rows, int32_t* c);
 void gemm_s16_s32_4x24_avx2(const int16_t* a, int depth_padded, const int16_t* b, int out_padded,
                             int rows, int32_t* c);
+// What the vectorised output stage needs: the plain and split-scale
+// activations with integer output.
+struct Int8RequantizeArgs {
+  int channels = 0;
+  const int32_t* correction = nullptr;
+  const float* bias = nullptr;
+  const float* scale = nullptr;
+  const float* negative_scale = nullptr;  // split scale for values below 0, or null
+  float multiplier = 1.0f, lo = 0.0f, hi = 0.0f, offset = 0.0f;
+};
+void requantize_s32_rows_avx512(const Int8RequantizeArgs& args, const int32_t* sums, int ld,
+                                int rows, float* out);
+// Widens lo/hi to the codes' range and clears `integral` when one is not an integer.
+void scan_codes_avx512(const float* v, long long count, float* lo, float* hi, bool* integral);
+void convert_codes_u8_avx512(const float* v, long long count, int shift, uint8_t* out);
+
 void gemm_s16_s32_portable(const int16_t* a, int depth_padded, const int16_t* b, int out_padded,
                            int rows, int32_t* c);
 
