@@ -5,6 +5,7 @@
 
 #include "common.h"
 #include "kvdl.h"
+#include "ops/avx_common.h"
 #include "ops/int8_dot_path.h"
 #include "ops/op_checks.h"
 #include "thread_pool.h"
@@ -119,8 +120,22 @@ void* computeConv_tiled(void* arg) {
         }
       }
       float* out = w.output + (static_cast<long long>(b) * pixels + first) * s.out_c;
-      gemm_float_int8(out, w.patch, w.weight, w.bias, p.input_mean, p.input_var, p.first_layer,
-                      s.in_c, s.out_c, len, kp, nullptr, 0.0f, p.multiplier, p.input_offset);
+      if (p.avx512) {
+        // Codes are a function of value and channel, so quantizing the patch
+        // first gives the kernel the same operands.
+        if (p.first_layer) {
+          const float offset = static_cast<float>(p.input_offset);
+          for (long long k = 0; k < len * patch_row; ++k) {
+            const int i = static_cast<int>(k % s.in_c);
+            w.patch[k] = first_layer_code(w.patch[k], p.input_mean[i], p.input_var[i], offset);
+          }
+        }
+        gemm_float_int8_8x32_avx512(out, w.patch, w.weight, w.bias, s.in_c, s.out_c, len, kp,
+                                    nullptr, 0.0f, p.multiplier);
+      } else {
+        gemm_float_int8(out, w.patch, w.weight, w.bias, p.input_mean, p.input_var, p.first_layer,
+                        s.in_c, s.out_c, len, kp, nullptr, 0.0f, p.multiplier, p.input_offset);
+      }
       int8_output_scaled_rows(p.stage, out, out, len);
     }
   }
@@ -176,6 +191,7 @@ void conv2d_avx_int8(const std::vector<const Tensor*>& inputs, Tensor* output,
   p.input_var = param->input_var.data();
   p.input_offset = param->input_offset;
   p.multiplier = call.multiplier;
+  p.avx512 = active_isa() == KernelIsa::kAvx512;
   p.stage = make_int8_output_stage(*param, call.bias, call.multiplier, s.out_c);
 
   if (!param->first_layer &&

@@ -22,6 +22,14 @@ void gemm_float_int8(float* out, const float* in, const float* weight, const flo
                      void (*activate)(float*, int, float), float alpha, int multiplier,
                      int input_offset);
 
+// gemm_float_int8 without the first-layer step, 8 rows x 32 columns per
+// tile on AVX-512, same results. `in` always holds 8 rows; rows past `rows`
+// are read and ignored.
+void gemm_float_int8_8x32_avx512(float* out, const float* in, const float* weight,
+                                 const float* bias, int in_channels, int out_channels, int rows,
+                                 int kernel_positions, void (*activate)(float*, int, float),
+                                 float alpha, int multiplier);
+
 // A first-layer input value as the code the convolution uses:
 // input_offset + round_half_even((x - mean) * scale), clamped to [0, 255].
 float first_layer_code(float x, float mean, float scale, float input_offset);
@@ -35,6 +43,7 @@ struct AVXConvInt8Param {
   bool first_layer = false;
   int input_offset = 0;
   int multiplier = 1;
+  bool avx512 = false;
   Int8OutputStage stage;
 };
 
