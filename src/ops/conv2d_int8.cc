@@ -120,7 +120,7 @@ void* computeConv_tiled(void* arg) {
         }
       }
       float* out = w.output + (static_cast<long long>(b) * pixels + first) * s.out_c;
-      if (p.avx512) {
+      if (p.packed_weights != nullptr) {
         // Codes are a function of value and channel, so quantizing the patch
         // first gives the kernel the same operands.
         if (p.first_layer) {
@@ -130,7 +130,7 @@ void* computeConv_tiled(void* arg) {
             w.patch[k] = first_layer_code(w.patch[k], p.input_mean[i], p.input_var[i], offset);
           }
         }
-        gemm_float_int8_8x32_avx512(out, w.patch, w.weight, w.bias, s.in_c, s.out_c, len, kp,
+        gemm_float_int8_8x32_avx512(out, w.patch, p.packed_weights, w.bias, s.in_c, s.out_c, len, kp,
                                     nullptr, 0.0f, p.multiplier);
       } else {
         gemm_float_int8(out, w.patch, w.weight, w.bias, p.input_mean, p.input_var, p.first_layer,
@@ -147,6 +147,25 @@ void* computeConv_tiled(void* arg) {
 float first_layer_code(float x, float mean, float scale, float input_offset) {
   const float q = input_offset + kvdl::tensorflow_round_cpu((x - mean) * scale);
   return q < 0.0f ? 0.0f : (q > 255.0f ? 255.0f : q);
+}
+
+const Int8FloatPackedWeights& pack_float_weights_8x32(const Tensor* weight, int depth, int out_c,
+                                                      std::shared_ptr<Int8FloatPackedWeights>* cache) {
+  const float* src = weight->data<float>();
+  const Int8FloatPackedWeights* held = cache->get();
+  if (held != nullptr && held->source == src && held->size == weight->size()) return *held;
+  auto packed = std::make_shared<Int8FloatPackedWeights>();
+  packed->source = src;
+  packed->size = weight->size();
+  const int blocks = (out_c + 31) / 32;
+  packed->packed.assign(static_cast<size_t>(blocks) * depth * 32, 0.0f);
+  for (long long k = 0; k < depth; ++k) {
+    for (int n = 0; n < out_c; ++n) {
+      packed->packed[(static_cast<size_t>(n / 32) * depth + k) * 32 + n % 32] = src[k * out_c + n];
+    }
+  }
+  *cache = packed;
+  return *packed;
 }
 
 void gemm_float_int8(float* out, const float* in, const float* weight, const float* bias,
@@ -191,7 +210,6 @@ void conv2d_avx_int8(const std::vector<const Tensor*>& inputs, Tensor* output,
   p.input_var = param->input_var.data();
   p.input_offset = param->input_offset;
   p.multiplier = call.multiplier;
-  p.avx512 = active_isa() == KernelIsa::kAvx512;
   p.stage = make_int8_output_stage(*param, call.bias, call.multiplier, s.out_c);
 
   if (!param->first_layer &&
@@ -201,6 +219,11 @@ void conv2d_avx_int8(const std::vector<const Tensor*>& inputs, Tensor* output,
     return;
   }
 
+  if (active_isa() == KernelIsa::kAvx512) {
+    p.packed_weights = pack_float_weights_8x32(inputs[1], s.kernel_positions() * s.in_c, s.out_c,
+                                               &param->packed_float_weights)
+                           .packed.data();
+  }
   const int pixels = s.out_h * s.out_w;
   const int threads = std::min(kMaxThreads, (pixels + kTilePixels - 1) / kTilePixels);
   const long long patch_size = static_cast<long long>(kTilePixels) * s.kernel_positions() * s.in_c;

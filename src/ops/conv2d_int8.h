@@ -1,6 +1,7 @@
 #ifndef KOVRAEXECUTOR_OPS_CONV2D_INT8_H_
 #define KOVRAEXECUTOR_OPS_CONV2D_INT8_H_
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -22,10 +23,20 @@ void gemm_float_int8(float* out, const float* in, const float* weight, const flo
                      void (*activate)(float*, int, float), float alpha, int multiplier,
                      int input_offset);
 
+// Weights as the AVX-512 float kernel streams them: blocks of 32 output
+// channels, each depth x 32 floats, the last block padded with zeros.
+struct Int8FloatPackedWeights {
+  const void* source = nullptr;
+  int size = 0;
+  std::vector<float> packed;
+};
+const Int8FloatPackedWeights& pack_float_weights_8x32(const Tensor* weight, int depth, int out_c,
+                                                      std::shared_ptr<Int8FloatPackedWeights>* cache);
+
 // gemm_float_int8 without the first-layer step, 8 rows x 32 columns per
-// tile on AVX-512, same results. `in` always holds 8 rows; rows past `rows`
-// are read and ignored.
-void gemm_float_int8_8x32_avx512(float* out, const float* in, const float* weight,
+// tile on AVX-512, same results; `packed` comes from pack_float_weights_8x32.
+// `in` always holds 8 rows; rows past `rows` are read and ignored.
+void gemm_float_int8_8x32_avx512(float* out, const float* in, const float* packed,
                                  const float* bias, int in_channels, int out_channels, int rows,
                                  int kernel_positions, void (*activate)(float*, int, float),
                                  float alpha, int multiplier);
@@ -43,7 +54,7 @@ struct AVXConvInt8Param {
   bool first_layer = false;
   int input_offset = 0;
   int multiplier = 1;
-  bool avx512 = false;
+  const float* packed_weights = nullptr;  // for the AVX-512 kernel, else null
   Int8OutputStage stage;
 };
 

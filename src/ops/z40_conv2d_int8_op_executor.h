@@ -11,6 +11,7 @@ namespace trenkit {
 namespace kovraexecutor {
 
 struct Int8PackedWeights;
+struct Int8FloatPackedWeights;
 
 struct Z40Conv2DInt8Param : Int8ConvBaseParam {
   std::vector<float> input_mean;
@@ -22,6 +23,7 @@ struct Z40Conv2DInt8Param : Int8ConvBaseParam {
   // Weights packed for the integer dot-product kernels, reused while the
   // weight tensor stays the same.
   std::shared_ptr<Int8PackedWeights> packed_weights;
+  std::shared_ptr<Int8FloatPackedWeights> packed_float_weights;
 };
 
 class Z40Conv2DInt8OpExecutor : public OpExecutor {

@@ -22,8 +22,9 @@ inline __mmask16 column_mask(int remaining) {
                                           : static_cast<__mmask16>((1u << remaining) - 1);
 }
 
-// Rows 0..7 of `in` (row stride `depth`) against columns n0..n0+31 of `weight`.
-void tile_8x32(float* out, const float* in, long long depth, const float* weight, int n, int n0,
+// Rows 0..7 of `in` (row stride `depth`) against the packed block of
+// columns n0..n0+31.
+void tile_8x32(float* out, const float* in, long long depth, const float* block, int n, int n0,
                int rows, float mult, const float* bias) {
   const __mmask16 m0 = column_mask(n - n0), m1 = column_mask(n - n0 - 16);
   __m512 c00 = _mm512_setzero_ps(), c01 = _mm512_setzero_ps();
@@ -34,9 +35,9 @@ void tile_8x32(float* out, const float* in, long long depth, const float* weight
   __m512 c50 = _mm512_setzero_ps(), c51 = _mm512_setzero_ps();
   __m512 c60 = _mm512_setzero_ps(), c61 = _mm512_setzero_ps();
   __m512 c70 = _mm512_setzero_ps(), c71 = _mm512_setzero_ps();
-  const float* w = weight + n0;
-  for (long long k = 0; k < depth; ++k, w += n) {
-    const __m512 w0 = _mm512_maskz_loadu_ps(m0, w), w1 = _mm512_maskz_loadu_ps(m1, w + 16);
+  const float* w = block;
+  for (long long k = 0; k < depth; ++k, w += 32) {
+    const __m512 w0 = _mm512_loadu_ps(w), w1 = _mm512_loadu_ps(w + 16);
     {
       const __m512 x = _mm512_set1_ps(in[0 * depth + k]);
       c00 = _mm512_add_ps(c00, _mm512_mul_ps(x, w0));
@@ -99,14 +100,14 @@ void tile_8x32(float* out, const float* in, long long depth, const float* weight
 
 }  // namespace
 
-void gemm_float_int8_8x32_avx512(float* out, const float* in, const float* weight,
+void gemm_float_int8_8x32_avx512(float* out, const float* in, const float* packed,
                                  const float* bias, int in_channels, int out_channels, int rows,
                                  int kernel_positions, void (*activate)(float*, int, float),
                                  float alpha, int multiplier) {
   const long long depth = static_cast<long long>(kernel_positions) * in_channels;
   const float mult = static_cast<float>(multiplier);
   for (int n0 = 0; n0 < out_channels; n0 += 32) {
-    tile_8x32(out, in, depth, weight, out_channels, n0, rows, mult, bias);
+    tile_8x32(out, in, depth, packed + depth * n0, out_channels, n0, rows, mult, bias);
   }
   if (activate != nullptr) {
     for (int r = 0; r < rows; ++r) activate(out + static_cast<long long>(r) * out_channels, out_channels, alpha);
