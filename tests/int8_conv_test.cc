@@ -6,6 +6,7 @@
 #include "graph_executor.h"
 #include "op_executor.h"
 #include "ops/avx_common.h"
+#include "ops/conv2d_int8.h"
 #include "ops/int8_dot_path.h"
 #include "support/int8_reference.h"
 #include "support/test_util.h"
@@ -517,6 +518,81 @@ TEST(Int8ConvDeathTest, TooFewInputs) {
   std::vector<int> shape;
   EXPECT_CHECK_FAILED(conv->inference_shape({&small_input()}, shape), "inputs.size() >= 2",
                       "Z40Conv2DInt8 needs 2 inputs but has 1");
+}
+
+// Direct calls: what a graph cannot feed (other element types, kernels called
+// with fewer inputs or a mis-shaped output) still ends in a clear message.
+class Int8ConvDirectTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    node_ = parse_text_node(R"(name: "c" op: "Z40Conv2DInt8"
+      attr { key: "padding" value { s: "SAME" } }
+      attr { key: "strides" value { list { i: 1 i: 1 i: 1 i: 1 } } }
+      attr { key: "OUTPUTSCALE" value { list { f: 0.5 f: 0.25 } } })");
+    op_.reset(kx::Holder::new_op_creator().at("Z40Conv2DInt8")());
+    op_->parse_parameter(node_);
+  }
+  NodeDef node_;
+  std::unique_ptr<kx::OpExecutor> op_;
+  Tensor weight_ = make_tensor({1, 1, 4, 2}, {1, 2, 3, 4, 5, 6, 7, 8}, "w");
+};
+
+TEST_F(Int8ConvDirectTest, Int32InputsGiveInt32Codes) {
+  std::vector<int32_t> codes = {1, 2, 3, 4, -5, 6, 7, 8, 9, 10, 11, -12, 13, 14, 15, 16};
+  Tensor input({1, 2, 2, 4}, Tensor::DT_INT32, codes.data(), "cpu");
+  std::vector<int> shape;
+  op_->inference_shape({&input, &weight_}, shape);
+  ASSERT_EQ(shape, (std::vector<int>{1, 2, 2, 2}));
+  Tensor output(shape, Tensor::DT_INT32, nullptr, "cpu");
+  op_->execute({&input, &weight_}, &output);
+  std::vector<int32_t> want;
+  for (int p = 0; p < 4; ++p) {
+    for (int o = 0; o < 2; ++o) {
+      float sum = 0.0f;
+      for (int i = 0; i < 4; ++i) sum += (float)codes[p * 4 + i] * (float)(1 + i * 2 + o);
+      want.push_back((int32_t)std::min(127.0f, std::max(-128.0f, ref_round(sum * (o ? 0.25f : 0.5f)))));
+    }
+  }
+  const int32_t* got = output.data<int32_t>();
+  EXPECT_EQ(std::vector<int32_t>(got, got + 8), want);
+}
+
+TEST_F(Int8ConvDirectTest, OtherElementTypesAreRefused) {
+  std::vector<uint8_t> bytes(16, 1);
+  Tensor input({1, 2, 2, 4}, Tensor::DT_UINT8, bytes.data(), "cpu");
+  input.set_name("x");
+  Tensor output({1, 2, 2, 2}, Tensor::DT_FLOAT, nullptr, "cpu");
+  EXPECT_CHECK_FAILED(op_->execute({&input, &weight_}, &output), "tensor->data_type() == DT_FLOAT",
+                      "Z40Conv2DInt8 reads x as float but it holds type 4");
+  const Tensor good = make_tensor({1, 2, 2, 4}, std::vector<float>(16, 1.0f));
+  std::vector<int32_t> ints(8, 1);
+  Tensor int_weight({1, 1, 4, 2}, Tensor::DT_INT32, ints.data(), "cpu");
+  int_weight.set_name("iw");
+  EXPECT_CHECK_FAILED(op_->execute({&good, &int_weight}, &output), "tensor->data_type() == DT_FLOAT",
+                      "Z40Conv2DInt8 reads iw as float but it holds type 3");
+}
+
+TEST_F(Int8ConvDirectTest, KernelArgumentErrors) {
+  auto* param = static_cast<kx::Z40Conv2DInt8OpExecutor*>(op_.get())->param();
+  const Tensor input = make_tensor({1, 2, 2, 4}, std::vector<float>(16, 1.0f));
+  const Tensor bias = make_tensor({2}, {0, 0});
+  Tensor output({1, 2, 2, 2}, Tensor::DT_FLOAT, nullptr, "cpu");
+  EXPECT_CHECK_FAILED(kx::conv2d_int8({&input, &weight_}, &output, param), "inputs.size() >= 3",
+                      "Z40Conv2DInt8 needs 3 inputs but has 2");
+  Tensor wrong({1, 2, 2, 3}, Tensor::DT_FLOAT, nullptr, "cpu");
+  EXPECT_CHECK_FAILED(kx::conv2d_avx_int8({&input, &weight_, &bias}, &wrong, param),
+                      "output->shape() == inferred shape",
+                      "Z40Conv2DInt8: the output tensor does not have the inferred shape");
+  param->groups = 2;
+  EXPECT_CHECK_FAILED(kx::conv2d_avx_int8({&input, &weight_, &bias}, &output, param), "groups == 1",
+                      "conv2d_avx_int8 computes ungrouped convolutions only");
+  param->groups = 1;
+}
+
+TEST(Int8DepthwiseDeathTest, KernelShape) {
+  const GraphDef g = error_graph("Z40DepthwiseConv2dNativeInt8", {4, 1}, {{"OUTPUTSCALE", {1, 1, 1, 1}}});
+  EXPECT_CHECK_FAILED(run_single_op(g, small_input(), "conv"), "weight->shape().size() == 4",
+                      "Wrong kernel shape in Z40DepthwiseConv2dNativeInt8!!!");
 }
 
 }  // namespace

@@ -197,9 +197,10 @@ void gemm_float_int8(float* out, const float* in, const float* weight, const flo
 
 void conv2d_avx_int8(const std::vector<const Tensor*>& inputs, Tensor* output,
                      Z40Conv2DInt8Param* param) {
+  check_input_count(inputs, 3, kOp);
+  op_check(param->groups == 1, "groups == 1", "conv2d_avx_int8 computes ungrouped convolutions only");
   const Int8FloatView input(inputs[0], kOp);
   const ConvCall call = prepare_call(inputs, output, *param, input);
-  op_check(param->groups == 1, "groups == 1", "conv2d_avx_int8 computes ungrouped convolutions only");
   const Int8ConvShape& s = call.shape;
   Int8OutputBuffer out(output, kOp);
   AVXConvInt8Param p;
@@ -246,6 +247,7 @@ void conv2d_avx_int8(const std::vector<const Tensor*>& inputs, Tensor* output,
 }
 
 void conv2d_int8(const std::vector<const Tensor*>& inputs, Tensor* output, Z40Conv2DInt8Param* param) {
+  check_input_count(inputs, 3, kOp);
   const Int8FloatView input(inputs[0], kOp);
   const ConvCall call = prepare_call(inputs, output, *param, input);
   const Int8ConvShape& s = call.shape;

@@ -161,8 +161,8 @@ Int8KernelInputs::Int8KernelInputs(const std::vector<const Tensor*>& inputs, boo
     args_.push_back(inputs[2]);
     return;
   }
-  op_check(channels > 0 && channels <= (1 << 30), "out_channels > 0",
-           "the weights give no output channels");
+  // Weight tensors are never empty, and their dimensions multiply to at most
+  // their element count, so `channels` is a valid positive size here.
   zeros_.assign(channels, 0.0f);
   zero_bias_.set_data({static_cast<int>(channels)}, Tensor::DT_FLOAT, zeros_.data());
   zero_bias_.set_name("zero_bias");
