@@ -481,23 +481,24 @@ TEST(Int8ConvDeathTest, GeometryErrors) {
   GraphDef g = error_graph("Z40Conv2DInt8", {3, 3, 4, 2}, {{"OUTPUTSCALE", {1, 1}}});
   NodeDef* node = g.mutable_node(2);
   set_attr_s(node, "padding", "FULL");
-  EXPECT_CHECK_FAILED(run_single_op(g, small_input(), "conv"), "false", "Worng padding type.");
+  EXPECT_FATAL(run_single_op(g, small_input(), "conv"), "Check failed: false");
   set_attr_s(node, "padding", "VALID");
   EXPECT_CHECK_FAILED(run_single_op(g, small_input(), "conv"), "out_h > 0 && out_w > 0",
                       "Z40Conv2DInt8: the kernel does not fit the padded input");
   set_attr_ints(node, "pads", {1, 1});
   EXPECT_CHECK_FAILED(run_single_op(g, small_input(), "conv"), "values.size() >= 4",
                       "Z40Conv2DInt8: attribute pads has 2 values, needs 4");
+  set_attr_ints(node, "pads", {0, 0, 0, 0});
   set_attr_s(node, "padding", "SAME");
   set_attr_ints(node, "strides", {1, 0, 1, 1});
-  EXPECT_CHECK_FAILED(run_single_op(g, small_input(), "conv"), "stride_h > 0 && stride_w > 0",
+  EXPECT_CHECK_FAILED(run_single_op(g, small_input(), "conv"), "strides[1] > 0 && strides[2] > 0",
                       "Z40Conv2DInt8: strides must be positive");
   set_attr_ints(node, "strides", {1, 1});
-  EXPECT_CHECK_FAILED(run_single_op(g, small_input(), "conv"), "values.size() >= 3",
-                      "Z40Conv2DInt8: attribute strides has 2 values, needs 3");
+  EXPECT_CHECK_FAILED(run_single_op(g, small_input(), "conv"), "values.size() >= 4",
+                      "Z40Conv2DInt8: attribute strides has 2 values, needs 4");
   set_attr_ints(node, "strides", {1, 1, 1, 1});
   set_attr_ints(node, "dilations", {1, 0, 1, 1});
-  EXPECT_CHECK_FAILED(run_single_op(g, small_input(), "conv"), "dilation_h > 0 && dilation_w > 0",
+  EXPECT_CHECK_FAILED(run_single_op(g, small_input(), "conv"), "dilations[1] > 0 && dilations[2] > 0",
                       "Z40Conv2DInt8: dilations must be positive");
   set_attr_ints(node, "dilations", {1, 1, 1, 1});
   set_attr_ints(node, "multify_factor", {31});

@@ -22,7 +22,7 @@ constexpr int kMaxThreads = 16;
 
 // Everything both convolution paths need, checked once per call.
 struct ConvCall {
-  Int8ConvShape shape;
+  ConvGeometry shape;
   const float* input = nullptr;
   const float* weight = nullptr;
   const float* bias = nullptr;
@@ -44,7 +44,7 @@ ConvCall prepare_call(const std::vector<const Tensor*>& inputs, const Tensor* ou
   const std::vector<int>& ws = weight->shape();
   ConvCall call;
   call.shape = int8_conv_shape(p, inputs[0]->shape(), ws[0], ws[1], ws[3], kOp);
-  const Int8ConvShape& s = call.shape;
+  const ConvGeometry& s = call.shape;
   op_check(p.groups >= 1 && s.in_c % p.groups == 0 && s.out_c % p.groups == 0,
            "in_channels % groups == 0 && out_channels % groups == 0",
            std::string(kOp) + ": " + std::to_string(s.in_c) + " input and " +
@@ -92,13 +92,16 @@ struct TileWorker {
   const AVXConvInt8Param* param = nullptr;
 };
 
+// The int8 worker entry; its own namespace keeps it apart from the float
+// convolution's entry of the same name.
+namespace int8_tiles {
 void* computeConv_tiled(void* arg) {
   const TileWorker& w = *static_cast<const TileWorker*>(arg);
   const AVXConvInt8Param& p = *w.param;
-  const Int8ConvShape& s = p.shape;
+  const ConvGeometry& s = p.geometry;
   const int pixels = s.out_h * s.out_w;
   const int tiles = (pixels + kTilePixels - 1) / kTilePixels;
-  const int kp = s.kernel_positions();
+  const int kp = (s.kernel_h * s.kernel_w);
   const long long patch_row = static_cast<long long>(kp) * s.in_c;
   for (int b = 0; b < s.batch; ++b) {
     const float* image = w.input + static_cast<long long>(b) * s.in_h * s.in_w * s.in_c;
@@ -141,6 +144,7 @@ void* computeConv_tiled(void* arg) {
   }
   return nullptr;
 }
+}  // namespace int8_tiles
 
 }  // namespace
 
@@ -201,10 +205,10 @@ void conv2d_avx_int8(const std::vector<const Tensor*>& inputs, Tensor* output,
   op_check(param->groups == 1, "groups == 1", "conv2d_avx_int8 computes ungrouped convolutions only");
   const Int8FloatView input(inputs[0], kOp);
   const ConvCall call = prepare_call(inputs, output, *param, input);
-  const Int8ConvShape& s = call.shape;
+  const ConvGeometry& s = call.shape;
   Int8OutputBuffer out(output, kOp);
   AVXConvInt8Param p;
-  p.shape = s;
+  p.geometry = s;
   p.ActionType = param->ActionType;
   p.first_layer = param->first_layer;
   p.input_mean = param->input_mean.data();
@@ -221,13 +225,13 @@ void conv2d_avx_int8(const std::vector<const Tensor*>& inputs, Tensor* output,
   }
 
   if (active_isa() == KernelIsa::kAvx512) {
-    p.packed_weights = pack_float_weights_8x32(inputs[1], s.kernel_positions() * s.in_c, s.out_c,
+    p.packed_weights = pack_float_weights_8x32(inputs[1], (s.kernel_h * s.kernel_w) * s.in_c, s.out_c,
                                                &param->packed_float_weights)
                            .packed.data();
   }
   const int pixels = s.out_h * s.out_w;
   const int threads = std::min(kMaxThreads, (pixels + kTilePixels - 1) / kTilePixels);
-  const long long patch_size = static_cast<long long>(kTilePixels) * s.kernel_positions() * s.in_c;
+  const long long patch_size = static_cast<long long>(kTilePixels) * (s.kernel_h * s.kernel_w) * s.in_c;
   std::vector<float> patches(patch_size * threads);
   std::vector<TileWorker> workers(threads);
   for (int t = 0; t < threads; ++t) {
@@ -242,7 +246,7 @@ void conv2d_avx_int8(const std::vector<const Tensor*>& inputs, Tensor* output,
     w.pad = call.pad.data();
     w.param = &p;
   }
-  ThreadPool::instance().run(threads, [&](int t) { computeConv_tiled(&workers[t]); });
+  ThreadPool::instance().run(threads, [&](int t) { int8_tiles::computeConv_tiled(&workers[t]); });
   out.finish();
 }
 
@@ -250,7 +254,7 @@ void conv2d_int8(const std::vector<const Tensor*>& inputs, Tensor* output, Z40Co
   check_input_count(inputs, 3, kOp);
   const Int8FloatView input(inputs[0], kOp);
   const ConvCall call = prepare_call(inputs, output, *param, input);
-  const Int8ConvShape& s = call.shape;
+  const ConvGeometry& s = call.shape;
   Int8OutputBuffer out(output, kOp);
   const Int8OutputStage stage = make_int8_output_stage(*param, call.bias, call.multiplier, s.out_c);
   const int in_group = s.in_c / call.groups;

@@ -46,8 +46,7 @@ void gemm_float_int8_8x32_avx512(float* out, const float* in, const float* packe
 float first_layer_code(float x, float mean, float scale, float input_offset);
 
 // Per-call record shared by the tile workers.
-struct AVXConvInt8Param {
-  Int8ConvShape shape;
+struct AVXConvInt8Param : AVXBaseConvParam {
   std::string ActionType;
   const float* input_mean = nullptr;
   const float* input_var = nullptr;

@@ -27,7 +27,7 @@ void dwconv2d_int8(const std::vector<const Tensor*>& inputs, Tensor* output,
   check_float(bias, kOp);
   const std::vector<int>& ws = weight->shape();
   const int multiplier_c = ws[3];
-  const Int8ConvShape s =
+  const ConvGeometry s =
       int8_conv_shape(*param, inputs[0]->shape(), ws[0], ws[1], ws[2] * ws[3], kOp);
   op_check(ws[2] == s.in_c, "weight->shape()[2] == in_channels",
            std::string(kOp) + ": weights hold " + std::to_string(ws[2]) +

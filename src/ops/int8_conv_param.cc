@@ -6,6 +6,7 @@
 
 #include "common.h"
 #include "op_attr.h"
+#include "ops/conv_attrs.h"
 #include "ops/op_checks.h"
 
 namespace kovra {
@@ -91,67 +92,34 @@ void check_int8_output_param(const Int8OutputParam& param, int channels, const s
   }
 }
 
-void int8_conv_output_size(const Int8ConvBaseParam& param, int in_h, int in_w, int kernel_h,
-                           int kernel_w, const std::string& op, int* out_h, int* out_w) {
-  check_attr_size(param.strides.size(), 3, "strides", op);
-  const long long sh = param.strides[1], sw = param.strides[2];
-  op_check(sh > 0 && sw > 0, "stride_h > 0 && stride_w > 0", op + ": strides must be positive");
-  long long dh = 1, dw = 1;
-  if (param.dilations.size() >= 3) {
-    dh = param.dilations[1];
-    dw = param.dilations[2];
-  }
-  op_check(dh > 0 && dw > 0, "dilation_h > 0 && dilation_w > 0",
-           op + ": dilations must be positive");
-  long long oh = 0, ow = 0;
-  if (param.padding == "SAME") {
-    oh = static_cast<long long>(std::ceil(static_cast<float>(in_h) / static_cast<float>(sh)));
-    ow = static_cast<long long>(std::ceil(static_cast<float>(in_w) / static_cast<float>(sw)));
-  } else if (param.padding == "VALID") {
-    if (!param.pads.empty()) check_attr_size(param.pads.size(), 4, "pads", op);
-    const auto pad = [&](int i) -> long long { return param.pads.empty() ? 0 : param.pads[i]; };
-    const long long span_h = in_h + pad(0) + pad(1) - ((kernel_h - 1) * dh + 1);
-    const long long span_w = in_w + pad(2) + pad(3) - ((kernel_w - 1) * dw + 1);
-    oh = span_h < 0 ? 0 : span_h / sh + 1;
-    ow = span_w < 0 ? 0 : span_w / sw + 1;
-  } else {
-    check_failed_quoted("false", "Worng padding type.");
-  }
-  op_check(oh > 0 && ow > 0 && oh <= (1 << 24) && ow <= (1 << 24), "out_h > 0 && out_w > 0",
-           op + ": the kernel does not fit the padded input");
-  *out_h = static_cast<int>(oh);
-  *out_w = static_cast<int>(ow);
-}
-
-Int8ConvShape int8_conv_shape(const Int8ConvBaseParam& param, const std::vector<int>& input_shape,
-                              int kernel_h, int kernel_w, int out_c, const std::string& op) {
+ConvGeometry int8_conv_shape(const Int8ConvBaseParam& param, const std::vector<int>& input_shape,
+                             int kernel_h, int kernel_w, int out_c, const std::string& op) {
   op_check(input_shape.size() == 4, "input_tensor->shape().size() == 4",
            "Wrong input shape in " + op + "!!!");
-  Int8ConvShape s;
-  s.batch = input_shape[0];
-  s.in_h = input_shape[1];
-  s.in_w = input_shape[2];
-  s.in_c = input_shape[3];
-  s.kernel_h = kernel_h;
-  s.kernel_w = kernel_w;
-  s.out_c = out_c;
-  int8_conv_output_size(param, s.in_h, s.in_w, kernel_h, kernel_w, op, &s.out_h, &s.out_w);
-  s.stride_h = param.strides[1];
-  s.stride_w = param.strides[2];
-  if (param.dilations.size() >= 3) {
-    s.dilation_h = param.dilations[1];
-    s.dilation_w = param.dilations[2];
+  const ConvSteps steps =
+      conv_steps(param.strides, param.dilations, param.pads, param.padding, op);
+  ConvGeometry g;
+  g.batch = input_shape[0];
+  g.in_h = input_shape[1];
+  g.in_w = input_shape[2];
+  g.in_c = input_shape[3];
+  g.kernel_h = kernel_h;
+  g.kernel_w = kernel_w;
+  g.out_c = out_c;
+  conv_output_hw(input_shape, kernel_h, kernel_w, steps, op, g.out_h, g.out_w);
+  g.stride_h = steps.stride_h;
+  g.stride_w = steps.stride_w;
+  g.dilation_h = steps.dilation_h;
+  g.dilation_w = steps.dilation_w;
+  if (steps.same) {
+    g.pad_top = same_pad_tiled(g.out_h, g.stride_h, kernel_h, g.in_h);
+    g.pad_left = same_pad_tiled(g.out_w, g.stride_w, kernel_w, g.in_w);
+  } else {
+    g.pad_top = steps.pads[0];
+    g.pad_left = steps.pads[2];
   }
-  if (param.padding == "SAME") {
-    s.pad_top = static_cast<int>(
-        (static_cast<long long>(s.out_h - 1) * s.stride_h + kernel_h - s.in_h) >> 1);
-    s.pad_left = static_cast<int>(
-        (static_cast<long long>(s.out_w - 1) * s.stride_w + kernel_w - s.in_w) >> 1);
-  } else if (!param.pads.empty()) {
-    s.pad_top = param.pads[0];
-    s.pad_left = param.pads[2];
-  }
-  return s;
+  g.pad_value = param.pad_value;
+  return g;
 }
 
 Int8KernelInputs::Int8KernelInputs(const std::vector<const Tensor*>& inputs, bool has_bias,

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "op_executor.h"
+#include "ops/conv2d_cpu.h"
 
 namespace kovra {
 namespace trenkit {
@@ -81,25 +82,8 @@ int int8_multiplier(const Int8OutputParam& param, const std::string& op);
 // Scale lists must cover every output channel the activation reads.
 void check_int8_output_param(const Int8OutputParam& param, int channels, const std::string& op);
 
-// Resolved geometry of one convolution call.
-struct Int8ConvShape {
-  int batch = 0, in_h = 0, in_w = 0, in_c = 0;
-  int kernel_h = 0, kernel_w = 0, out_c = 0;
-  int out_h = 0, out_w = 0;
-  int stride_h = 1, stride_w = 1, dilation_h = 1, dilation_w = 1;
-  int pad_top = 0, pad_left = 0;
-  int kernel_positions() const { return kernel_h * kernel_w; }
-};
 
-// Output size: "SAME" gives ceil(H / stride); "VALID" applies "pads" as
-// explicit padding. Stops with a clear message on an unknown padding word,
-// a zero stride or dilation, or an empty output.
-void int8_conv_output_size(const Int8ConvBaseParam& param, int in_h, int in_w, int kernel_h,
-                           int kernel_w, const std::string& op, int* out_h, int* out_w);
-// Fills strides, dilations, output size and top/left pads. "SAME" pads are
-// ((OH - 1) * stride + K - H) >> 1 (dilation left out on purpose), otherwise
-// pads[0] and pads[2].
-Int8ConvShape int8_conv_shape(const Int8ConvBaseParam& param, const std::vector<int>& input_shape,
+ConvGeometry int8_conv_shape(const Int8ConvBaseParam& param, const std::vector<int>& input_shape,
                               int kernel_h, int kernel_w, int out_c, const std::string& op);
 
 // The kernel's inputs: data, weights and the node's bias, or `channels` zeros

@@ -74,9 +74,9 @@ std::vector<T> convert_codes(const float* v, long long count, int shift) {
 // Gathers the patches of `len` output pixels starting at `first` into rows of
 // `depth_padded` codes; unused rows and columns are zero.
 template <typename T>
-void gather_rows(const Int8ConvShape& s, const T* image, const T* pad, int first, int len,
+void gather_rows(const ConvGeometry& s, const T* image, const T* pad, int first, int len,
                  int depth_padded, T* rows) {
-  const int depth = s.kernel_positions() * s.in_c;
+  const int depth = (s.kernel_h * s.kernel_w) * s.in_c;
   for (int j = 0; j < len; ++j) {
     const int oy = (first + j) / s.out_w, ox = (first + j) % s.out_w;
     T* dst = rows + static_cast<long long>(j) * depth_padded;
@@ -94,7 +94,7 @@ void gather_rows(const Int8ConvShape& s, const T* image, const T* pad, int first
 }
 
 template <typename T>
-void run_chunks(const Int8ConvShape& s, const std::vector<T>& codes, const std::vector<T>& pad,
+void run_chunks(const ConvGeometry& s, const std::vector<T>& codes, const std::vector<T>& pad,
                 const Int8PackedWeights& w, const int32_t* correction, const Int8OutputStage& stage,
                 float* out) {
   const int pixels = s.out_h * s.out_w;
@@ -239,11 +239,11 @@ Int8DotPlan plan_int8_dot(const float* input, long long count, const float* pad,
   return plan;
 }
 
-bool conv_int8_integer_path(const Int8ConvShape& s, const float* input, const float* pad,
+bool conv_int8_integer_path(const ConvGeometry& s, const float* input, const float* pad,
                             const Tensor* weight, std::shared_ptr<Int8PackedWeights>* cache,
                             const Int8OutputStage& stage, float* out) {
   if (!int8_integer_path_enabled()) return false;
-  const int depth = s.kernel_positions() * s.in_c;
+  const int depth = (s.kernel_h * s.kernel_w) * s.in_c;
   const Int8PackedWeights& w = pack_int8_weights(weight, depth, s.out_c, cache);
   const long long count = static_cast<long long>(s.batch) * s.in_h * s.in_w * s.in_c;
   // Without padding (1 x 1 products) the pad codes are never read.

@@ -54,7 +54,7 @@ const Int8PackedWeights& pack_int8_weights(const Tensor* weight, int depth, int 
 // Runs the convolution on the integer kernels and the output stage into `out`
 // (N x OH x OW x C_out) and returns true, or returns false without writing
 // when the codes do not allow it. `pad` holds one value per input channel.
-bool conv_int8_integer_path(const Int8ConvShape& shape, const float* input, const float* pad,
+bool conv_int8_integer_path(const ConvGeometry& shape, const float* input, const float* pad,
                             const Tensor* weight, std::shared_ptr<Int8PackedWeights>* cache,
                             const Int8OutputStage& stage, float* out);
 

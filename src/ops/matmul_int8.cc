@@ -43,7 +43,7 @@ void matmul_int8(const std::vector<const Tensor*>& inputs, Tensor* output, Z40Ma
   const Int8OutputStage stage =
       make_int8_output_stage(*param, bias->data<float>(), int8_multiplier(*param, kOp), n);
   // A product is a 1 x 1 convolution over an M x 1 image of K channels.
-  Int8ConvShape shape;
+  ConvGeometry shape;
   shape.batch = 1;
   shape.in_h = shape.out_h = m;
   shape.in_w = shape.out_w = 1;

@@ -25,7 +25,7 @@ void Z40Conv2DInt8OpExecutor::inference_shape(const std::vector<const Tensor*>& 
   check_input_not_scalar(inputs[0], kOp);
   const std::vector<int>& ws = inputs[1]->shape();
   op_check(ws.size() == 4, "weight->shape().size() == 4", "Wrong kernel shape in Z40Conv2DInt8!!!");
-  const Int8ConvShape s = int8_conv_shape(param_, inputs[0]->shape(), ws[0], ws[1], ws[3], kOp);
+  const ConvGeometry s = int8_conv_shape(param_, inputs[0]->shape(), ws[0], ws[1], ws[3], kOp);
   param_.has_bias = inputs.size() >= 3;
   shape = {s.batch, s.out_h, s.out_w, s.out_c};
 }

@@ -25,7 +25,7 @@ void Z40DepthwiseConv2dNativeInt8OpExecutor::inference_shape(
   const std::vector<int>& ws = inputs[1]->shape();
   op_check(ws.size() == 4, "weight->shape().size() == 4",
            "Wrong kernel shape in Z40DepthwiseConv2dNativeInt8!!!");
-  const Int8ConvShape s =
+  const ConvGeometry s =
       int8_conv_shape(param_, inputs[0]->shape(), ws[0], ws[1], ws[2] * ws[3], kOp);
   param_.has_bias = inputs.size() >= 3;
   shape = {s.batch, s.out_h, s.out_w, s.out_c};
