@@ -1,6 +1,7 @@
 // Int8 convolutions of the usual 3 x 3 layer shapes (batch 1, NHWC, SAME,
 // bias), one thread: the exact integer path, the exact float path on the same
-// data, and oneDNN's u8 x s8 and f32 convolutions when oneDNN is installed.
+// data, our float convolution, and oneDNN's u8 x s8 and f32 convolutions when
+// oneDNN is installed.
 // Inputs are codes 0..127 and weights roughly normal with sigma 12, so every
 // layer stays inside the integer path's exactness bound.
 #include <benchmark/benchmark.h>
@@ -11,7 +12,9 @@
 
 #include "graph_executor.h"
 #include "op_executor.h"
+#include "ops/conv2d_cpu.h"
 #include "ops/int8_dot_path.h"
+#include "thread_pool.h"
 
 #ifdef KOVRA_HAVE_DNNL
 #include <dnnl.hpp>
@@ -89,6 +92,27 @@ void BM_Int8Conv_IntegerPath(benchmark::State& state) { run_ours(state, true); }
 void BM_Int8Conv_FloatPath(benchmark::State& state) { run_ours(state, false); }
 BENCHMARK(BM_Int8Conv_IntegerPath)->DenseRange(0, 3)->ArgName("C2_C4_C5_C6")->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Int8Conv_FloatPath)->DenseRange(0, 3)->ArgName("C2_C4_C5_C6")->Unit(benchmark::kMicrosecond);
+
+// The float convolution's tiled path on the same shape and values.
+void BM_FloatConv(benchmark::State& state) {
+  const Shape& s = kShapes[state.range(0)];
+  const Data d = make_data(s);
+  kx::GraphExecutor::set_num_threads(1);
+  kx::ConvGeometry g;
+  g.in_h = g.in_w = g.out_h = g.out_w = s.hw;
+  g.in_c = s.cin;
+  g.out_c = s.cout;
+  g.kernel_h = g.kernel_w = 3;
+  g.pad_top = g.pad_left = 1;
+  std::vector<float> out((size_t)s.hw * s.hw * s.cout);
+  for (auto _ : state) {
+    kx::conv2d_avx_cpu(d.input.data(), d.weight.data(), d.bias.data(), out.data(), g);
+    benchmark::DoNotOptimize(out.data());
+  }
+  state.counters["GOP/s"] = benchmark::Counter(ops(s), benchmark::Counter::kIsIterationInvariantRate,
+                                               benchmark::Counter::kIs1000);
+}
+BENCHMARK(BM_FloatConv)->DenseRange(0, 3)->ArgName("C2_C4_C5_C6")->Unit(benchmark::kMicrosecond);
 
 #ifdef KOVRA_HAVE_DNNL
 void run_dnnl(benchmark::State& state, bool quantized) {
