@@ -339,7 +339,7 @@ INSTANTIATE_TEST_SUITE_P(
                   "Z40Concat cannot join in1 [1,2,2] to in0 [1,2,2,1]"},
         FatalCase{"focus_rank", "Z40Focus", "", {{2, 2, 2}}, kInfer, "input->dims() == 4", "Z40Focus needs a 4-D input but got [2,2,2]"},
         FatalCase{"focus_too_small", "Z40Focus", "", {{1, 1, 2, 1}}, kInfer, "all dimensions > 0",
-                  "Z40Focus: output [1,0,1,4] has an empty dimension"},
+                  "Z40Focus: output [1,0,1,0] has an empty dimension"},
         FatalCase{"s2d_not_4d", "Z40SpaceToDepth", R"(attr { key: "output_shape" value { list { i: 1 i: 4 } } })", {{1, 2, 2, 1}},
                   kInfer, "output_shape.size() == 4", "Z40SpaceToDepth: output_shape [1,4] is not 4-D"},
         FatalCase{"s2d_bad_block", "Z40SpaceToDepth", R"(attr { key: "output_shape" value { list { i: 1 i: 1 i: 2 i: 2 } } })",
@@ -418,6 +418,17 @@ INSTANTIATE_TEST_SUITE_P(
                   "Z40Pad: input [1,2,2,1] padded by [0,0,-1,1] does not give output_shape [1,2,2,1]"},
         FatalCase{"missing_input", "Z40Squeeze", kShape4, {}, kInfer, "inputs.size() >= 1", "Z40Squeeze needs 1 inputs but has 0"}),
     [](const ::testing::TestParamInfo<FatalCase>& info) { return std::string(info.param.label); });
+
+TEST(FloatLayoutFatalTest, ConcatChannelsBeyondIntAreRefused) {
+  // Shapes only: borrowed one-float buffers never read by shape inference.
+  float cell = 0.0f;
+  Tensor a({1, 1, 1, 1200000000}, Tensor::DT_FLOAT, &cell, "cpu");
+  Tensor b({1, 1, 1, 1000000000}, Tensor::DT_FLOAT, &cell, "cpu");
+  SingleOpRunner runner("Z40Concat", node_with_attrs(""));
+  std::vector<int> shape;
+  EXPECT_CHECK_FAILED(runner.op()->inference_shape({&a, &b}, shape), "joined channels fit in int",
+                      "Z40Concat: the inputs join to 2200000000 channels");
+}
 
 TEST(FloatLayoutFatalTest, NonFloatInputIsRefused) {
   Tensor ints({1, 1, 1, 2}, Tensor::DT_INT32, nullptr, "cpu");

@@ -42,7 +42,7 @@ class Z40ConcatOpExecutor : public OpExecutor {
     const std::vector<int>& first = inputs[0]->shape();
     op_check(!first.empty(), "input_tensor->shape().size() > 0", "The shape of input is 0 in FloatZ40Concat!!!");
     std::vector<int> joined = first;
-    joined.back() = 0;
+    long long channels = 0;
     for (const Tensor* input : inputs) {
       check_float(input, "Z40Concat");
       const std::vector<int>& shape = input->shape();
@@ -51,8 +51,11 @@ class Z40ConcatOpExecutor : public OpExecutor {
       op_check(match, "inputs agree on every axis but the last",
                "Z40Concat cannot join " + input->name() + " " + shape_text(shape) + " to " +
                    inputs[0]->name() + " " + shape_text(first));
-      joined.back() += shape.back();
+      channels += shape.back();
     }
+    op_check(channels <= 0x7fffffffLL, "joined channels fit in int",
+             "Z40Concat: the inputs join to " + std::to_string(channels) + " channels");
+    joined.back() = static_cast<int>(channels);
     return joined;
   }
 

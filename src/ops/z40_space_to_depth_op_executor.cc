@@ -50,8 +50,9 @@ class Z40SpaceToDepthOpExecutor : public OpExecutor {
     out[0] = in[0];
     check_positive_dims(out, "output_shape", "Z40SpaceToDepth");
     block = in[1] / out[1];
-    const bool ok = block > 0 && out[1] * block == in[1] && out[2] * block == in[2] &&
-                    static_cast<long long>(in[3]) * block * block == out[3];
+    const long long b = block;
+    const bool ok = block > 0 && out[1] * b == in[1] && out[2] * b == in[2] &&
+                    in[3] * b * b == out[3];
     op_check(ok, "output_shape == [N, H/block, W/block, C*block*block]",
              "Z40SpaceToDepth: output_shape " + shape_text(out) + " is no space-to-depth of " +
                  shape_text(in));
