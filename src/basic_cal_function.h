@@ -10,7 +10,7 @@ namespace kovraexecutor {
 // Signature shared by every element-wise primitive; unary ones ignore `b`.
 using BinaryFn = float (*)(float a, float b);
 
-// The formulas themselves, inline so that tensor loops can be specialised on a
+// The formulas themselves, inline so that tensor loops can be instantiated for a
 // known primitive (and vectorised) while computing exactly what the exported
 // `<name>_func_cpu` functions compute. Masks are 1.0 / 0.0, and an input is
 // true when it is not equal to 0.0 (so NaN is true).

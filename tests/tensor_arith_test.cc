@@ -109,7 +109,7 @@ TEST_P(ScalarPrimitiveTest, MatchesHandWorkedValues) {
 INSTANTIATE_TEST_SUITE_P(AllPrimitives, ScalarPrimitiveTest, ::testing::ValuesIn(kScalarCases),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// ---- the specialised loops compute what the exported functions compute ----
+// ---- the per-primitive loops compute what the exported functions compute ----
 
 struct NamedFn {
   const char* name;
