@@ -54,6 +54,7 @@ void run_op(benchmark::State& state, const std::string& op_name,
 }
 
 void BM_Relu(benchmark::State& state) { run_op(state, "Z40Relu", {kShape}); }
+void BM_Sigmoid(benchmark::State& state) { run_op(state, "Z40Sigmoid", {kShape}); }
 void BM_EltwiseAdd(benchmark::State& state) { run_op(state, "Z40EltwiseAdd", {kShape, kShape}); }
 void BM_EltwiseAddRelu6(benchmark::State& state) {
   run_op(state, "Z40EltwiseAdd", {kShape, kShape}, "Relu6");
@@ -62,6 +63,7 @@ void BM_AddPerChannel(benchmark::State& state) { run_op(state, "Z40Add", {kShape
 void BM_LeakyRelu(benchmark::State& state) { run_op(state, "Z40LeakyRelu", {kShape}, "", 0.1f); }
 
 BENCHMARK(BM_Relu);
+BENCHMARK(BM_Sigmoid);
 BENCHMARK(BM_EltwiseAdd);
 BENCHMARK(BM_EltwiseAddRelu6);
 BENCHMARK(BM_AddPerChannel);

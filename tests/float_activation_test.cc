@@ -128,6 +128,7 @@ std::vector<ActivationCase> activation_cases() {
       {"SwishBeta2", "Z40Swish", [](NodeDef* n) { set_attr_f(n, "beta", 2.0f); },
        each([](double x) { return x / (std::exp(-2 * x) + 1); })},
       {"Mish", "Z40Mish", no_attrs, each(mish_reference)},
+      {"Sigmoid", "Z40Sigmoid", no_attrs, each([](double x) { return 1 / (1 + std::exp(-x)); })},
       {"Tanh", "Z40Tanh", no_attrs, each([](double x) { return std::tanh(x); })},
       // No guard: exp(800) is infinite and so is the result.
       {"Softplus", "Z40Softplus", no_attrs,

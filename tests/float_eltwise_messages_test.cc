@@ -36,7 +36,8 @@ const LabelCase kLabels[] = {
     {"Z40Add", "FloatZ40Add"},             {"Z40EltwiseAdd", "FloatZ40EltwiseAdd"},
     // The float subtraction names the int8 operator.
     {"Z40EltwiseSub", "Z40EltwiseSubInt8"}, {"Z40EltwiseMul", "FloatZ40EltwiseMul"},
-    {"Z40Pow", "FloatZ40Pow"},
+    {"Z40Pow", "FloatZ40Pow"},             {"Z40Mul", "FloatZ40Mul"},
+    {"Z40Sigmoid", "FloatZ40Sigmoid"},
 };
 
 class ScalarInputMessageTest : public ::testing::TestWithParam<LabelCase> {};
@@ -129,6 +130,7 @@ std::vector<MessageCase> message_cases() {
       {"InferWithoutInputs", [] { std::vector<int> s; make_op("Z40Relu")->inference_shape({}, s); },
        "inputs.size() >= 1", "Z40Relu needs 1 inputs but has 0"},
       {"AddOneInput", run("Z40Add", {s4}), "inputs.size() >= 2", "Z40Add needs 2 inputs but has 1"},
+      {"MulOneInput", run("Z40Mul", {s4}), "inputs.size() >= 2", "Z40Mul needs 2 inputs but has 1"},
       {"PReluNoSlope", run("Z40PRelu", {s4}), "inputs.size() >= 2", "Z40PRelu needs 2 inputs but has 1"},
       {"EltwiseMulOneInput", run("Z40EltwiseMul", {s4}), nullptr,
        "Unspport input size :1in Z40EltwiseMulInt8."},
@@ -147,6 +149,9 @@ std::vector<MessageCase> message_cases() {
        "Z40BatchNormScale: attribute scale has 2 values, needs 3"},
       {"BatchNormShortBias", run("Z40BatchNormScale", {s4}, kBnBias), "values.size() >= 3",
        "Z40BatchNormScale: attribute bias has 1 values, needs 3"},
+      // The broadcast product must fit the output, which is shaped like a.
+      {"MulProductLargerThanA", run("Z40Mul", {{3}, {2, 3}}), "product.size() == output->size()",
+       "Z40Mul: the product has 6 elements but the output holds 3"},
       // Element types other than float.
       {"ReluInt8Input",
        [] {
@@ -167,6 +172,17 @@ std::vector<MessageCase> message_cases() {
          make_op("Z40Max")->backward({&a, &b}, &out, &grad, grads);
        },
        "tensor->size() >= 2", "Z40Max: g has 1 elements, needs 2"},
+      {"SigmoidGradientShapeDiffers",
+       [] {
+         Tensor x = make_tensor({1, 2}, {1, 2}, "x");
+         Tensor out = make_tensor({1, 2}, {0.5f, 0.5f}, "out");
+         Tensor grad = make_tensor({1, 3}, {1, 1, 1}, "g");
+         Tensor grad_x;
+         std::vector<Tensor*> grads = {&grad_x};
+         make_op("Z40Sigmoid")->backward({&x}, &out, &grad, grads);
+       },
+       "output_grad->size() == output->size()",
+       "Z40Sigmoid: the gradient has 3 elements but the output 2"},
   };
 }
 

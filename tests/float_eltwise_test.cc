@@ -67,6 +67,12 @@ std::vector<BinaryCase> binary_cases() {
       {"EltwiseDivSameShape", "Z40EltwiseDiv", k4, kA, k4, {2, 4, -3, 8, 0, -0.5f}, none,
        {0.5f, -0.5f, -1, -0.5f, INFINITY, 12}},
       {"DivPerChannel", "Z40Div", k4, kA, {3}, {2, -4, 0.5f}, none, {0.5f, 0.5f, 6, -2, -1.25f, -12}},
+      {"MulPerChannel", "Z40Mul", k4, kA, {3}, {2, 0.5f, -1}, none, {2, -1, -3, -8, 2.5f, 6}},
+      {"MulScalar", "Z40Mul", k4, kA, {1}, {0.5f}, none, {0.5f, -1, 1.5f, -2, 2.5f, -3}},
+      // Equal ranks [2, 3] x [2, 1]: flat element j pairs with b[j mod 2], not
+      // with its row, as the tensor arithmetic broadcasts.
+      {"MulFlatPairing", "Z40Mul", {2, 3}, {1, 2, 3, 4, 5, 6}, {2, 1}, {10, 100}, none,
+       {10, 200, 30, 400, 50, 600}},
       {"Max", "Z40Max", k4, kA, k4, {0, 0, 4, -5, 5, NAN}, none, {1, 0, 4, -4, 5, -6}},
       // C library pow: a negative base with a fractional exponent is NaN.
       {"PowScalar", "Z40Pow", k4, kA, {1}, {2}, none, {1, 4, 9, 16, 25, 36}},
@@ -186,6 +192,9 @@ std::vector<GradCase> grad_cases() {
       // A tie sends the gradient to a.
       {"Max", "Z40Max", none, {1, 5, 3, 3}, {2, 4, 3, 0}, kGradShape,
        {1, 2, 3, 4}, {0, 2, 3, 4}, {1, 0, 0, 0}},
+      // Each operand's gradient is g times the other operand.
+      {"Mul", "Z40Mul", none, {1, -2, 3, -4}, {2, 3, 4, 5}, kGradShape,
+       {1, 2, 3, 4}, {2, 6, 12, 20}, {1, -4, 9, -16}},
       // x >= 0 passes g; otherwise g * slope[c], and slope[c] collects g * x.
       {"PRelu", "Z40PRelu", none, {1, -2, -3, 4}, {0.5f, 0.25f}, {2},
        {1, 2, 3, 4}, {1, 0.5f, 1.5f, 4}, {-9, -4}},
@@ -227,6 +236,26 @@ INSTANTIATE_TEST_SUITE_P(AllGradients, FloatGradientTest, ::testing::ValuesIn(gr
                          [](const ::testing::TestParamInfo<GradCase>& info) {
                            return info.param.label;
                          });
+
+TEST(FloatGradientTest, SigmoidScalesByItsDerivative) {
+  const std::vector<float> x = {0.0f, 2.0f, -1.0f, 30.0f};
+  const std::vector<float> g = {1.0f, 2.0f, 3.0f, 4.0f};
+  std::vector<float> expected;
+  for (size_t i = 0; i < x.size(); ++i) {
+    const double s = 1.0 / (1.0 + std::exp(-static_cast<double>(x[i])));
+    expected.push_back(static_cast<float>(g[i] * s * (1.0 - s)));
+  }
+  auto op = make_op("Z40Sigmoid");
+  Tensor input = make_tensor({1, 4}, x, "x");
+  Tensor out({1, 4}, Tensor::DT_FLOAT, nullptr, "cpu");
+  op->execute({&input}, &out);
+  Tensor grad_out = make_tensor({1, 4}, g);
+  Tensor grad_x;
+  std::vector<Tensor*> grads = {&grad_x};
+  op->backward({&input}, &out, &grad_out, grads);
+  EXPECT_EQ(grad_x.shape(), input.shape());
+  expect_floats_near(tensor_values(grad_x), expected, 1e-6f, 1e-9f, "sigmoid gradient");
+}
 
 }  // namespace
 }  // namespace kovra_test

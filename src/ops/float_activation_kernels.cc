@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "basic_cal_function.h"
+
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
@@ -109,6 +111,10 @@ void mish_f32(const float* in, float* out, int n) {
     const float s = static_cast<float>(std::log(std::exp(static_cast<double>(x)) + 1.0));
     out[i] = x * mish_rational_tanh(s);
   }
+}
+
+void sigmoid_f32(const float* in, float* out, int n) {
+  for (int i = 0; i < n; ++i) out[i] = scalar::sigmoid(in[i], 0.0f);
 }
 
 void tanh_f32(const float* in, float* out, int n) {

@@ -23,6 +23,8 @@ void hard_swish_f32(const float* in, float* out, int n, int add_scalar);
 // beta is integral for the same reason.
 void swish_f32(const float* in, float* out, int n, int beta);
 void mish_f32(const float* in, float* out, int n);
+// 1 / (1 + expf(-x)) in float: the tensor arithmetic's sigmoid.
+void sigmoid_f32(const float* in, float* out, int n);
 void tanh_f32(const float* in, float* out, int n);
 void softplus_f32(const float* in, float* out, int n);
 void softsign_f32(const float* in, float* out, int n);
