@@ -16,8 +16,9 @@ for example in float int8; do
   echo
   echo "=== $model"
   $kovra inspect "$model" | sed -n '/^graph inputs/,$p'
-  if ! $kovra run "$model" -i input=examples/${example}_input.npy --out-dir "$out/$example" \
-       --dump "$out/$example-dump" --repeat 5; then
+  input=input=examples/${example}_input.npy
+  if ! $kovra run "$model" -i "$input" --out-dir "$out/$example" --dump "$out/$example-dump" >/dev/null ||
+     ! $kovra run "$model" -i "$input" --repeat 5; then
     status=1
     continue
   fi
