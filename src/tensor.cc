@@ -1,5 +1,6 @@
 #include "tensor.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -20,10 +21,23 @@ std::map<Tensor::DataType, int> make_byte_size_table() {
           {Tensor::DT_UINT32, 4}};
 }
 
+std::string shape_text(const std::vector<int>& shape) {
+  std::string text;
+  for (size_t i = 0; i < shape.size(); ++i) text += (i ? "," : "") + std::to_string(shape[i]);
+  return "[" + text + "]";
+}
+
+// Element counts are 32-bit; a shape whose count does not fit is refused
+// rather than wrapped into a wrong buffer size.
 int product(const std::vector<int>& shape) {
-  int count = 1;
-  for (int d : shape) count *= d;
-  return count;
+  long long count = 1;
+  for (int d : shape) {
+    count *= d;
+    if (count > INT32_MAX || count < INT32_MIN) {
+      fatal("The shape:" + shape_text(shape) + " has more elements than a tensor can hold");
+    }
+  }
+  return static_cast<int>(count);
 }
 
 }  // namespace
@@ -96,7 +110,9 @@ void Tensor::set_data(const std::vector<int>& shape, DataType type, void* data) 
   data_type_ = type;
   if (&shape != &shape_) shape_ = shape;
   size_ = product(shape_);
-  const int n = _get_ele_byte_size(type) * size_;
+  const long long wide = static_cast<long long>(_get_ele_byte_size(type)) * size_;
+  if (wide > INT32_MAX) fatal("The shape:" + shape_text(shape_) + " has more bytes than a tensor can hold");
+  const int n = static_cast<int>(wide);
   if (data == nullptr) {
     if (n > byte_size_) {
       _release();

@@ -149,6 +149,10 @@ TEST(TensorDeathTest, FatalPaths) {
   EXPECT_FATAL(t.reshape({4, 2}), "The shape:8 after reshaping is not match with old shape6");
   EXPECT_FATAL(t.at(6), "Index out of range error:t 6 6");
   EXPECT_FATAL(t.at(-1), "Index out of range error:t 6 -1");
+  EXPECT_FATAL(Tensor({65536, 65536}, Tensor::DT_FLOAT, nullptr, "cpu"),
+               "The shape:[65536,65536] has more elements than a tensor can hold");
+  EXPECT_FATAL(Tensor({1024, 1024, 1024}, Tensor::DT_FLOAT, nullptr, "cpu"),
+               "The shape:[1024,1024,1024] has more bytes than a tensor can hold");
   EXPECT_FATAL(t.to_gpu(), "Your library don't compile with GPU.");
   EXPECT_FATAL(t.get_gpu_ptr(), "Your library don't compile with GPU.");
 }
