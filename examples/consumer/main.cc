@@ -3,7 +3,9 @@
 #include <cstdio>
 
 #include <google/protobuf/text_format.h>
+#include <kovraexecutor/allocator/bfc_arena.h>
 #include <kovraexecutor/graph_executor.h>
+#include <kovraexecutor/mallocator.h>
 
 using kovra::trenkit::GraphDef;
 using namespace kovra::trenkit::kovraexecutor;
@@ -21,5 +23,8 @@ int main() {
   executor.work({}, "");
   std::printf("outputs: %zu, first: %s\n", executor.get_output_names().size(),
               executor.get_output_names()[0].c_str());
-  return executor.get_output_names()[0] == "q" ? 0 : 1;
+  // The exported host-memory service comes from the best-fit arena.
+  void* block = cpu_malloc(1000);
+  cpu_free(block);
+  return executor.get_output_names()[0] == "q" && block != nullptr ? 0 : 1;
 }
