@@ -78,6 +78,31 @@ void check_positive_dims(const Tensor* tensor, const std::string& op) {
   }
 }
 
+void require_conv_weight_gradient(const std::vector<Tensor*>& input_grads, const char* missing_message) {
+  const Tensor* weight_gradient = input_grads.size() > 1 ? input_grads[1] : nullptr;
+  op_check(weight_gradient != nullptr, "weight_gradient != NULL", missing_message);
+}
+
+ConvGradientSlots prepare_conv_gradients(const std::vector<const Tensor*>& inputs, const Tensor* output,
+                                         const Tensor* output_grad, std::vector<Tensor*>& input_grads,
+                                         long long out_count, int out_channels, const std::string& op) {
+  Tensor* weight_gradient = input_grads[1];
+  check_min_size(output, out_count, op);
+  check_min_size(output_grad, out_count, op);
+  ConvGradientSlots slots;
+  weight_gradient->set_data(inputs[1]->shape(), Tensor::DT_FLOAT, nullptr);
+  slots.weight = weight_gradient->mutable_data<float>();
+  if (input_grads[0] != nullptr) {
+    input_grads[0]->set_data(inputs[0]->shape(), Tensor::DT_FLOAT, nullptr);
+    slots.input = input_grads[0]->mutable_data<float>();
+  }
+  if (input_grads.size() > 2 && input_grads[2] != nullptr) {
+    input_grads[2]->set_data({out_channels}, Tensor::DT_FLOAT, nullptr);
+    slots.bias = input_grads[2]->mutable_data<float>();
+  }
+  return slots;
+}
+
 }  // namespace kovraexecutor
 }  // namespace trenkit
 }  // namespace kovra

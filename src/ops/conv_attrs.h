@@ -31,6 +31,23 @@ void conv_output_hw(const std::vector<int>& input_shape, int kernel_h, int kerne
 // Every dimension of a tensor the kernels index must be positive.
 void check_positive_dims(const Tensor* tensor, const std::string& op);
 
+// The gradient buffers of a convolution's backward pass, sized and ready.
+struct ConvGradientSlots {
+  float* input = nullptr;   // filled when the caller asked for it
+  float* weight = nullptr;  // always present
+  float* bias = nullptr;    // filled when the caller asked for it
+};
+
+// Gradient slots are [input, weight, bias]: the weight gradient is required
+// ("weight_gradient != NULL" with `missing_message`), the others optional.
+void require_conv_weight_gradient(const std::vector<Tensor*>& input_grads, const char* missing_message);
+
+// Checks that output and output_grad hold `out_count` values, then sizes every
+// requested slot like the tensor it is the gradient of.
+ConvGradientSlots prepare_conv_gradients(const std::vector<const Tensor*>& inputs, const Tensor* output,
+                                         const Tensor* output_grad, std::vector<Tensor*>& input_grads,
+                                         long long out_count, int out_channels, const std::string& op);
+
 }  // namespace kovraexecutor
 }  // namespace trenkit
 }  // namespace kovra

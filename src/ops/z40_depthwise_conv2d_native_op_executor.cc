@@ -69,22 +69,13 @@ class Z40DepthwiseConv2dNativeOpExecutor : public OpExecutor {
 
   void backward(const std::vector<const Tensor*>& inputs, const Tensor* output, const Tensor* output_grad,
                 std::vector<Tensor*>& input_grads) override {
-    Tensor* weight_gradient = input_grads.size() > 1 ? input_grads[1] : nullptr;
-    op_check(weight_gradient != nullptr, "weight_gradient != NULL", "Please set dwconv weight grad tesnor.");
+    require_conv_weight_gradient(input_grads, "Please set dwconv weight grad tesnor.");
     const ConvGeometry g = _geometry(inputs);
     const long long out_count = static_cast<long long>(g.batch) * g.out_h * g.out_w * g.out_c;
-    check_min_size(output, out_count, kOp);
-    check_min_size(output_grad, out_count, kOp);
-    weight_gradient->set_data(inputs[1]->shape(), Tensor::DT_FLOAT, nullptr);
-    Tensor* input_gradient = input_grads.empty() ? nullptr : input_grads[0];
-    if (input_gradient != nullptr) input_gradient->set_data(inputs[0]->shape(), Tensor::DT_FLOAT, nullptr);
-    Tensor* bias_gradient = input_grads.size() > 2 ? input_grads[2] : nullptr;
-    if (bias_gradient != nullptr) bias_gradient->set_data({g.out_c}, Tensor::DT_FLOAT, nullptr);
+    const ConvGradientSlots slots =
+        prepare_conv_gradients(inputs, output, output_grad, input_grads, out_count, g.out_c, kOp);
     dwconv2d_backward_cpu(inputs[0]->data<float>(), inputs[1]->data<float>(), output->data<float>(),
-                          output_grad->data<float>(),
-                          input_gradient ? input_gradient->mutable_data<float>() : nullptr,
-                          weight_gradient->mutable_data<float>(),
-                          bias_gradient ? bias_gradient->mutable_data<float>() : nullptr, g);
+                          output_grad->data<float>(), slots.input, slots.weight, slots.bias, g);
   }
 
  private:
