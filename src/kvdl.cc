@@ -45,7 +45,11 @@ double Exp(double x) {
 }
 
 double Sqrt(double x) {
-  if (x <= 0.0) return x == 0.0 ? 0.0 : std::numeric_limits<double>::quiet_NaN();
+  // No real root below zero; NaN and infinity would never settle.
+  if (x < 0.0 || !(x == x)) return std::numeric_limits<double>::quiet_NaN();
+  if (x == std::numeric_limits<double>::infinity()) return x;
+  // Zero is not special: the iteration halves from 0.5 until the step is small
+  // enough, as the firmware does.
   double y = x + 0.5;
   double previous = y;
   for (int i = 0; i < 10000; ++i) {

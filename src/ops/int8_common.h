@@ -1,0 +1,67 @@
+#ifndef KOVRAEXECUTOR_OPS_INT8_COMMON_H_
+#define KOVRAEXECUTOR_OPS_INT8_COMMON_H_
+
+#include <string>
+#include <vector>
+
+#include "op_executor.h"
+#include "tensor.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+// Quantized tensors are float tensors holding integer codes, channels last:
+// flat element i belongs to channel i mod C, C the last dimension.
+int channel_count(const Tensor* tensor);
+
+// "Do not find the <key> in <op>!!!" when `key` is absent (op as the message
+// spells it, e.g. " Z40Quantize" for the two-blank variants).
+void require_int(const NodeDef& node, const char* key, int& value, const std::string& message);
+void require_float(const NodeDef& node, const char* key, float& value, const std::string& message);
+void require_float_list(const NodeDef& node, const char* key, std::vector<float>& values,
+                        const std::string& message);
+void require_int_list(const NodeDef& node, const char* key, std::vector<int>& values,
+                      const std::string& message);
+std::string missing_message(const std::string& key, const std::string& op);
+
+// The first input of a one-input operator, present and of rank > 0
+// ("The shape of input is 0 in <op>!!!").
+const Tensor* first_input(const std::vector<const Tensor*>& inputs, const std::string& op);
+
+// Quantize and dequantize take channels-last tensors of rank 3, 4 or 5 only.
+void check_rank_3_to_5(const Tensor* input, const std::string& op);
+
+// A per-channel attribute must cover every channel before the loop reads it.
+void check_per_channel(const std::vector<float>& values, int channels, const std::string& key,
+                       const std::string& op);
+
+// Upper bound first, then lower bound, as the accelerator's output stage does.
+inline float clamp_code(float q, float lo, float hi) {
+  if (q > hi) q = hi;
+  if (q < lo) q = lo;
+  return q;
+}
+
+// Code to output: clamp the rounded code, then add the zero point.
+inline float clamp_then_offset(float q, float lo, float hi, float offset) {
+  return offset + clamp_code(q, lo, hi);
+}
+
+// Per-channel factors of the two-input requantization
+//   q = round(off0 * (O*S0) + off1 * (O*S1) + offset + ((O*S0) * x0 + (O*S1) * x1)),
+// hoisted out of the element loop without changing the grouping: a = O*S0,
+// b = O*S1 and k = off0*a + off1*b + offset. A difference uses b negated,
+// which is exact.
+struct SumRequant {
+  std::vector<float> a, b, k;
+};
+SumRequant make_sum_requant(const std::vector<float>& s0, const std::vector<float>& s1,
+                            const std::vector<float>& out_scale, int off0, int off1, int offset,
+                            int channels, bool difference);
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+#endif  // KOVRAEXECUTOR_OPS_INT8_COMMON_H_

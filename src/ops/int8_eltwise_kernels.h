@@ -1,0 +1,42 @@
+#ifndef KOVRAEXECUTOR_OPS_INT8_ELTWISE_KERNELS_H_
+#define KOVRAEXECUTOR_OPS_INT8_ELTWISE_KERNELS_H_
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+// Per-channel element loops of the int8 family over `n` elements whose last
+// dimension has `channels` entries (n is a multiple of channels). Parameter
+// arrays hold one value per channel. The dispatching entry points pick the
+// widest instruction set available; every variant gives the same bits.
+
+// y = offset + clamp(round_half_even(scale[c] * x), lo, hi), upper bound first.
+void quantize_f32(const float* x, float* y, int n, int channels, const float* scale, float lo,
+                  float hi, float offset);
+void quantize_f32_portable(const float* x, float* y, int n, int channels, const float* scale,
+                           float lo, float hi, float offset);
+void quantize_f32_avx512(const float* x, float* y, int n, int channels, const float* scale,
+                         float lo, float hi, float offset);
+
+// y = (offset + x) * scale[c].
+void dequantize_f32(const float* x, float* y, int n, int channels, const float* scale,
+                    float offset);
+void dequantize_f32_portable(const float* x, float* y, int n, int channels, const float* scale,
+                             float offset);
+void dequantize_f32_avx512(const float* x, float* y, int n, int channels, const float* scale,
+                           float offset);
+
+// y = clamp(round_half_even(k[c] + (a[c] * x0 + b[c] * x1)), 0, hi): the direct
+// two-input requantization; the lower bound is 0 on purpose.
+void sum_requant_f32(const float* x0, const float* x1, float* y, int n, int channels,
+                     const float* a, const float* b, const float* k, float hi);
+void sum_requant_f32_portable(const float* x0, const float* x1, float* y, int n, int channels,
+                              const float* a, const float* b, const float* k, float hi);
+void sum_requant_f32_avx512(const float* x0, const float* x1, float* y, int n, int channels,
+                            const float* a, const float* b, const float* k, float hi);
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+#endif  // KOVRAEXECUTOR_OPS_INT8_ELTWISE_KERNELS_H_

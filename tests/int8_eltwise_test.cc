@@ -1,0 +1,237 @@
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ops/avx_common.h"
+#include "ops/int8_eltwise_kernels.h"
+#include "support/int8_graph.h"
+
+namespace kovra_test {
+namespace {
+
+namespace kx = kovra::trenkit::kovraexecutor;
+
+struct SumAttrs {
+  std::vector<float> s0, s1, o;
+  int off0, off1, offset, max_value, min_value;
+};
+
+OneOpModel sum_model(const std::string& op, const SumAttrs& a, const std::string& action = "") {
+  OneOpModel m(op, 2);
+  NodeDef* n = m.node();
+  set_attr_floats(n, "INPUT0SCALE", a.s0);
+  set_attr_floats(n, "INPUT1SCALE", a.s1);
+  set_attr_floats(n, "OUTPUTSCALE", a.o);
+  set_attr_i(n, "input0_offset", a.off0);
+  set_attr_i(n, "input1_offset", a.off1);
+  set_attr_i(n, "offset", a.offset);
+  set_attr_i(n, "maxValue", a.max_value);
+  set_attr_i(n, "minValue", a.min_value);
+  if (!action.empty()) set_attr_s(n, "ActionType", action);
+  return m;
+}
+
+// Scales 0.5 / 0.25, output scale 2, offsets 1 / -2, output offset 3: the sum
+// is 3 + (x0 + 0.5 x1) and the difference 5 + (x0 - 0.5 x1).
+const SumAttrs kHand = {{0.5f}, {0.25f}, {2.0f}, 1, -2, 3, 100, -128};
+
+TEST(EltwiseAddInt8Test, HandWorkedSumsClampAtZeroAndMaxPlusOffset) {
+  Tensor x0 = make_tensor({1, 1, 6, 1}, {10, 2, 3, -20, 200, -3});
+  Tensor x1 = make_tensor({1, 1, 6, 1}, {4, 3, 3, 0, 0, -1});
+  // 15; 6.5 -> 6; 7.5 -> 8; -17 -> 0 although minValue is -128; 203 -> 103; -0.5 -> 0.
+  const std::vector<float> expected = {15, 6, 8, 0, 103, 0};
+  for (const char* action : {"", "None", "Relu", "Relu6"}) {
+    EXPECT_EQ(sum_model("Z40EltwiseAddInt8", kHand, action).run({&x0, &x1}), expected) << action;
+  }
+}
+
+TEST(EltwiseSubInt8Test, HandWorkedDifferences) {
+  Tensor x0 = make_tensor({1, 1, 4, 1}, {10, 2, -20, 200});
+  Tensor x1 = make_tensor({1, 1, 4, 1}, {4, 3, 0, 0});
+  // 5 + 10 - 2 = 13; 5 + 2 - 1.5 = 5.5 -> 6; -15 -> 0; 205 -> 103.
+  EXPECT_EQ(sum_model("Z40EltwiseSubInt8", kHand).run({&x0, &x1}),
+            (std::vector<float>{13, 6, 0, 103}));
+}
+
+TEST(EltwiseAddInt8Test, OneElementShortcutClampsAtMinValue) {
+  SumAttrs a = kHand;
+  a.o = {0.75f};
+  Tensor x0 = make_tensor({1, 1, 4, 1}, {2, -2, -300, 300});
+  Tensor x1 = make_tensor({1}, {5});
+  // 1.5 + 5 = 6.5 -> 6; -1.5 + 5 = 3.5 -> 4; -220 -> -128 (minValue); 230 -> 103.
+  EXPECT_EQ(sum_model("Z40EltwiseAddInt8", a).run({&x0, &x1}),
+            (std::vector<float>{6, 4, -128, 103}));
+  // The difference subtracts the scalar: 1.5 - 5 = -3.5 -> -4.
+  EXPECT_EQ(sum_model("Z40EltwiseSubInt8", a).run({&x0, &x1}),
+            (std::vector<float>{-4, -6, -128, 103}));
+}
+
+// Per-channel parameters on a 4-D tensor of 3 channels, random codes.
+struct PerChannelData {
+  SumAttrs attrs{{0.02f, 0.05f, 0.11f}, {0.03f, 0.07f, 0.013f}, {9.0f, 4.5f, 12.25f},
+                 -5, 7, 2, 120, -128};
+  std::vector<float> x0, x1;
+  PerChannelData() {
+    std::mt19937 rng(11);
+    std::uniform_int_distribution<int> code(-128, 127);
+    for (int i = 0; i < 2 * 3 * 4 * 3; ++i) {
+      x0.push_back(static_cast<float>(code(rng)));
+      x1.push_back(static_cast<float>(code(rng)));
+    }
+  }
+};
+
+float clamp_sum(float q, float hi) { return q > hi ? hi : (q < 0 ? 0 : q); }
+
+TEST(EltwiseAddInt8Test, PerChannelDirectRequantizationOn4D) {
+  PerChannelData d;
+  const SumAttrs& a = d.attrs;
+  Tensor x0 = make_tensor({2, 3, 4, 3}, d.x0), x1 = make_tensor({2, 3, 4, 3}, d.x1);
+  const std::vector<float> got = sum_model("Z40EltwiseAddInt8", a).run({&x0, &x1});
+  for (size_t i = 0; i < got.size(); ++i) {
+    const size_t c = i % 3;
+    const float os0 = a.o[c] * a.s0[c], os1 = a.o[c] * a.s1[c];
+    const float v = a.off0 * os0 + a.off1 * os1 + a.offset + (os0 * d.x0[i] + os1 * d.x1[i]);
+    EXPECT_EQ(got[i], clamp_sum(std::nearbyint(v), 122.0f)) << i;
+  }
+}
+
+// Each fused activation written out from its formula.
+struct ActivationCase {
+  const char* name;
+  std::function<float(float)> f;
+};
+
+const double kSeluScale = 1.0507009873554805, kSeluAlpha = 1.6732632423543772;
+
+double tanh_approx(double x) {
+  if (x < -4) return -1.0058479;
+  if (x > 4) return 1.0058479;
+  return x * (x * x + 27) / (9 * x * x + 27);
+}
+
+// Constants set on the model below.
+const float kHsA = 0.25f, kHsB = 0.375f, kSwishBeta = 1.5f, kEluAlpha = 0.75f, kSlope = 0.125f,
+            kHswAdd = 2.0f, kHswMul = 0.25f;
+
+const ActivationCase kActivations[] = {
+    {"Tanh", [](float y) { return static_cast<float>(tanh_approx(y)); }},
+    {"Sigmoid", [](float y) { return static_cast<float>(1.0 / (std::exp(-double(y)) + 1.0)); }},
+    {"Hsigmoid", [](float y) { return std::min(1.0f, std::max(0.0f, y * kHsA + kHsB)); }},
+    {"Swish",
+     [](float y) { return static_cast<float>(y / (std::exp(-double(y * kSwishBeta)) + 1.0)); }},
+    {"Elu", [](float y) { return y < 0 ? float((std::exp(double(y)) - 1) * kEluAlpha) : y; }},
+    {"Selu",
+     [](float y) {
+       return y <= 0 ? float(float((std::exp(double(y)) - 1) * kSeluAlpha) * kSeluScale)
+                     : float(y * kSeluScale);
+     }},
+    {"Softplus", [](float y) { return float(std::log(std::exp(double(y)) + 1)); }},
+    {"Softsign", [](float y) { return y / (std::fabs(y) + 1.0f); }},
+    {"LeakyRelu", [](float y) { return y < 0 ? y * kSlope : y; }},
+    {"PRelu", [](float y) { return y < 0 ? y * kSlope : y; }},
+    {"HardSwish",
+     [](float y) {
+       const float r = y + kHswAdd;
+       return y * ((r < 0 ? 0.0f : std::min(r, 6.0f)) * kHswMul);
+     }},
+    {"Mish", [](float y) { return float(y * tanh_approx(std::log(std::exp(double(y)) + 1))); }},
+    {"SomethingElse", [](float y) { return y; }},
+};
+
+class EltwiseActivationTest : public ::testing::TestWithParam<ActivationCase> {};
+
+TEST_P(EltwiseActivationTest, RealValuedPathPerChannel) {
+  PerChannelData d;
+  const SumAttrs& a = d.attrs;
+  OneOpModel m = sum_model("Z40EltwiseAddInt8", a, GetParam().name);
+  set_attr_f(m.node(), "hsigmoid_alpha", kHsA);
+  set_attr_f(m.node(), "hsigmoid_beta", kHsB);
+  set_attr_f(m.node(), "swish_beta", kSwishBeta);
+  set_attr_f(m.node(), "elu_alpha", kEluAlpha);
+  set_attr_f(m.node(), "prelu_leakyrelu_slope", kSlope);
+  set_attr_f(m.node(), "hswish_add_scalar_value", kHswAdd);
+  set_attr_f(m.node(), "hswish_mul_scalar_value", kHswMul);
+  Tensor x0 = make_tensor({2, 3, 4, 3}, d.x0), x1 = make_tensor({2, 3, 4, 3}, d.x1);
+  const std::vector<float> got = m.run({&x0, &x1});
+  int differs_from_linear = 0;
+  for (size_t i = 0; i < got.size(); ++i) {
+    const size_t c = i % 3;
+    const float y = (a.off0 + d.x0[i]) * a.s0[c] + (a.off1 + d.x1[i]) * a.s1[c];
+    const float expected = clamp_sum(std::nearbyint(GetParam().f(y) * a.o[c] + a.offset), 122.0f);
+    EXPECT_EQ(got[i], expected) << GetParam().name << " element " << i << " y " << y;
+    differs_from_linear += expected != clamp_sum(std::nearbyint(y * a.o[c] + a.offset), 122.0f);
+  }
+  // The data reach the part of each curve where it bends (not for the identity).
+  if (std::string(GetParam().name) != "SomethingElse") {
+    EXPECT_GT(differs_from_linear, 0);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(AllBranches, EltwiseActivationTest, ::testing::ValuesIn(kActivations),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// The vector kernels against the straightforward loops, bit for bit, on
+// values that include ties, negative zero, tiny negatives and non-finite ones.
+std::vector<float> kernel_data(int n, unsigned seed) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<float> dist(-300.0f, 300.0f);
+  const float specials[] = {0.5f, -0.5f, 2.5f, -2.5f, -0.0f, 0.0f, -0.25f, 1e-30f, -1e-30f,
+                            1e30f, -1e30f, std::numeric_limits<float>::infinity(),
+                            -std::numeric_limits<float>::infinity()};
+  std::vector<float> v(n);
+  for (int i = 0; i < n; ++i) {
+    v[i] = i % 7 == 3 ? specials[(i / 7) % 13] : (i % 2 ? std::round(dist(rng)) : dist(rng));
+  }
+  return v;
+}
+
+bool same_bits(const std::vector<float>& a, const std::vector<float>& b) {
+  return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
+}
+
+class Int8KernelIsaTest : public ::testing::TestWithParam<int> {
+ protected:
+  void SetUp() override {
+    if (!kx::cpu_supports(kx::KernelIsa::kAvx512)) GTEST_SKIP() << "no AVX-512";
+  }
+};
+
+TEST_P(Int8KernelIsaTest, VectorKernelsGiveTheSameBits) {
+  const int channels = GetParam();
+  const int n = channels * 37;
+  const std::vector<float> x0 = kernel_data(n, 1), x1 = kernel_data(n, 2);
+  std::vector<float> s(channels), b(channels), k(channels);
+  for (int c = 0; c < channels; ++c) {
+    s[c] = 0.3f + 0.1f * c;
+    b[c] = (c % 2 ? -0.7f : 0.45f) + 0.01f * c;
+    k[c] = -2.5f + c;
+  }
+  std::vector<float> y0(n), y1(n);
+  kx::quantize_f32_portable(x0.data(), y0.data(), n, channels, s.data(), -128, 127, 0);
+  kx::quantize_f32_avx512(x0.data(), y1.data(), n, channels, s.data(), -128, 127, 0);
+  EXPECT_TRUE(same_bits(y0, y1));
+  kx::quantize_f32_portable(x0.data(), y0.data(), n, channels, s.data(), -5, 9, 3);
+  kx::quantize_f32_avx512(x0.data(), y1.data(), n, channels, s.data(), -5, 9, 3);
+  EXPECT_TRUE(same_bits(y0, y1));
+  kx::dequantize_f32_portable(x0.data(), y0.data(), n, channels, s.data(), -128);
+  kx::dequantize_f32_avx512(x0.data(), y1.data(), n, channels, s.data(), -128);
+  EXPECT_TRUE(same_bits(y0, y1));
+  kx::sum_requant_f32_portable(x0.data(), x1.data(), y0.data(), n, channels, s.data(), b.data(),
+                               k.data(), 130);
+  kx::sum_requant_f32_avx512(x0.data(), x1.data(), y1.data(), n, channels, s.data(), b.data(),
+                             k.data(), 130);
+  EXPECT_TRUE(same_bits(y0, y1));
+}
+
+INSTANTIATE_TEST_SUITE_P(ChannelCounts, Int8KernelIsaTest,
+                         ::testing::Values(1, 3, 5, 16, 24, 64, 67));
+
+}  // namespace
+}  // namespace kovra_test
