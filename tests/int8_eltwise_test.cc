@@ -177,6 +177,113 @@ TEST_P(EltwiseActivationTest, RealValuedPathPerChannel) {
 INSTANTIATE_TEST_SUITE_P(AllBranches, EltwiseActivationTest, ::testing::ValuesIn(kActivations),
                          [](const auto& info) { return std::string(info.param.name); });
 
+TEST(EltwiseMulInt8Test, HandWorkedProductsWithShiftedBounds) {
+  OneOpModel m("Z40EltwiseMulInt8", 2);
+  set_attr_i(m.node(), "input0_offset", 1);
+  set_attr_i(m.node(), "input1_offset", -2);
+  set_attr_floats(m.node(), "OUTPUTSCALE", {0.5f});
+  set_attr_i(m.node(), "offset", 3);
+  set_attr_i(m.node(), "maxValue", 100);
+  set_attr_i(m.node(), "minValue", -10);
+  Tensor x0 = make_tensor({1, 1, 5, 1}, {3, 2, -1, 100, -40});
+  Tensor x1 = make_tensor({1, 1, 5, 1}, {5, 5, 7, 100, 12});
+  // 4*3*0.5+3 = 9; 3*3*0.5+3 = 7.5 -> 8; 0 -> 3; 4952 -> 103; -192 -> -7 (minValue + offset).
+  EXPECT_EQ(m.run({&x0, &x1}), (std::vector<float>{9, 8, 3, 103, -7}));
+}
+
+TEST(EltwiseMulInt8Test, ShortSecondInputRepeatsPerChannel) {
+  OneOpModel m("Z40EltwiseMulInt8", 2);
+  set_attr_i(m.node(), "input0_offset", 0);
+  set_attr_i(m.node(), "input1_offset", 0);
+  set_attr_floats(m.node(), "OUTPUTSCALE", {1.0f, 0.25f});
+  set_attr_i(m.node(), "maxValue", 127);
+  set_attr_i(m.node(), "minValue", -128);
+  Tensor x0 = make_tensor({1, 1, 3, 2}, {1, 2, 3, 4, 5, 6});
+  Tensor x1 = make_tensor({2}, {2, 3});
+  // channel 0: x * 2; channel 1: x * 3 * 0.25 (1.5 -> 2, 3, 4.5 -> 4).
+  EXPECT_EQ(m.run({&x0, &x1}), (std::vector<float>{2, 2, 6, 3, 10, 4}));
+}
+
+TEST(MaxInt8Test, LargerOfTheRequantizedInputs) {
+  OneOpModel m = sum_model("Z40MaxInt8", {{0.5f}, {0.25f}, {2.0f}, 1, -2, 3, 100, -10});
+  Tensor x0 = make_tensor({1, 1, 4, 1}, {10, -5, -50, 200});
+  Tensor x1 = make_tensor({1, 1, 4, 1}, {4, 9, -50, 0});
+  // max(11, 1) + 3 = 14; max(-4, 3.5) + 3 = 6.5 -> 6; -23 -> -7; 204 -> 103.
+  EXPECT_EQ(m.run({&x0, &x1}), (std::vector<float>{14, 6, -7, 103}));
+}
+
+struct UnaryCase {
+  const char* op;
+  std::function<double(double)> f;
+};
+
+const UnaryCase kUnary[] = {
+    {"Z40SigmoidInt8", [](double y) { return 1.0 / (firmware_exp_reference(-y) + 1.0); }},
+    {"Z40TanhInt8", [](double y) { return 2.0 / (firmware_exp_reference(-2.0 * y) + 1.0) - 1.0; }},
+};
+
+class UnaryActivationTest : public ::testing::TestWithParam<UnaryCase> {};
+
+TEST_P(UnaryActivationTest, PerChannelScalesClampThenOffset) {
+  const std::vector<float> in_scale = {0.05f, 0.013f, 0.11f}, out_scale = {127.0f, 300.0f, 64.5f};
+  OneOpModel m(GetParam().op, 1);
+  set_attr_floats(m.node(), "INPUTSCALE", in_scale);
+  set_attr_floats(m.node(), "OUTPUTSCALE", out_scale);
+  set_attr_i(m.node(), "maxValue", 127);
+  set_attr_i(m.node(), "minValue", -100);
+  set_attr_i(m.node(), "input_offset", 4);
+  set_attr_i(m.node(), "offset", -7);
+  std::vector<float> codes;
+  for (int v = -128; v < 128; v += 3) codes.push_back(static_cast<float>(v));
+  while (codes.size() % 3) codes.push_back(0.0f);
+  Tensor x = make_tensor({1, 1, static_cast<int>(codes.size() / 3), 3}, codes);
+  const std::vector<float> got = m.run({&x});
+  for (size_t i = 0; i < codes.size(); ++i) {
+    const size_t c = i % 3;
+    const float y = (4.0f + codes[i]) * in_scale[c];
+    float q = std::nearbyint(static_cast<float>(GetParam().f(y)) * out_scale[c]);
+    q = std::max(std::min(q, 127.0f), -100.0f);
+    EXPECT_EQ(got[i], -7.0f + q) << GetParam().op << " " << i;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(SigmoidAndTanh, UnaryActivationTest, ::testing::ValuesIn(kUnary));
+
+TEST(UnaryActivationTest, HandWorkedSigmoidAtZero) {
+  OneOpModel m("Z40SigmoidInt8", 1);
+  set_attr_floats(m.node(), "INPUTSCALE", {0.1f});
+  set_attr_floats(m.node(), "OUTPUTSCALE", {101.0f});
+  set_attr_i(m.node(), "maxValue", 127);
+  set_attr_i(m.node(), "minValue", -128);
+  set_attr_i(m.node(), "input_offset", 5);
+  set_attr_i(m.node(), "offset", -50);
+  // -5 + 5 = 0: sigmoid 0.5 * 101 = 50.5 -> 50, plus the offset -50.
+  Tensor x = make_tensor({1, 1, 1, 1}, {-5});
+  EXPECT_EQ(m.run({&x}), (std::vector<float>{0}));
+}
+
+TEST(BatchNormScaleInt8Test, PerChannelAffineClampedAboveOnly) {
+  OneOpModel m("Z40BatchNormScaleInt8", 1);
+  set_attr_floats(m.node(), "scale", {0.5f, 2.0f});
+  set_attr_floats(m.node(), "bias", {1.0f, -3.0f});
+  set_attr_i(m.node(), "offset", 10);
+  set_attr_i(m.node(), "maxValue", 20);
+  Tensor x = make_tensor({1, 1, 3, 2}, {3, 4, 100, 100, -100, -1});
+  // 2.5 -> 2; 5; 51 -> 20; 197 -> 20; -49 (no lower bound); -5; each plus 10.
+  EXPECT_EQ(m.run({&x}), (std::vector<float>{12, 15, 30, 30, -39, 5}));
+}
+
+TEST(PowInt8Test, DoublePowerOfTheFirstExponentWithoutRounding) {
+  OneOpModel m("Z40PowInt8", 2);
+  Tensor x = make_tensor({1, 1, 1, 4}, {2, -3, 0.5f, 5});
+  Tensor e = make_tensor({2}, {3, 9});
+  EXPECT_EQ(m.run({&x, &e}), (std::vector<float>{8, -27, 0.125f, 125}));
+  Tensor half = make_tensor({1}, {0.5f});
+  const std::vector<float> roots = m.run({&x, &half});
+  EXPECT_EQ(roots[0], static_cast<float>(std::sqrt(2.0)));
+  EXPECT_TRUE(std::isnan(roots[1]));
+}
+
 // The vector kernels against the straightforward loops, bit for bit, on
 // values that include ties, negative zero, tiny negatives and non-finite ones.
 std::vector<float> kernel_data(int n, unsigned seed) {

@@ -15,7 +15,7 @@ NodeDef full_node(const std::string& op) {
   n.set_name("n");
   n.set_op(op);
   for (const char* key : {"QSCALE", "DEQSCALE", "INPUTSCALE", "INPUT0SCALE", "INPUT1SCALE",
-                          "OUTPUTSCALE", "POOLSCALE"}) {
+                          "OUTPUTSCALE", "POOLSCALE", "scale", "bias"}) {
     set_attr_floats(&n, key, {1.0f});
   }
   for (const char* key : {"offset", "input_offset", "input0_offset", "input1_offset", "maxValue",
@@ -62,6 +62,30 @@ const MissingCase kMissing[] = {
     {"Z40EltwiseAddInt8", "OUTPUTSCALE", "Do not find the OUTPUTSCALE in Z40EltwiseAddInt8!!!"},
     {"Z40EltwiseSubInt8", "INPUT1SCALE", "Do not find the INPUT1SCALE in Z40EltwiseSubInt8!!!"},
     {"Z40EltwiseSubInt8", "OUTPUTSCALE", "Do not find the OUTPUTSCALE in Z40EltwiseSubInt8!!!"},
+    {"Z40EltwiseMulInt8", "input0_offset",
+     "Do not find the input0_offset in Z40EltwiseMulInt8!!!"},
+    {"Z40EltwiseMulInt8", "input1_offset",
+     "Do not find the input1_offset in Z40EltwiseMulInt8!!!"},
+    {"Z40EltwiseMulInt8", "maxValue", "Do not find the maxValue in Z40EltwiseMulInt8!!!"},
+    {"Z40EltwiseMulInt8", "minValue", "Do not find the minValue in Z40EltwiseMulInt8!!!"},
+    {"Z40EltwiseMulInt8", "OUTPUTSCALE", "Do not find the OUTPUTSCALE in Z40EltwiseMulInt8!!!"},
+    {"Z40MaxInt8", "INPUT0SCALE", "Do not find the INPUT0SCALE in Z40MaxInt8!!!"},
+    {"Z40MaxInt8", "minValue", "Do not find the minValue in Z40MaxInt8!!!"},
+    {"Z40SigmoidInt8", "INPUTSCALE", "Do not find the INPUTSCALE in Z40SigmoidInt8!!!"},
+    {"Z40SigmoidInt8", "OUTPUTSCALE", "Do not find the OUTPUTSCALE in Z40SigmoidInt8!!!"},
+    {"Z40SigmoidInt8", "maxValue", "Do not find the maxValue in Z40SigmoidInt8!!!"},
+    {"Z40SigmoidInt8", "minValue", "Do not find the minValue in Z40SigmoidInt8!!!"},
+    {"Z40SigmoidInt8", "input_offset", "Do not find the input_offset in Z40SigmoidInt8!!!"},
+    {"Z40SigmoidInt8", "offset", "Do not find the offset in Z40SigmoidInt8!!!"},
+    {"Z40TanhInt8", "INPUTSCALE", "Do not find the INPUTSCALE in Z40TanhInt8!!!"},
+    {"Z40TanhInt8", "offset", "Do not find the offset in Z40TanhInt8!!!"},
+    {"Z40BatchNormScaleInt8", "bias", "Do not find the bias in Z40BatchNormScaleInt8!!!"},
+    {"Z40BatchNormScaleInt8", "scale", "Do not find the scale in Z40BatchNormScaleInt8!!!"},
+    {"Z40BatchNormScaleInt8", "offset", "Do not find the offset in Z40BatchNormScaleInt8!!!"},
+    {"Z40BatchNormScaleInt8", "maxValue", "Do not find the maxValue in Z40BatchNormScaleInt8!!!"},
+    {"Z40ChannelShuffleInt8", "groups", "Do not find the groups in Z40ChannelShuffleInt8!!!"},
+    {"Z40ChannelShuffleInt8", "INPUTSCALE",
+     "Do not find the INPUT1SCALE in Z40ChannelShuffleInt8!!!"},
 };
 
 class MissingAttributeTest : public ::testing::TestWithParam<MissingCase> {};
@@ -109,6 +133,29 @@ const ShapeCase kShapes[] = {
     {"Z40EltwiseAddInt8", {{1, 2}}, "inputs.size() >= 2",
      "Z40EltwiseAddInt8 needs 2 inputs but has 1"},
     {"Z40Quantize", {}, "inputs.size() >= 1", "Z40Quantize needs 1 inputs but has 0"},
+    {"Z40CloneInt8", {{1, 2, 3}}, "input_tensor->shape().size() == 4",
+     "Wrong input shape in Z40CloneInt8!!!"},
+    {"Z40BatchNormScaleInt8", {{1, 2}}, "input_tensor->shape().size() == 4",
+     "Wrong input shape in z40 batch norm!!!"},
+    {"Z40ChannelShuffleInt8", {{1, 2, 3}}, "input_tensor->shape().size() == 4",
+     "Wrong input_shape in channel shuffle!!!"},
+    {"Z40MaxInt8", {{1, 2, 3}, {1, 2, 3}}, "input_tensor->shape().size() == 4",
+     "Wrong input shape in Z40MaxInt8."},
+    {"Z40EltwiseMulInt8", {{1, 2}, {1, 2}, {1, 2}}, "", "Unspport input size :3in Z40EltwiseMulInt8."},
+    {"Z40EltwiseMulInt8", {{1, 2}}, "", "Unspport input size :1in Z40EltwiseMulInt8."},
+    {"Z40EltwiseMulInt8", {{}, {1}}, "input_tensor->shape().size() > 0",
+     "The shape of input is 0 in Z40EltwiseMulInt8!!!"},
+    {"Z40LeakyReluInt8", {{}}, "input_tensor->shape().size() > 0",
+     "The shape of input is 0 in Z40LeakyReluInt8!!!"},
+    {"Z40FlattenInt8", {{}}, "input_tensor->shape().size() > 0",
+     "The shape of input is 0 in Z40FlattenInt8!!!"},
+    {"Z40SigmoidInt8", {{}}, "input_tensor->shape().size() > 0",
+     "The shape of input is 0 in Z40SigmoidInt8!!!"},
+    {"Z40TanhInt8", {{}}, "input_tensor->shape().size() > 0",
+     "The shape of input is 0 in Z40TanhInt8!!!"},
+    {"Z40PowInt8", {{}, {1}}, "input_tensor->shape().size() > 0",
+     "The shape of input is 0 in Z40PowInt8!!!"},
+    {"Z40PowInt8", {{1, 2}}, "inputs.size() >= 2", "Z40PowInt8 needs 2 inputs but has 1"},
 };
 
 class ShapeCheckTest : public ::testing::TestWithParam<ShapeCase> {};
@@ -141,6 +188,8 @@ struct ExecuteCase {
   std::vector<std::vector<int>> shapes;
   const char* condition;
   const char* message;
+  const char* int_key = nullptr;  // an integer attribute set differently
+  int int_value = 0;
 };
 
 const ExecuteCase kExecute[] = {
@@ -152,6 +201,22 @@ const ExecuteCase kExecute[] = {
      "Z40EltwiseAddInt8: attribute INPUT0SCALE has 1 values, needs 2"},
     {"Z40EltwiseAddInt8", {{1, 1, 4, 1}, {1, 1, 2, 1}}, "tensor->size() >= 4",
      "Z40EltwiseAddInt8: t1 has 2 elements, needs 4"},
+    {"Z40EltwiseMulInt8", {{1, 1, 1, 2}, {1}}, "values.size() >= 2",
+     "Z40EltwiseMulInt8: attribute OUTPUTSCALE has 1 values, needs 2"},
+    {"Z40EltwiseMulInt8", {{1, 1, 1, 1}, {0}}, "tensor->data_type() == DT_FLOAT",
+     "Z40EltwiseMulInt8 reads t1 as float but it holds type 0"},
+    {"Z40MaxInt8", {{1, 1, 2, 1}, {1, 1, 1, 1}}, "tensor->size() >= 2",
+     "Z40MaxInt8: t1 has 1 elements, needs 2"},
+    {"Z40SigmoidInt8", {{1, 1, 1, 3}}, "values.size() >= 3",
+     "Z40SigmoidInt8: attribute INPUTSCALE has 1 values, needs 3"},
+    {"Z40BatchNormScaleInt8", {{1, 1, 1, 2}}, "values.size() >= 2",
+     "Z40BatchNormScaleInt8: attribute scale has 1 values, needs 2"},
+    {"Z40PowInt8", {{1, 2}, {0}}, "tensor->data_type() == DT_FLOAT",
+     "Z40PowInt8 reads t1 as float but it holds type 0"},
+    {"Z40ChannelShuffleInt8", {{1, 1, 1, 6}}, "channels % groups == 0",
+     "Z40ChannelShuffleInt8: 6 channels in 4 groups", "groups", 4},
+    {"Z40ChannelShuffleInt8", {{1, 1, 1, 6}}, "channels % groups == 0",
+     "Z40ChannelShuffleInt8: 6 channels in 0 groups", "groups", 0},
 };
 
 class ExecuteCheckTest : public ::testing::TestWithParam<ExecuteCase> {};
@@ -159,12 +224,16 @@ class ExecuteCheckTest : public ::testing::TestWithParam<ExecuteCase> {};
 TEST_P(ExecuteCheckTest, AbortsBeforeReadingOutOfBounds) {
   const ExecuteCase& c = GetParam();
   auto op = make_op(c.op);
-  op->parse_parameter(full_node(c.op));
+  NodeDef node = full_node(c.op);
+  if (c.int_key != nullptr) set_attr_i(&node, c.int_key, c.int_value);
+  op->parse_parameter(node);
   std::vector<Tensor> tensors;
   for (size_t i = 0; i < c.shapes.size(); ++i) {
     int n = 1;
     for (int d : c.shapes[i]) n *= d;
-    tensors.push_back(make_tensor(c.shapes[i], std::vector<float>(n, 1.0f), "t" + std::to_string(i)));
+    // A tensor without elements cannot be allocated; an empty one stands in.
+    tensors.push_back(n == 0 ? Tensor() : make_tensor(c.shapes[i], std::vector<float>(n, 1.0f)));
+    tensors.back().set_name("t" + std::to_string(i));
   }
   std::vector<const Tensor*> inputs;
   for (const Tensor& t : tensors) inputs.push_back(&t);

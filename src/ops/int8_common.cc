@@ -1,5 +1,7 @@
 #include "ops/int8_common.h"
 
+#include <algorithm>
+
 #include "common.h"
 #include "op_attr.h"
 #include "ops/op_checks.h"
@@ -47,6 +49,17 @@ void check_rank_3_to_5(const Tensor* input, const std::string& op) {
   if (rank < 3 || rank > 5) {
     fatal("\"The shape of input only support 3D ,4D or 5D in " + op + "!!!\"");
   }
+}
+
+void check_rank_4(const Tensor* input, const std::string& message) {
+  op_check(input->shape().size() == 4, "input_tensor->shape().size() == 4", message);
+}
+
+void copy_codes(const Tensor* input, Tensor* output, const std::string& op) {
+  check_min_size(output, input->size(), op);
+  const float* x = input->data<float>();
+  float* y = output->mutable_data<float>();
+  std::copy(x, x + input->size(), y);
 }
 
 void check_per_channel(const std::vector<float>& values, int channels, const std::string& key,

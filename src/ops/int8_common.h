@@ -32,6 +32,13 @@ const Tensor* first_input(const std::vector<const Tensor*>& inputs, const std::s
 // Quantize and dequantize take channels-last tensors of rank 3, 4 or 5 only.
 void check_rank_3_to_5(const Tensor* input, const std::string& op);
 
+// The rank check of operators that take 4-D activations only:
+// "input_tensor->shape().size() == 4" with `message`.
+void check_rank_4(const Tensor* input, const std::string& message);
+
+// Operators that pass codes through unchanged copy them element for element.
+void copy_codes(const Tensor* input, Tensor* output, const std::string& op);
+
 // A per-channel attribute must cover every channel before the loop reads it.
 void check_per_channel(const std::vector<float>& values, int channels, const std::string& key,
                        const std::string& op);

@@ -1,5 +1,8 @@
 #include "support/int8_graph.h"
 
+#include <cmath>
+#include <cstdlib>
+
 namespace kovra_test {
 
 namespace {
@@ -23,6 +26,20 @@ std::vector<float> OneOpModel::run(const std::vector<const Tensor*>& inputs,
     named.emplace_back(input_name(i), inputs[i]);
   }
   return run_graph(graph_, named, "op", shape);
+}
+
+double firmware_exp_reference(double x) {
+  const int n = static_cast<int>(x);
+  const double f = x - n;
+  double en = 1.0;
+  for (int i = 0; i < std::abs(n); ++i) en *= 2.718281828459045;
+  if (n < 0) en = 1.0 / en;
+  double ef = 0.0, factorial = 1.0;
+  for (int k = 0; k <= 9; ++k) {
+    if (k > 0) factorial *= k;
+    ef += std::pow(f, k) / factorial;
+  }
+  return en * ef;
 }
 
 std::unique_ptr<kovra::trenkit::kovraexecutor::OpExecutor> make_op(const std::string& op) {

@@ -26,6 +26,10 @@ class OneOpModel {
   int num_inputs_;
 };
 
+// e^x as the accelerator computes it, written out independently of the
+// library: e^n by |n| products of e, e^f by ten terms of the Taylor series.
+double firmware_exp_reference(double x);
+
 // An executor of `op` made through the registry, for calling its steps directly.
 std::unique_ptr<kovra::trenkit::kovraexecutor::OpExecutor> make_op(const std::string& op);
 
