@@ -168,7 +168,8 @@ TEST_P(ShapeCheckTest, AbortsWithTheOperatorsMessage) {
   for (const auto& shape : c.shapes) {
     int n = 1;
     for (int d : shape) n *= d;
-    tensors.push_back(make_tensor(shape, std::vector<float>(shape.empty() ? 0 : n, 1.0f)));
+    // A rank-0 tensor holds no buffer at all.
+    tensors.push_back(shape.empty() ? Tensor() : make_tensor(shape, std::vector<float>(n, 1.0f)));
   }
   std::vector<const Tensor*> inputs;
   for (const Tensor& t : tensors) inputs.push_back(&t);
