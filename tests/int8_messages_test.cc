@@ -86,6 +86,36 @@ const MissingCase kMissing[] = {
     {"Z40ChannelShuffleInt8", "groups", "Do not find the groups in Z40ChannelShuffleInt8!!!"},
     {"Z40ChannelShuffleInt8", "INPUTSCALE",
      "Do not find the INPUT1SCALE in Z40ChannelShuffleInt8!!!"},
+    {"Z40AvgPoolInt8", "ksize", "Do not find the ksize in Z40AvgPoolInt8!!!"},
+    {"Z40AvgPoolInt8", "maxValue", "Do not find the maxValue in Z40AvgPoolInt8!!!"},
+    {"Z40AvgPoolInt8", "minValue", "Do not find the minValue in Z40AvgPoolInt8!!!"},
+    {"Z40MaxPoolInt8", "ksize", "Do not find the ksize in Z40MaxPoolInt8!!!"},
+    {"Z40MaxPoolInt8", "maxValue", "Do not find the maxValue in Z40MaxPoolInt8!!!"},
+    {"Z40GlobalAvgPoolInt8", "maxValue", "Do not find the maxValue in Z40GlobalAvgPoolInt8!!!"},
+    {"Z40GlobalAvgPoolInt8", "minValue", "DO not find the minValue in Z40GlobalAvgPoolInt8!!!"},
+    {"Z40GlobalAvgPoolInt8", "POOLSCALE", "Do not find the POOLSCALE in Z40GlobalAvgPoolInt8!!!"},
+    {"Z40ResizeBilinearInt8", "wh_scale", "Do not find the wh_scale in Z40ResizeBilinearInt8!!!"},
+    {"Z40ResizeBilinearInt8", "maxValue", "Do not find the maxValue in Z40EltwiseMulInt8!!!"},
+    {"Z40ResizeBilinearInt8", "minValue", "Do not find the minValue in Z40ResizeBilinearInt8!!!"},
+    {"Z40ResizeBilinearInt8", "offset", "Do not find the offset in Z40ResizeBilinearInt8!!!"},
+    {"Z40ResizeNearestNeighborInt8", "wh_scale",
+     "Do not find the wh_scale in Z40ResizeNearestNeighborInt8!!!"},
+    {"Z40Unpool2DInt8", "kernel_size", "Do not find the kernel_size in Z40Unpool2DInt8!!!"},
+    {"Z40ConcatInt8", "maxValue", "Do not find the maxValue in Z40ConcatInt8!!!"},
+    {"Z40ConcatInt8", "minValue", "Do not find the minValue in Z40ConcatInt8!!!"},
+    {"Z40ConcatInt8", "offset", "Do not find the offset in Z40ConcatInt8!!!"},
+    {"Z40ConcatInt8", "input_offset", "Do not find the input_offset in Z40ConcatInt8!!!"},
+    {"Z40ConcatInt8", "QSCALE", "Do not find the QSCALE in Z40ConcatInt8!!!"},
+    {"Z40ConcatInt8", "DEQSCALE", "Do not find the DEQSCALE in Z40ConcatInt8!!!"},
+    {"Z40PadInt8", "pads", "Do not find the pads in Z40PadInt8!!!"},
+    {"Z40SliceInt8", "output_shape", "Do not find the output_shape in Z40SliceInt8!!!"},
+    {"Z40SliceInt8", "starts", "Do not find the starts in Z40SliceInt8!!!"},
+    {"Z40SliceInt8", "ends", "Do not find the ends in Z40SliceInt8!!!"},
+    {"Z40TransposeInt8", "perm", "Do not find the perm in Z40TransposeInt8!!!"},
+    {"Z40TransposeInt8", "output_shape", "Do not find the output_shape in Z40TransposeInt8!!!"},
+    {"Z40ReshapeInt8", "output_shape", "Do not find the strides in Z40ReshapeInt8!!!"},
+    {"Z40SpaceToDepthInt8", "output_shape",
+     "Do not find the output_shape in Z40SpaceToDepthInt8!!!"},
 };
 
 class MissingAttributeTest : public ::testing::TestWithParam<MissingCase> {};
@@ -156,6 +186,33 @@ const ShapeCase kShapes[] = {
     {"Z40PowInt8", {{}, {1}}, "input_tensor->shape().size() > 0",
      "The shape of input is 0 in Z40PowInt8!!!"},
     {"Z40PowInt8", {{1, 2}}, "inputs.size() >= 2", "Z40PowInt8 needs 2 inputs but has 1"},
+    {"Z40AvgPoolInt8", {{1, 2, 2}}, "input_tensor->shape().size() == 4",
+     "Wrong input shape in Z40AvgPoolInt8!!!"},
+    {"Z40MaxPoolInt8", {{1, 2, 2}}, "input_tensor->shape().size() == 4",
+     "Wrong input shape in Z40MaxPoolInt8!!!"},
+    {"Z40GlobalAvgPoolInt8", {{1, 2}}, "input_tensor->shape().size() == 3 || 4",
+     "Wrong input shape in Z40GlobalAvgPoolInt8!!!"},
+    {"Z40ResizeBilinearInt8", {{1, 2, 2}}, "input_tensor->shape().size() == 4",
+     "Wrong input shape in Z40ResizeBilinearInt8!!!"},
+    {"Z40ResizeNearestNeighborInt8", {{2, 2}}, "input_tensor->shape().size() == 4",
+     "Wrong input shape in Z40ResizeNearestNeighborInt8!!!"},
+    {"Z40Unpool2DInt8", {{2, 2}}, "input_tensor->shape().size() == 4",
+     "Wrong input shape in Z40Unpool2DInt8!!!"},
+    {"Z40SpaceToDepthInt8", {{2, 2}}, "input_tensor->shape().size() == 4",
+     "Wrong input shape in Z40SpaceToDepthInt8!!!"},
+    {"Z40ConcatInt8", {{1, 1, 1, 2}}, "inputs.size() > 1",
+     "Z40ConcatInt8 operator inputs must greater than 1."},
+    {"Z40PadInt8", {{1, 2, 2}}, "input_tensor->shape().size() == 4 || input_tensor->shape().size() == 5",
+     "The shape of input only support 4D or 5D in Z40PadInt8!!!"},
+    {"Z40PadInt8", {{1, 1, 1, 1}}, "op_param_->pads.size() == 2 * rank",
+     "The model only support constant in Z40PadInt8!!!"},
+    {"Z40SliceInt8", {{1, 2, 2}},
+     "input_tensor->shape().size() == 4 || input_tensor->shape().size() == 5",
+     "The shape of input only support  4D or 5D  in Z40SliceInt8!!!"},
+    {"Z40ReshapeInt8", {{1, 2, 2, 2}}, "product(output_shape) == input->size()",
+     "Z40ReshapeInt8: output_shape does not hold the input's 8 elements"},
+    {"Z40TransposeInt8", {{1, 2, 2, 2}}, "is_permutation(perm, rank)",
+     "Z40TransposeInt8: perm is not a permutation of the input's 4 axes"},
 };
 
 class ShapeCheckTest : public ::testing::TestWithParam<ShapeCase> {};
@@ -218,6 +275,10 @@ const ExecuteCase kExecute[] = {
      "Z40ChannelShuffleInt8: 6 channels in 4 groups", "groups", 4},
     {"Z40ChannelShuffleInt8", {{1, 1, 1, 6}}, "channels % groups == 0",
      "Z40ChannelShuffleInt8: 6 channels in 0 groups", "groups", 0},
+    {"Z40ConcatInt8", {{1, 2, 3}, {1, 2, 3}}, "output_shape.size() > 3",
+     "Wrong output shape in concat."},
+    {"Z40GlobalAvgPoolInt8", {{1, 2, 2, 3}}, "values.size() >= 3",
+     "Z40GlobalAvgPoolInt8: attribute POOLSCALE has 1 values, needs 3"},
 };
 
 class ExecuteCheckTest : public ::testing::TestWithParam<ExecuteCase> {};
@@ -247,6 +308,61 @@ TEST_P(ExecuteCheckTest, AbortsBeforeReadingOutOfBounds) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Int8Operators, ExecuteCheckTest, ::testing::ValuesIn(kExecute));
+
+// Attribute values the operators refuse, at parse time or when shaping.
+struct BadValueCase {
+  const char* op;
+  std::vector<int> shape;
+  const char* key;
+  std::vector<int> list;    // an integer list for `key`, or
+  const char* text;         // a string for `key`
+  const char* condition;
+  const char* message;
+};
+
+const BadValueCase kBadValues[] = {
+    {"Z40AvgPoolInt8", {1, 2, 2, 1}, "ksize", {1, 2}, nullptr, "op_param_->ksize.size() > 2",
+     "Wrong kernel size in Z40AvgPoolInt8!!!"},
+    {"Z40AvgPoolInt8", {1, 2, 2, 1}, "strides", {1, 2}, nullptr, "op_param_->strides.size() > 2",
+     "Wrong strides size in Z40AvgPoolInt8!!!"},
+    {"Z40MaxPoolInt8", {1, 2, 2, 1}, "ksize", {2}, nullptr, "op_param_->ksize.size() > 2",
+     "Wrong kernel size in Z40MaxPoolInt8!!!"},
+    {"Z40AvgPoolInt8", {1, 2, 2, 1}, "padding", {}, "FULL", "false", "Worng padding type."},
+    {"Z40MaxPoolInt8", {1, 2, 2, 1}, "ksize", {1, 5, 5, 1}, nullptr, "kernel <= padded input",
+     "Z40MaxPoolInt8: the window is larger than the padded input"},
+    {"Z40PadInt8", {1, 2, 2, 1}, "mode", {}, "reflect", "op_param_->mode == \"constant\"",
+     "The mode only support constant in Z40PadInt8!!!"},
+    {"Z40SliceInt8", {1, 2, 2, 1}, "ends", {1, 1, 1, 1}, nullptr, "slice extent > 0",
+     "Z40SliceInt8: empty slice on axis 0"},
+    {"Z40Unpool2DInt8", {1, 2, 2, 1}, "kernel_size", {2, 0}, nullptr,
+     "kernel_size == [kernel_h, kernel_w] > 0",
+     "Z40Unpool2DInt8: kernel_size is not two positive factors"},
+    {"Z40SpaceToDepthInt8", {1, 2, 2, 1}, "output_shape", {1, 1, 1, 3}, nullptr,
+     "output_shape == space_to_depth(input_shape)",
+     "Z40SpaceToDepthInt8: output_shape does not fit the input by a square block"},
+};
+
+class BadValueTest : public ::testing::TestWithParam<BadValueCase> {};
+
+TEST_P(BadValueTest, AbortsWithTheOperatorsMessage) {
+  const BadValueCase& c = GetParam();
+  NodeDef node = full_node(c.op);
+  if (c.text != nullptr) {
+    set_attr_s(&node, c.key, c.text);
+  } else {
+    set_attr_ints(&node, c.key, c.list);
+  }
+  Tensor x = make_tensor(c.shape, std::vector<float>(c.shape[0] * c.shape[1] * c.shape[2] * c.shape[3], 1.0f));
+  auto run = [&] {
+    auto op = make_op(c.op);
+    op->parse_parameter(node);
+    std::vector<int> out;
+    op->inference_shape({&x}, out);
+  };
+  EXPECT_CHECK_FAILED(run(), c.condition, c.message);
+}
+
+INSTANTIATE_TEST_SUITE_P(Int8Operators, BadValueTest, ::testing::ValuesIn(kBadValues));
 
 }  // namespace
 }  // namespace kovra_test

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "common.h"
+#include "kvdl.h"
 #include "op_attr.h"
 #include "ops/op_checks.h"
 
@@ -60,6 +61,10 @@ void copy_codes(const Tensor* input, Tensor* output, const std::string& op) {
   const float* x = input->data<float>();
   float* y = output->mutable_data<float>();
   std::copy(x, x + input->size(), y);
+}
+
+void round_and_clamp(float* y, long long count, float lo, float hi) {
+  for (long long i = 0; i < count; ++i) y[i] = clamp_code(kvdl::tensorflow_round_cpu(y[i]), lo, hi);
 }
 
 void check_per_channel(const std::vector<float>& values, int channels, const std::string& key,

@@ -50,6 +50,9 @@ inline float clamp_code(float q, float lo, float hi) {
   return q;
 }
 
+// Rounds float results to codes in place, half to even, and clamps them.
+void round_and_clamp(float* y, long long count, float lo, float hi);
+
 // Code to output: clamp the rounded code, then add the zero point.
 inline float clamp_then_offset(float q, float lo, float hi, float offset) {
   return offset + clamp_code(q, lo, hi);

@@ -3,6 +3,7 @@
 
 #include "op_attr.h"
 #include "ops/int8_common.h"
+#include "ops/layout_kernels.h"
 #include "ops/op_checks.h"
 
 namespace kovra {
@@ -41,14 +42,8 @@ class Z40ChannelShuffleInt8OpExecutor : public OpExecutor {
     op_check(groups > 0 && channels % groups == 0, "channels % groups == 0",
              std::string(kName) + ": " + std::to_string(channels) + " channels in " +
                  std::to_string(groups) + " groups");
-    const int per_group = channels / groups;
-    const float* x = input->data<float>();
-    float* y = output->mutable_data<float>();
-    for (int base = 0, n = input->size(); base < n; base += channels) {
-      for (int g = 0; g < groups; ++g) {
-        for (int j = 0; j < per_group; ++j) y[base + j * groups + g] = x[base + g * per_group + j];
-      }
-    }
+    channel_shuffle_f32(input->data<float>(), output->mutable_data<float>(), input->shape(),
+                        groups);
     return true;
   }
 
