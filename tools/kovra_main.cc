@@ -10,13 +10,10 @@
 
 namespace {
 
-// The library reports an error with one line on standard output and then
-// aborts; that line is the tool's message, and the exit code says so, without
-// a core dump.
-extern "C" void on_abort(int) {
-  std::fflush(stdout);
-  _exit(kovra_tool::kExitModelError);
-}
+// The library reports an error with one line on standard output (flushed
+// before it aborts); that line is the tool's message, and the exit code says
+// so, without a core dump. Only async-signal-safe calls belong here.
+extern "C" void on_abort(int) { _exit(kovra_tool::kExitModelError); }
 
 }  // namespace
 
