@@ -16,10 +16,10 @@
 
 #include <benchmark/benchmark.h>
 
-#include "ops/activate.h"
-#include "ops/conv2d_cpu.h"
-#include "ops/dwconv2d_cpu.h"
-#include "ops/matmul_cpu.h"
+#include "ops/kernels/activate.h"
+#include "ops/kernels/conv2d_cpu.h"
+#include "ops/kernels/dwconv2d_cpu.h"
+#include "ops/kernels/matmul_cpu.h"
 #include "thread_pool.h"
 
 #ifdef KOVRA_HAVE_DNNL

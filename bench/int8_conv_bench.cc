@@ -12,8 +12,8 @@
 
 #include "graph_executor.h"
 #include "op_executor.h"
-#include "ops/conv2d_cpu.h"
-#include "ops/int8_dot_path.h"
+#include "ops/kernels/conv2d_cpu.h"
+#include "ops/kernels/int8_dot_path.h"
 #include "thread_pool.h"
 
 #ifdef KOVRA_HAVE_DNNL

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "op_executor.h"
-#include "ops/avx_common.h"
+#include "ops/kernels/avx_common.h"
 
 namespace kx = kovra::trenkit::kovraexecutor;
 

@@ -5,6 +5,10 @@
 
 #include "common.h"
 #include "encryption.h"
+#include "graph.h"
+#include "model_reader.h"
+#include "node_name_map.h"
+#include "op_executor.h"
 #include "thread_pool.h"
 
 #ifndef KOVRA_VERSION
@@ -78,6 +82,10 @@ void GraphExecutor::_common_init(DEVICE device) {
   end_name_.clear();
   set_device(device);
 }
+
+void GraphExecutor::set_inplace(bool inplace) { graph_->set_inplace(inplace); }
+
+bool GraphExecutor::inplace() const { return graph_->inplace(); }
 
 void GraphExecutor::set_device(DEVICE device) {
   if (static_cast<int32_t>(device) == device_) return;

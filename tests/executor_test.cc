@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "graph.h"
 #include "graph_executor.h"
 #include "support/test_ops.h"
 #include "support/test_util.h"

@@ -7,7 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "op_executor.h"
-#include "ops/avx_common.h"
+#include "ops/kernels/avx_common.h"
 #include "support/test_util.h"
 #include "thread_pool.h"
 

@@ -8,8 +8,8 @@
 #include <gtest/gtest.h>
 
 #include "op_executor.h"
-#include "ops/avx_common.h"
-#include "ops/gemm_f32.h"
+#include "ops/kernels/avx_common.h"
+#include "ops/kernels/gemm_f32.h"
 #include "support/test_util.h"
 
 namespace kovra_test {

@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
-#include "ops/activate_int8.h"
-#include "ops/z40_conv2d_int8_op_executor.h"
-#include "ops/z40_depthwise_conv2d_native_int8_op_executor.h"
-#include "ops/z40_mat_mul_int8_op_executor.h"
+#include "ops/kernels/activate_int8.h"
+#include "ops/int8/z40_conv2d_int8_op_executor.h"
+#include "ops/int8/z40_depthwise_conv2d_native_int8_op_executor.h"
+#include "ops/int8/z40_mat_mul_int8_op_executor.h"
 #include "support/int8_reference.h"
 
 namespace kovra_test {

@@ -5,9 +5,9 @@
 
 #include "graph_executor.h"
 #include "op_executor.h"
-#include "ops/avx_common.h"
-#include "ops/conv2d_int8.h"
-#include "ops/int8_dot_path.h"
+#include "ops/kernels/avx_common.h"
+#include "ops/kernels/conv2d_int8.h"
+#include "ops/kernels/int8_dot_path.h"
 #include "support/int8_reference.h"
 #include "support/test_util.h"
 

@@ -8,8 +8,8 @@
 
 #include <gtest/gtest.h>
 
-#include "ops/avx_common.h"
-#include "ops/int8_eltwise_kernels.h"
+#include "ops/kernels/avx_common.h"
+#include "ops/kernels/int8_eltwise_kernels.h"
 #include "support/int8_graph.h"
 
 namespace kovra_test {

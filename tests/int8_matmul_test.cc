@@ -3,8 +3,8 @@
 #include <random>
 
 #include "graph_executor.h"
-#include "ops/avx_common.h"
-#include "ops/int8_dot_path.h"
+#include "ops/kernels/avx_common.h"
+#include "ops/kernels/int8_dot_path.h"
 #include "support/int8_reference.h"
 #include "support/test_util.h"
 

@@ -6,6 +6,7 @@
 #include <set>
 
 #include "commands.h"
+#include "graph.h"
 #include "graph_executor.h"
 #include "input_loader.h"
 #include "model_file.h"

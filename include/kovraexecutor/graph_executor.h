@@ -1,0 +1,95 @@
+#ifndef KOVRAEXECUTOR_GRAPH_EXECUTOR_H_
+#define KOVRAEXECUTOR_GRAPH_EXECUTOR_H_
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "lite/proto/graph_def.pb.h"
+#include "tensor.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+using ::kovra::trenkit::GraphDef;
+using ::kovra::trenkit::NodeDef;
+
+class Graph;
+class NodeNameMap;
+class OpExecutor;
+
+enum DEVICE { CPU = 0, GPU = 1 };
+
+// The public entry point: translates a model into a graph, takes input
+// tensors, runs the graph or a part of it and hands out tensors by node name.
+class GraphExecutor {
+ public:
+  // Reads (and deciphers) the model at `model_path`.
+  GraphExecutor(const std::string& model_path, DEVICE device);
+  // Uses the caller's model, which must outlive the executor.
+  GraphExecutor(const GraphDef* graph_def, DEVICE device);
+  GraphExecutor(const GraphDef* graph_def, const std::map<std::string, Tensor*>& inputs,
+                DEVICE device);
+  ~GraphExecutor();
+  GraphExecutor(const GraphExecutor&) = delete;
+  GraphExecutor& operator=(const GraphExecutor&) = delete;
+
+  void set_device(DEVICE device);
+  DEVICE device() const { return static_cast<DEVICE>(device_); }
+  void set_inplace(bool inplace);
+  bool inplace() const;
+  // Threads used by the tiled convolutions, process-wide; results never depend on it.
+  static void set_num_threads(int threads);
+  static int num_threads();
+
+  void set_input(Tensor* tensor);
+  void set_input(const std::string& name, Tensor* tensor);
+  void set_inputs(const std::map<std::string, Tensor*>& inputs);
+  bool work(const std::vector<std::string>& start_names = {}, const std::string& end_name = "");
+
+  const Tensor* get_output_tensor(const std::string& name) const;
+  Tensor* get_mutable_output_tensor(const std::string& name) const;
+  const Tensor* get_node_tensor(const std::string& name) const;
+  Tensor* get_mutable_node_tensor(const std::string& name) const;
+  const std::vector<const Tensor*>& get_node_weights(const std::string& name) const;
+  OpExecutor* get_op_executor(const std::string& name) const;
+  std::vector<std::string> get_input_names() const;
+  std::vector<std::string> get_output_names() const;
+  std::vector<float> get_node_float_data(const Tensor* tensor) const;
+  void update_graph();
+
+  const NodeNameMap* node_name_map() const { return node_name_map_; }
+  Graph* graph() const { return graph_; }
+  const GraphDef* graph_def() const { return graph_def_; }
+
+  // No accelerator in this build: each of these stops the process.
+  void query_gpu_device();
+  void check_gpu_device(int id);
+  void find_gpu_device(int id);
+  void set_gpu_device(int id);
+
+ private:
+  void _common_init(DEVICE device);
+  void _ir_graph_initialize(const GraphDef* graph_def);
+  std::string _get_target_device(const GraphDef* graph_def) const;
+  void _parse_node_weight(const NodeDef& const_node, Tensor* weight);
+  void _pre_run(const std::vector<std::string>& start_names, const std::string& end_name);
+
+  int32_t device_ = -1;
+  Graph* graph_ = nullptr;
+  std::vector<std::string> start_names_;
+  std::string end_name_;
+  const GraphDef* graph_def_ = nullptr;
+  bool own_graph_def_ = false;
+  NodeNameMap* node_name_map_ = nullptr;
+  std::string target_device_;
+  // Views of each node's weights as const tensors, for get_node_weights.
+  mutable std::map<std::string, std::vector<const Tensor*>> weight_views_;
+};
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+#endif  // KOVRAEXECUTOR_GRAPH_EXECUTOR_H_

@@ -1,0 +1,47 @@
+#include "ops/float/float_shape_checks.h"
+
+#include "ops/common/op_checks.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+long long element_count(const std::vector<int>& shape) {
+  long long count = 1;
+  for (int d : shape) count *= d;
+  return count;
+}
+
+std::string shape_text(const std::vector<int>& shape) {
+  std::string text = "[";
+  for (size_t i = 0; i < shape.size(); ++i) text += (i ? "," : "") + std::to_string(shape[i]);
+  return text + "]";
+}
+
+void check_rank(const Tensor* input, int rank, const std::string& op) {
+  op_check(input->dims() == rank, ("input->dims() == " + std::to_string(rank)).c_str(),
+           op + " needs a " + std::to_string(rank) + "-D input but got " + shape_text(input->shape()));
+  check_float(input, op);
+}
+
+void check_same_count(const std::vector<int>& shape, const Tensor* input, const std::string& op) {
+  op_check(element_count(shape) == input->size(), "element_count(output_shape) == input->size()",
+           op + ": output_shape " + shape_text(shape) + " does not hold the " +
+               std::to_string(input->size()) + " elements of input " + shape_text(input->shape()));
+}
+
+void check_positive_dims(const std::vector<int>& shape, const std::string& what, const std::string& op) {
+  bool ok = !shape.empty();
+  for (int d : shape) ok = ok && d > 0;
+  op_check(ok, "all dimensions > 0", op + ": " + what + " " + shape_text(shape) + " has an empty dimension");
+}
+
+void check_output_shape(const Tensor* output, const std::vector<int>& shape, const std::string& op) {
+  op_check(output->shape() == shape, "output->shape() == inferred shape",
+           op + ": output tensor " + shape_text(output->shape()) + " but the inputs give " +
+               shape_text(shape));
+}
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra

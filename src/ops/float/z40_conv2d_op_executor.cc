@@ -1,0 +1,156 @@
+#include <string>
+#include <vector>
+
+#include "common.h"
+#include "op_attr.h"
+#include "op_executor.h"
+#include "ops/kernels/activate.h"
+#include "ops/kernels/conv2d_cpu.h"
+#include "ops/common/conv_attrs.h"
+#include "ops/kernels/conv_backward.h"
+#include "ops/common/op_checks.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+namespace {
+const char* const kOp = "FloatZ40Conv2D";
+}
+
+struct Z40Conv2DParam : BaseParam {
+  std::vector<int> strides, pads, dilations, kernel_shape;
+  std::string padding, action_type;
+  int groups = 1;
+  float pad_value = 0.0f;
+  float alpha = 1.0f;
+  float multify_param = 0.0f, clip_max_value = 0.0f, clip_min_value = 0.0f;
+  bool has_bias = false;
+};
+
+class Z40Conv2DOpExecutor : public OpExecutor {
+ public:
+  Z40Conv2DOpExecutor() : op_param_(new Z40Conv2DParam()) {}
+  ~Z40Conv2DOpExecutor() override { delete op_param_; }
+
+  void parse_parameter(const NodeDef& node) override {
+    Z40Conv2DParam& p = *op_param_;
+    require_attr(read_int_list(node, "strides", p.strides), "Do not find the strides in FloatZ40Conv2D!!!");
+    require_attr(read_string(node, "padding", p.padding), "Do not find the padding in FloatZ40Conv2D!!!");
+    read_int_list(node, "pads", p.pads);
+    read_int_list(node, "dilations", p.dilations);
+    read_float_as_int(node, "groups", p.groups);
+    read_float(node, "pad_value", p.pad_value);
+    read_string(node, "ActionType", p.action_type);
+    read_float(node, "alpha", p.alpha);
+    read_float(node, "multify_param", p.multify_param);
+    read_float(node, "clip_max_value", p.clip_max_value);
+    read_float(node, "clip_min_value", p.clip_min_value);
+  }
+
+  void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
+    const ConvGeometry g = _geometry(inputs);
+    op_param_->has_bias = inputs.size() == 3;
+    shape = {g.batch, g.out_h, g.out_w, g.out_c};
+  }
+
+  bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
+    const ConvGeometry g = _geometry(inputs);
+    check_min_size(output, static_cast<long long>(g.batch) * g.out_h * g.out_w * g.out_c, kOp);
+    // A node without bias adds a zero bias of out_channels values.
+    const std::vector<float> zero_bias(op_param_->has_bias ? 0 : g.out_c, 0.0f);
+    const float* bias = op_param_->has_bias ? inputs[2]->data<float>() : zero_bias.data();
+    const float* in = inputs[0]->data<float>();
+    const float* w = inputs[1]->data<float>();
+    if (_tiled(g)) {
+      conv2d_avx_cpu(in, w, bias, output->mutable_data<float>(), g);
+    } else {
+      conv2d_cpu(in, w, bias, output->mutable_data<float>(), g);
+    }
+    return true;
+  }
+
+  void backward(const std::vector<const Tensor*>& inputs, const Tensor* output, const Tensor* output_grad,
+                std::vector<Tensor*>& input_grads) override {
+    require_conv_weight_gradient(input_grads, "Please set conv weight grad tesnor.");
+    const ConvGeometry g = _geometry(inputs);
+    const long long out_count = static_cast<long long>(g.batch) * g.out_h * g.out_w * g.out_c;
+    const ConvGradientSlots slots =
+        prepare_conv_gradients(inputs, output, output_grad, input_grads, out_count, g.out_c, kOp);
+    conv2d_backward_cpu(inputs[0]->data<float>(), inputs[1]->data<float>(), output->data<float>(),
+                        output_grad->data<float>(), slots.input, slots.weight, slots.bias, g);
+  }
+
+ private:
+  // Inputs with more than 2 channels and a single group take the tiled path.
+  static bool _tiled(const ConvGeometry& g) { return g.in_c > 2 && g.groups == 1; }
+
+  // Checks inputs, weights and bias against each other and works out the
+  // shapes and the padding of the path that will run.
+  ConvGeometry _geometry(const std::vector<const Tensor*>& inputs) {
+    const Z40Conv2DParam& p = *op_param_;
+    op_check(!inputs.empty() && inputs[0]->shape().size() == 4, "input_tensor->shape().size() == 4",
+             "Wrong input shape in z40 conv2d!!!");
+    check_input_count(inputs, 2, kOp);
+    const Tensor* input = inputs[0];
+    const Tensor* weight = inputs[1];
+    check_float(input, kOp);
+    check_float(weight, kOp);
+    check_positive_dims(input, kOp);
+    op_check(weight->shape().size() == 4, "weight->shape().size() == 4",
+             std::string(kOp) + ": weight must be [kernel_h, kernel_w, in_channels / groups, out_channels]");
+    check_positive_dims(weight, kOp);
+    op_param_->kernel_shape = weight->shape();
+    const ConvSteps steps = conv_steps(p.strides, p.dilations, p.pads, p.padding, kOp);
+    ConvGeometry g;
+    g.batch = input->shape()[0];
+    g.in_h = input->shape()[1];
+    g.in_w = input->shape()[2];
+    g.in_c = input->shape()[3];
+    g.kernel_h = weight->shape()[0];
+    g.kernel_w = weight->shape()[1];
+    g.out_c = weight->shape()[3];
+    g.groups = p.groups;
+    op_check(g.groups > 0 && g.out_c % g.groups == 0, "groups > 0 && out_channels % groups == 0",
+             std::string(kOp) + ": groups " + std::to_string(g.groups) + " do not divide out_channels " +
+                 std::to_string(g.out_c));
+    op_check(static_cast<long long>(weight->shape()[2]) * g.groups == g.in_c,
+             "weight_in_channels * groups == input_channels",
+             std::string(kOp) + ": weight in-channels " + std::to_string(weight->shape()[2]) + " x groups " +
+                 std::to_string(g.groups) + " != input channels " + std::to_string(g.in_c));
+    if (inputs.size() > 2) {
+      check_float(inputs[2], kOp);
+      check_min_size(inputs[2], g.out_c, kOp);
+    }
+    conv_output_hw(input->shape(), g.kernel_h, g.kernel_w, steps, kOp, g.out_h, g.out_w);
+    op_check(static_cast<long long>(g.batch) * g.out_h * g.out_w * g.out_c <= 0x7fffffffLL,
+             "output_size <= INT_MAX", std::string(kOp) + ": output too large");
+    g.stride_h = steps.stride_h;
+    g.stride_w = steps.stride_w;
+    g.dilation_h = steps.dilation_h;
+    g.dilation_w = steps.dilation_w;
+    g.pad_value = p.pad_value;
+    g.activate = select_activation(p.action_type);
+    g.alpha = p.alpha;
+    if (_tiled(g)) {
+      // The tiled path pads only for "SAME", with dilation left out of the rule.
+      g.pad_top = steps.same ? same_pad_tiled(g.out_h, g.stride_h, g.kernel_h, g.in_h) : 0;
+      g.pad_left = steps.same ? same_pad_tiled(g.out_w, g.stride_w, g.kernel_w, g.in_w) : 0;
+    } else if (steps.same) {
+      g.pad_top = same_pad_direct(g.out_h, g.stride_h, g.kernel_h, g.dilation_h, g.in_h);
+      g.pad_left = same_pad_direct(g.out_w, g.stride_w, g.kernel_w, g.dilation_w, g.in_w);
+    } else {
+      g.pad_top = steps.pads[0];
+      g.pad_left = steps.pads[2];
+    }
+    return g;
+  }
+
+  Z40Conv2DParam* op_param_;
+};
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+KOVRA_REGISTER_OP(Z40Conv2D)

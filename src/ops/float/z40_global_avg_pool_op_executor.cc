@@ -1,0 +1,74 @@
+#include <memory>
+
+#include "op_executor.h"
+#include "ops/float/float_shape_checks.h"
+#include "ops/common/op_checks.h"
+#include "ops/kernels/pool_kernels.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+struct Z40GlobalAvgPoolParam : BaseParam {};
+
+// [N, H, W, C] or [N, L, C] -> [N, 1, 1, C].
+class Z40GlobalAvgPoolOpExecutor : public OpExecutor {
+ public:
+  Z40GlobalAvgPoolOpExecutor() : op_param_(new Z40GlobalAvgPoolParam()) {}
+
+  void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
+    const Extent e = _extent(inputs);
+    shape = {e.n, 1, 1, e.c};
+  }
+
+  bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
+    const Extent e = _extent(inputs);
+    check_output_shape(output, {e.n, 1, 1, e.c}, "Z40GlobalAvgPool");
+    if (inputs[0]->size() < 1) return true;
+    global_avg_pool_f32(inputs[0]->data<float>(), output->mutable_data<float>(), e.n, e.spatial, e.c);
+    return true;
+  }
+
+  // The gradient of a mean: every position gets output_grad / (spatial size).
+  void backward(const std::vector<const Tensor*>& inputs, const Tensor* output, const Tensor* output_grad,
+                std::vector<Tensor*>& input_grads) override {
+    (void)output;
+    const Extent e = _extent(inputs);
+    op_check(output_grad != nullptr && output_grad->size() == e.n * e.c, "output_grad->size() == N * C",
+             "Z40GlobalAvgPool: the output gradient does not match [" + std::to_string(e.n) + ",1,1," +
+                 std::to_string(e.c) + "]");
+    check_float(output_grad, "Z40GlobalAvgPool");
+    op_check(!input_grads.empty() && input_grads[0] != nullptr, "input_grads[0] != nullptr",
+             "Z40GlobalAvgPool: no tensor to receive the input gradient");
+    Tensor* grad = input_grads[0];
+    grad->set_data(inputs[0]->shape(), Tensor::DT_FLOAT, nullptr);
+    if (inputs[0]->size() < 1) return;
+    global_avg_pool_backward_f32(output_grad->data<float>(), grad->mutable_data<float>(), e.n, e.spatial,
+                                 e.c, 1.0f / static_cast<float>(e.spatial));
+  }
+
+ private:
+  struct Extent {
+    int n, spatial, c;
+  };
+
+  static Extent _extent(const std::vector<const Tensor*>& inputs) {
+    check_input_count(inputs, 1, "Z40GlobalAvgPool");
+    const Tensor* input = inputs[0];
+    check_input_not_scalar(input, "FloatZ40GlobalAvgPool");
+    const std::vector<int>& s = input->shape();
+    op_check(s.size() == 3 || s.size() == 4, "input->dims() == 3 || input->dims() == 4",
+             "Z40GlobalAvgPool needs a 3-D or 4-D input but got " + shape_text(s));
+    check_float(input, "Z40GlobalAvgPool");
+    if (s.size() == 4) return {s[0], s[1] * s[2], s[3]};
+    return {s[0], s[1], s[2]};
+  }
+
+  std::unique_ptr<Z40GlobalAvgPoolParam> op_param_;
+};
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+KOVRA_REGISTER_OP(Z40GlobalAvgPool)

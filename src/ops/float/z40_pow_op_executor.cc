@@ -1,0 +1,25 @@
+#include "ops/float/float_eltwise.h"
+#include "ops/kernels/float_eltwise_kernels.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+struct Z40PowParam : BaseParam {};
+
+// pow(a, b) with the C library's pow, b repeating cyclically (a single exponent applies to all).
+class Z40PowOpExecutor : public FloatBinaryOpExecutor<Z40PowParam> {
+ public:
+  Z40PowOpExecutor() : FloatBinaryOpExecutor("Z40Pow", "FloatZ40Pow", Pairing::kCyclic) {}
+
+ protected:
+  void _compute(const float* a, int n, const float* b, int nb, float* out) const override {
+    pow_cyclic_f32(a, n, b, nb, out);
+  }
+};
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+KOVRA_REGISTER_OP(Z40Pow)

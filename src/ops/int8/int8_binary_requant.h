@@ -1,0 +1,48 @@
+#ifndef KOVRAEXECUTOR_OPS_INT8_BINARY_REQUANT_H_
+#define KOVRAEXECUTOR_OPS_INT8_BINARY_REQUANT_H_
+
+#include <string>
+#include <vector>
+
+#include "op_executor.h"
+#include "ops/int8/int8_eltwise_activation.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+// Attributes shared by the two-input int8 operators that bring both inputs
+// to the output scale (sum, difference, maximum).
+struct Int8BinaryRequantParam : BaseParam {
+  std::vector<float> input0_scale, input1_scale, output_scale;
+  int input0_offset = 0;
+  int input1_offset = 0;
+  int offset = 0;
+  int max_value = 0;
+  int min_value = 0;
+  int output_bitwidth = 8;
+  std::string action_type = "None";
+  EltwiseActivation activation = EltwiseActivation::kLinear;
+  EltwiseActivationConstants constants;
+};
+
+// Reads the scales, offsets and bounds (required, "Do not find the KEY in
+// <op>!!!") and, when `with_activation`, "ActionType" and its constants.
+void parse_binary_requant(const NodeDef& node, const std::string& op, bool with_activation,
+                          Int8BinaryRequantParam& param);
+
+// Checks the inputs and their per-channel attributes once; returns the channel count.
+int check_binary_requant(const std::vector<const Tensor*>& inputs, const std::string& op,
+                         const Int8BinaryRequantParam& param);
+
+// The element-wise sum (difference when `difference`): direct requantization
+// without activation, real-valued path with one, the one-element shortcut
+// when the second input holds a single value.
+void run_int8_sum(const std::vector<const Tensor*>& inputs, Tensor* output, const std::string& op,
+                  const Int8BinaryRequantParam& param, bool difference);
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+#endif  // KOVRAEXECUTOR_OPS_INT8_BINARY_REQUANT_H_

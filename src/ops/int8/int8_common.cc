@@ -1,0 +1,95 @@
+#include "ops/int8/int8_common.h"
+
+#include <algorithm>
+
+#include "common.h"
+#include "kvdl.h"
+#include "op_attr.h"
+#include "ops/common/op_checks.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+int channel_count(const Tensor* tensor) {
+  const std::vector<int>& shape = tensor->shape();
+  return shape.empty() || shape.back() < 1 ? 1 : shape.back();
+}
+
+std::string missing_message(const std::string& key, const std::string& op) {
+  return "Do not find the " + key + " in " + op + "!!!";
+}
+
+void require_int(const NodeDef& node, const char* key, int& value, const std::string& message) {
+  require_attr(read_int(node, key, value), message);
+}
+
+void require_float(const NodeDef& node, const char* key, float& value,
+                   const std::string& message) {
+  require_attr(read_float(node, key, value), message);
+}
+
+void require_float_list(const NodeDef& node, const char* key, std::vector<float>& values,
+                        const std::string& message) {
+  require_attr(read_float_list(node, key, values), message);
+}
+
+void require_int_list(const NodeDef& node, const char* key, std::vector<int>& values,
+                      const std::string& message) {
+  require_attr(read_int_list(node, key, values), message);
+}
+
+const Tensor* first_input(const std::vector<const Tensor*>& inputs, const std::string& op) {
+  check_input_count(inputs, 1, op);
+  check_input_not_scalar(inputs[0], op);
+  return inputs[0];
+}
+
+void check_rank_3_to_5(const Tensor* input, const std::string& op) {
+  const size_t rank = input->shape().size();
+  if (rank < 3 || rank > 5) {
+    fatal("\"The shape of input only support 3D ,4D or 5D in " + op + "!!!\"");
+  }
+}
+
+void check_rank_4(const Tensor* input, const std::string& message) {
+  op_check(input->shape().size() == 4, "input_tensor->shape().size() == 4", message);
+}
+
+void copy_codes(const Tensor* input, Tensor* output, const std::string& op) {
+  check_min_size(output, input->size(), op);
+  const float* x = input->data<float>();
+  float* y = output->mutable_data<float>();
+  std::copy(x, x + input->size(), y);
+}
+
+void round_and_clamp(float* y, long long count, float lo, float hi) {
+  for (long long i = 0; i < count; ++i) y[i] = clamp_code(kvdl::tensorflow_round_cpu(y[i]), lo, hi);
+}
+
+void check_per_channel(const std::vector<float>& values, int channels, const std::string& key,
+                       const std::string& op) {
+  check_attr_size(values.size(), channels, key, op);
+}
+
+SumRequant make_sum_requant(const std::vector<float>& s0, const std::vector<float>& s1,
+                            const std::vector<float>& out_scale, int off0, int off1, int offset,
+                            int channels, bool difference) {
+  SumRequant r;
+  r.a.resize(channels);
+  r.b.resize(channels);
+  r.k.resize(channels);
+  for (int c = 0; c < channels; ++c) {
+    const float a = out_scale[c] * s0[c];
+    const float b_sum = out_scale[c] * s1[c];
+    const float b = difference ? -b_sum : b_sum;
+    r.a[c] = a;
+    r.b[c] = b;
+    r.k[c] = static_cast<float>(off0) * a + static_cast<float>(off1) * b + static_cast<float>(offset);
+  }
+  return r;
+}
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra

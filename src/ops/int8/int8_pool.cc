@@ -1,0 +1,84 @@
+#include "ops/int8/int8_pool.h"
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "op_attr.h"
+#include "ops/int8/int8_common.h"
+#include "ops/common/op_checks.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+void parse_pool_attrs(const NodeDef& node, const std::string& op, Int8PoolAttrs& a) {
+  require_int_list(node, "ksize", a.ksize, missing_message("ksize", op));
+  read_int_list(node, "strides", a.strides);
+  read_string(node, "padding", a.padding);
+  read_int_list(node, "pads", a.pads);
+  require_int(node, "maxValue", a.max_value, missing_message("maxValue", op));
+  require_int(node, "minValue", a.min_value, missing_message("minValue", op));
+}
+
+PoolGeometry int8_pool_geometry(const std::vector<const Tensor*>& inputs, const Int8PoolAttrs& a,
+                                const std::string& op, const std::string& rank_message) {
+  const Tensor* input = first_input(inputs, op);
+  check_rank_4(input, rank_message);
+  op_check(a.ksize.size() > 2, "op_param_->ksize.size() > 2", "Wrong kernel size in " + op + "!!!");
+  op_check(a.strides.size() > 2, "op_param_->strides.size() > 2",
+           "Wrong strides size in " + op + "!!!");
+  PoolGeometry g;
+  const std::vector<int>& s = input->shape();
+  g.n = s[0], g.h = s[1], g.w = s[2], g.c = s[3];
+  g.kernel_h = a.ksize[1], g.kernel_w = a.ksize[2];
+  g.stride_h = a.strides[1], g.stride_w = a.strides[2];
+  op_check(g.kernel_h > 0 && g.kernel_w > 0 && g.stride_h > 0 && g.stride_w > 0,
+           "kernel > 0 && stride > 0", op + ": kernel and strides must be positive");
+  if (a.padding == "SAME") {
+    g.out_h = (g.h + g.stride_h - 1) / g.stride_h;
+    g.out_w = (g.w + g.stride_w - 1) / g.stride_w;
+    g.pad_top = same_pad_begin(g.h, g.out_h, g.kernel_h, g.stride_h);
+    g.pad_left = same_pad_begin(g.w, g.out_w, g.kernel_w, g.stride_w);
+  } else if (a.padding == "VALID") {
+    op_check(a.pads.size() >= 4, "op_param_->pads.size() >= 4",
+             op + ": pads needs 4 entries (top, bottom, left, right)");
+    const long long span_h = static_cast<long long>(g.h) + a.pads[0] + a.pads[1] - g.kernel_h;
+    const long long span_w = static_cast<long long>(g.w) + a.pads[2] + a.pads[3] - g.kernel_w;
+    op_check(span_h >= 0 && span_w >= 0 && a.pads[0] >= 0 && a.pads[2] >= 0,
+             "kernel <= padded input", op + ": the window is larger than the padded input");
+    g.pad_top = a.pads[0];
+    g.pad_left = a.pads[2];
+    if (a.ceil_mode) {
+      g.out_h = static_cast<int>(std::ceil(static_cast<float>(span_h) / g.stride_h)) + 1;
+      g.out_w = static_cast<int>(std::ceil(static_cast<float>(span_w) / g.stride_w)) + 1;
+      if (static_cast<long long>(g.out_h - 1) * g.stride_h >= g.h + g.pad_top) --g.out_h;
+      if (static_cast<long long>(g.out_w - 1) * g.stride_w >= g.w + g.pad_left) --g.out_w;
+    } else {
+      g.out_h = static_cast<int>(span_h / g.stride_h + 1);
+      g.out_w = static_cast<int>(span_w / g.stride_w + 1);
+    }
+  } else {
+    op_check(false, "false", "Worng padding type.");
+  }
+  return g;
+}
+
+void apply_pad_value(float* y, const PoolGeometry& g, float pad_value) {
+  for (int n = 0; n < g.n; ++n) {
+    for (int oh = 0; oh < g.out_h; ++oh) {
+      const long long top = static_cast<long long>(oh) * g.stride_h - g.pad_top;
+      const bool rows_padded = top < 0 || top + g.kernel_h > g.h;
+      for (int ow = 0; ow < g.out_w; ++ow) {
+        const long long left = static_cast<long long>(ow) * g.stride_w - g.pad_left;
+        if (!rows_padded && left >= 0 && left + g.kernel_w <= g.w) continue;
+        float* out = y + ((static_cast<long long>(n) * g.out_h + oh) * g.out_w + ow) * g.c;
+        for (int c = 0; c < g.c; ++c) out[c] = pad_value > out[c] ? pad_value : out[c];
+      }
+    }
+  }
+}
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra

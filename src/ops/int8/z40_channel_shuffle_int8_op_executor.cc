@@ -1,0 +1,59 @@
+#include <string>
+#include <vector>
+
+#include "op_attr.h"
+#include "ops/int8/int8_common.h"
+#include "ops/kernels/layout_kernels.h"
+#include "ops/common/op_checks.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+struct Z40ChannelShuffleInt8Param : BaseParam {
+  int groups = 1;
+  std::vector<float> input_scale;
+};
+
+// Channel shuffle as in ShuffleNet / ONNX ChannelShuffle: the C channels,
+// seen as [groups, C / groups], are transposed to [C / groups, groups]. A
+// permutation leaves the codes and their scale unchanged.
+class Z40ChannelShuffleInt8OpExecutor : public OpExecutor {
+ public:
+  void parse_parameter(const NodeDef& node) override {
+    require_int(node, "groups", param_.groups, missing_message("groups", kName));
+    // The message names INPUT1SCALE although the key is INPUTSCALE; users know it so.
+    require_float_list(node, "INPUTSCALE", param_.input_scale,
+                       "Do not find the INPUT1SCALE in Z40ChannelShuffleInt8!!!");
+  }
+
+  void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
+    const Tensor* input = first_input(inputs, kName);
+    check_rank_4(input, "Wrong input_shape in channel shuffle!!!");
+    shape = input->shape();
+  }
+
+  bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
+    const Tensor* input = first_input(inputs, kName);
+    check_rank_4(input, "Wrong input_shape in channel shuffle!!!");
+    check_float(input, kName);
+    const int channels = input->shape()[3];
+    const int groups = param_.groups;
+    op_check(groups > 0 && channels % groups == 0, "channels % groups == 0",
+             std::string(kName) + ": " + std::to_string(channels) + " channels in " +
+                 std::to_string(groups) + " groups");
+    channel_shuffle_f32(input->data<float>(), output->mutable_data<float>(), input->shape(),
+                        groups);
+    return true;
+  }
+
+ private:
+  static constexpr const char* kName = "Z40ChannelShuffleInt8";
+  Z40ChannelShuffleInt8Param param_;
+};
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+KOVRA_REGISTER_OP(Z40ChannelShuffleInt8)

@@ -1,0 +1,44 @@
+#ifndef KOVRAEXECUTOR_OPS_Z40_CONV2D_INT8_OP_EXECUTOR_H_
+#define KOVRAEXECUTOR_OPS_Z40_CONV2D_INT8_OP_EXECUTOR_H_
+
+#include <memory>
+#include <vector>
+
+#include "ops/int8/int8_conv_param.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+struct Int8PackedWeights;
+struct Int8FloatPackedWeights;
+
+struct Z40Conv2DInt8Param : Int8ConvBaseParam {
+  std::vector<float> input_mean;
+  std::vector<float> input_var;
+  // Set by the presence of "input_mean": input codes are normalised and
+  // quantized inside the convolution.
+  bool first_layer = false;
+  int groups = 1;
+  // Weights packed for the integer dot-product kernels, reused while the
+  // weight tensor stays the same.
+  std::shared_ptr<Int8PackedWeights> packed_weights;
+  std::shared_ptr<Int8FloatPackedWeights> packed_float_weights;
+};
+
+class Z40Conv2DInt8OpExecutor : public OpExecutor {
+ public:
+  void parse_parameter(const NodeDef& node_def) override;
+  void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override;
+  bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override;
+  Z40Conv2DInt8Param* param() { return &param_; }
+
+ private:
+  Z40Conv2DInt8Param param_;
+};
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+#endif  // KOVRAEXECUTOR_OPS_Z40_CONV2D_INT8_OP_EXECUTOR_H_

@@ -1,0 +1,54 @@
+#include <string>
+#include <vector>
+
+#include "op_attr.h"
+#include "ops/int8/int8_common.h"
+#include "ops/kernels/int8_eltwise_kernels.h"
+#include "ops/common/op_checks.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+struct Z40DequantizeParam : BaseParam {
+  std::vector<float> qscale;
+  int offset = 0;
+};
+
+// Codes to real values: (offset + q) * QSCALE[c]; the model stores the
+// reciprocal scale here, so the scale multiplies in both directions.
+class Z40DequantizeOpExecutor : public OpExecutor {
+ public:
+  void parse_parameter(const NodeDef& node) override {
+    require_float_list(node, "QSCALE", param_.qscale,
+                       "Do not find the QSCALE in  Z40Dequantize!!!");
+    require_int(node, "offset", param_.offset, "Do not find the offset in  Z40Dequantize!!!");
+  }
+
+  void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
+    const Tensor* input = first_input(inputs, kName);
+    check_rank_3_to_5(input, kName);
+    shape = input->shape();
+  }
+
+  bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
+    const Tensor* input = first_input(inputs, kName);
+    check_rank_3_to_5(input, kName);
+    check_float(input, kName);
+    const int channels = channel_count(input);
+    check_per_channel(param_.qscale, channels, "QSCALE", kName);
+    dequantize_f32(input->data<float>(), output->mutable_data<float>(), input->size(), channels,
+                   param_.qscale.data(), static_cast<float>(param_.offset));
+    return true;
+  }
+
+ private:
+  static constexpr const char* kName = "Z40Dequantize";
+  Z40DequantizeParam param_;
+};
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+KOVRA_REGISTER_OP(Z40Dequantize)

@@ -1,0 +1,41 @@
+#include <string>
+#include <vector>
+
+#include "ops/int8/int8_binary_requant.h"
+#include "ops/common/op_checks.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+struct Z40EltwiseAddInt8Param : Int8BinaryRequantParam {};
+
+// Sum of two int8 tensors brought to the output scale, with an optional fused
+// activation.
+class Z40EltwiseAddInt8OpExecutor : public OpExecutor {
+ public:
+  void parse_parameter(const NodeDef& node) override {
+    parse_binary_requant(node, kName, true, param_);
+  }
+
+  void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
+    check_input_count(inputs, 2, kName);
+    check_input_not_scalar(inputs[0], kName);
+    shape = inputs[0]->shape();
+  }
+
+  bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
+    run_int8_sum(inputs, output, kName, param_, false);
+    return true;
+  }
+
+ private:
+  static constexpr const char* kName = "Z40EltwiseAddInt8";
+  Z40EltwiseAddInt8Param param_;
+};
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+KOVRA_REGISTER_OP(Z40EltwiseAddInt8)

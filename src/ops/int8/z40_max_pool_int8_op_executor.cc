@@ -1,0 +1,61 @@
+#include <limits>
+#include <vector>
+
+#include "op_attr.h"
+#include "ops/int8/int8_common.h"
+#include "ops/int8/int8_pool.h"
+#include "ops/common/op_checks.h"
+#include "ops/kernels/pool_kernels.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+struct Z40MaxPoolInt8Param : BaseParam {
+  Int8PoolAttrs attrs;
+  // Without "padValue" padded cells never win, as in the float max pooling.
+  float pad_value = std::numeric_limits<float>::lowest();
+};
+
+// Maximum pooling on codes; padded cells take "padValue"; the result is clamped.
+class Z40MaxPoolInt8OpExecutor : public OpExecutor {
+ public:
+  void parse_parameter(const NodeDef& node) override {
+    parse_pool_attrs(node, kName, param_.attrs);
+    read_bool(node, "ceil_mode", param_.attrs.ceil_mode);
+    int pad_value = 0;
+    if (read_int(node, "padValue", pad_value)) param_.pad_value = static_cast<float>(pad_value);
+  }
+
+  void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
+    const PoolGeometry g = geometry(inputs);
+    shape = {g.n, g.out_h, g.out_w, g.c};
+  }
+
+  bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
+    const PoolGeometry g = geometry(inputs);
+    check_float(inputs[0], kName);
+    const long long count = static_cast<long long>(g.n) * g.out_h * g.out_w * g.c;
+    check_min_size(output, count, kName);
+    float* y = output->mutable_data<float>();
+    max_pool_f32(inputs[0]->data<float>(), y, g);
+    apply_pad_value(y, g, param_.pad_value);
+    round_and_clamp(y, count, static_cast<float>(param_.attrs.min_value),
+                    static_cast<float>(param_.attrs.max_value));
+    return true;
+  }
+
+ private:
+  PoolGeometry geometry(const std::vector<const Tensor*>& inputs) const {
+    return int8_pool_geometry(inputs, param_.attrs, kName, "Wrong input shape in Z40MaxPoolInt8!!!");
+  }
+
+  static constexpr const char* kName = "Z40MaxPoolInt8";
+  Z40MaxPoolInt8Param param_;
+};
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+KOVRA_REGISTER_OP(Z40MaxPoolInt8)

@@ -1,0 +1,74 @@
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "op_attr.h"
+#include "ops/int8/int8_common.h"
+#include "ops/kernels/layout_kernels.h"
+#include "ops/common/op_checks.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+struct Z40ReshapeInt8Param : BaseParam {
+  std::vector<int> output_shape;
+  std::string src_framework;
+};
+
+// Reshape of the codes to "output_shape"; a model converted from ONNX
+// ("src_framework") reshapes in channels-first order, so the data are
+// reordered through that layout as the float reshape does.
+class Z40ReshapeInt8OpExecutor : public OpExecutor {
+ public:
+  void parse_parameter(const NodeDef& node) override {
+    // The text names "strides" although the key is "output_shape"; users know it so.
+    require_int_list(node, "output_shape", param_.output_shape,
+                     "Do not find the strides in Z40ReshapeInt8!!!");
+    read_string(node, "src_framework", param_.src_framework);
+  }
+
+  void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
+    checked_input(inputs);
+    shape = param_.output_shape;
+  }
+
+  bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
+    const Tensor* input = checked_input(inputs);
+    check_float(input, kName);
+    check_min_size(output, input->size(), kName);
+    const float* x = input->data<float>();
+    float* y = output->mutable_data<float>();
+    if (param_.src_framework == "ONNX") {
+      std::vector<float> scratch(input->size());
+      onnx_reshape_reorder(x, input->shape(), y, param_.output_shape, scratch.data());
+    } else {
+      std::copy(x, x + input->size(), y);
+    }
+    return true;
+  }
+
+ private:
+  const Tensor* checked_input(const std::vector<const Tensor*>& inputs) const {
+    const Tensor* input = first_input(inputs, kName);
+    long long count = 1;
+    bool positive = true;
+    for (int d : param_.output_shape) {
+      positive = positive && d > 0;
+      count = std::min(count * (positive ? d : 1), 1LL << 40);  // no overflow
+    }
+    op_check(positive && count == input->size(), "product(output_shape) == input->size()",
+             std::string(kName) + ": output_shape does not hold the input's " +
+                 std::to_string(input->size()) + " elements");
+    return input;
+  }
+
+  static constexpr const char* kName = "Z40ReshapeInt8";
+  Z40ReshapeInt8Param param_;
+};
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+KOVRA_REGISTER_OP(Z40ReshapeInt8)

@@ -1,0 +1,67 @@
+#include <vector>
+
+#include "op_attr.h"
+#include "ops/int8/int8_common.h"
+#include "ops/int8/int8_resize.h"
+#include "ops/common/op_checks.h"
+#include "ops/kernels/resize_kernels.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+struct Z40ResizeBilinearInt8Param : BaseParam {
+  bool align_corners = false;
+  float wh_scale = 1.0f;
+  int max_value = 0;
+  int min_value = 0;
+  int offset = 0;
+};
+
+// The float bilinear resize of the codes, rounded half to even and clamped to
+// the offset-shifted bounds [minValue + offset, maxValue + offset].
+class Z40ResizeBilinearInt8OpExecutor : public OpExecutor {
+ public:
+  void parse_parameter(const NodeDef& node) override {
+    read_bool(node, "align_corners", param_.align_corners);
+    require_float(node, "wh_scale", param_.wh_scale, missing_message("wh_scale", kName));
+    // The text names another operator; it is the one users know.
+    require_int(node, "maxValue", param_.max_value,
+                "Do not find the maxValue in Z40EltwiseMulInt8!!!");
+    require_int(node, "minValue", param_.min_value, missing_message("minValue", kName));
+    require_int(node, "offset", param_.offset, missing_message("offset", kName));
+  }
+
+  void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
+    const ResizeGeometry g = geometry(inputs);
+    shape = {g.n, g.out_h, g.out_w, g.c};
+  }
+
+  bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
+    const ResizeGeometry g = geometry(inputs);
+    check_float(inputs[0], kName);
+    const long long count = static_cast<long long>(g.n) * g.out_h * g.out_w * g.c;
+    check_min_size(output, count, kName);
+    float* y = output->mutable_data<float>();
+    resize_bilinear_f32(inputs[0]->data<float>(), y, g, param_.align_corners);
+    const float lo = static_cast<float>(static_cast<long long>(param_.min_value) + param_.offset);
+    const float hi = static_cast<float>(static_cast<long long>(param_.max_value) + param_.offset);
+    round_and_clamp(y, count, lo, hi);
+    return true;
+  }
+
+ private:
+  ResizeGeometry geometry(const std::vector<const Tensor*>& inputs) const {
+    return int8_resize_geometry(inputs, param_.wh_scale, kName,
+                                "Wrong input shape in Z40ResizeBilinearInt8!!!");
+  }
+
+  static constexpr const char* kName = "Z40ResizeBilinearInt8";
+  Z40ResizeBilinearInt8Param param_;
+};
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+KOVRA_REGISTER_OP(Z40ResizeBilinearInt8)

@@ -1,0 +1,109 @@
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "op_attr.h"
+#include "ops/int8/int8_common.h"
+#include "ops/kernels/layout_kernels.h"
+#include "ops/common/op_checks.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+struct Z40SliceInt8Param : BaseParam {
+  int split = 0;
+  int axis = 0;
+  std::vector<int> output_shape;
+  std::vector<int> starts, ends, axes, steps;
+};
+
+// Strided slice of 4-D or 5-D codes with ONNX Slice semantics: negative
+// starts and ends count from the end, both are clamped to the axis, "axes"
+// defaults to the leading axes and "steps" to 1.
+class Z40SliceInt8OpExecutor : public OpExecutor {
+ public:
+  void parse_parameter(const NodeDef& node) override {
+    Z40SliceInt8Param& p = param_;
+    read_int(node, "split", p.split);
+    read_int(node, "axis", p.axis);
+    require_int_list(node, "output_shape", p.output_shape, missing_message("output_shape", kName));
+    require_int_list(node, "starts", p.starts, missing_message("starts", kName));
+    require_int_list(node, "ends", p.ends, missing_message("ends", kName));
+    read_int_list(node, "axes", p.axes);
+    read_int_list(node, "steps", p.steps);
+  }
+
+  void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
+    shape = window(inputs).out_shape;
+  }
+
+  bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
+    const SliceWindow w = window(inputs);
+    check_float(inputs[0], kName);
+    long long count = 1;
+    for (int d : w.out_shape) count *= d;
+    check_min_size(output, count, kName);
+    slice_f32(inputs[0]->data<float>(), inputs[0]->shape(), w, output->mutable_data<float>());
+    return true;
+  }
+
+ private:
+  SliceWindow window(const std::vector<const Tensor*>& inputs) const {
+    const Tensor* input = first_input(inputs, kName);
+    const int rank = input->dims();
+    op_check(rank == 4 || rank == 5,
+             "input_tensor->shape().size() == 4 || input_tensor->shape().size() == 5",
+             "The shape of input only support  4D or 5D  in Z40SliceInt8!!!");
+    const Z40SliceInt8Param& p = param_;
+    const size_t count = p.starts.size();
+    const bool lists_fit = p.ends.size() == count && count <= static_cast<size_t>(rank) &&
+                           (p.axes.empty() || p.axes.size() == count) &&
+                           (p.steps.empty() || p.steps.size() == count);
+    op_check(lists_fit, "starts, ends, axes and steps agree",
+             std::string(kName) + ": starts, ends, axes and steps differ in length");
+    const std::vector<int>& shape = input->shape();
+    SliceWindow w;
+    w.starts.assign(rank, 0);
+    w.steps.assign(rank, 1);
+    w.out_shape = shape;
+    std::vector<bool> seen(rank, false);
+    for (size_t i = 0; i < count; ++i) {
+      int axis = p.axes.empty() ? static_cast<int>(i) : p.axes[i];
+      if (axis < 0) axis += rank;
+      const int step = p.steps.empty() ? 1 : p.steps[i];
+      op_check(axis >= 0 && axis < rank && !seen[axis] && step != 0, "valid axis and step",
+               std::string(kName) + ": bad axis or zero step in entry " + std::to_string(i));
+      seen[axis] = true;
+      const long long dim = shape[axis];
+      long long start = p.starts[i], end = p.ends[i];
+      if (start < 0) start += dim;
+      if (end < 0) end += dim;
+      long long extent;
+      if (step > 0) {
+        start = std::min(std::max(start, 0LL), dim);
+        end = std::min(std::max(end, 0LL), dim);
+        extent = end > start ? (end - start + step - 1) / step : 0;
+      } else {
+        start = std::min(std::max(start, 0LL), dim - 1);
+        end = std::min(std::max(end, -1LL), dim - 1);
+        extent = start > end ? (start - end - step - 1) / -step : 0;
+      }
+      op_check(extent > 0, "slice extent > 0",
+               std::string(kName) + ": empty slice on axis " + std::to_string(axis));
+      w.starts[axis] = static_cast<int>(start);
+      w.steps[axis] = step;
+      w.out_shape[axis] = static_cast<int>(extent);
+    }
+    return w;
+  }
+
+  static constexpr const char* kName = "Z40SliceInt8";
+  Z40SliceInt8Param param_;
+};
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+KOVRA_REGISTER_OP(Z40SliceInt8)

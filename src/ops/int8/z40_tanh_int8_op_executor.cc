@@ -1,0 +1,45 @@
+#include <vector>
+
+#include "kvdl.h"
+#include "ops/int8/int8_common.h"
+#include "ops/int8/int8_unary_activation.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+struct Z40TanhInt8Param : Int8UnaryActivationParam {};
+
+namespace {
+// Hyperbolic tangent of the real value as 2 / (e^-2y + 1) - 1, with the
+// firmware's e^x.
+double tanh_of(double y) {
+  return 2.0 / (kvdl::Exp(-2.0 * y) + 1.0) - 1.0;
+}
+}  // namespace
+
+class Z40TanhInt8OpExecutor : public OpExecutor {
+ public:
+  void parse_parameter(const NodeDef& node) override {
+    parse_unary_activation(node, kName, param_);
+  }
+
+  void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
+    shape = first_input(inputs, kName)->shape();
+  }
+
+  bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
+    run_unary_activation(inputs, output, kName, param_, tanh_of);
+    return true;
+  }
+
+ private:
+  static constexpr const char* kName = "Z40TanhInt8";
+  Z40TanhInt8Param param_;
+};
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+KOVRA_REGISTER_OP(Z40TanhInt8)

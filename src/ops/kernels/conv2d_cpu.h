@@ -1,0 +1,85 @@
+#ifndef KOVRAEXECUTOR_OPS_CONV2D_CPU_H_
+#define KOVRAEXECUTOR_OPS_CONV2D_CPU_H_
+
+#include "ops/kernels/activate.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+// Everything a float convolution kernel needs for one call: NHWC shapes, the
+// steps, the top/left padding of the path that runs (the two paths pad
+// differently, so the caller decides) and the fused activation.
+struct ConvGeometry {
+  int batch = 1, in_h = 0, in_w = 0, in_c = 0;
+  int out_h = 0, out_w = 0, out_c = 0;
+  int kernel_h = 1, kernel_w = 1;
+  int stride_h = 1, stride_w = 1, dilation_h = 1, dilation_w = 1;
+  int pad_top = 0, pad_left = 0;
+  int groups = 1;
+  // Stands for every input position outside the image.
+  float pad_value = 0.0f;
+  ActivationFn activate = activation_null;
+  float alpha = 1.0f;
+  // The depthwise "Linear" activation: a clamp to [clip_min, clip_max].
+  bool clip = false;
+  float clip_min = 0.0f, clip_max = 0.0f;
+};
+
+// floor(x / 2): the arithmetic shift the padding rules are written with.
+inline int floor_half(int x) { return x >= 0 ? x / 2 : -((1 - x) / 2); }
+// "SAME" top/left padding of the direct path (dilation included).
+inline int same_pad_direct(int out, int stride, int kernel, int dilation, int in) {
+  return floor_half((out - 1) * stride + (kernel - 1) * dilation + 1 - in);
+}
+// "SAME" top/left padding of the tiled path, which leaves dilation out.
+inline int same_pad_tiled(int out, int stride, int kernel, int in) {
+  return floor_half((out - 1) * stride + kernel - in);
+}
+
+// Direct convolution: groups, dilations, explicit padding and pad_value.
+// Weights are [kernel_h, kernel_w, in_c / groups, out_c]; bias has out_c values.
+void conv2d_cpu(const float* input, const float* weight, const float* bias, float* output,
+                const ConvGeometry& g);
+
+// Tiled convolution (groups 1): the output pixels of an image are cut into
+// tiles of 8, and T = min(16, tiles) workers take tiles t, t + T, ... in turn.
+// Each tile's patches are gathered and multiplied with the weight matrix; the
+// kernel is chosen by the active instruction set.
+void conv2d_avx_cpu(const float* input, const float* weight, const float* bias, float* output,
+                    const ConvGeometry& g);
+
+// The record conv2d_avx_cpu fills once and shares with its workers.
+struct AVXBaseConvParam {
+  ConvGeometry geometry;
+};
+struct AVXFloatConvParam : AVXBaseConvParam {
+  const float* input = nullptr;
+  const float* weight = nullptr;
+  const float* bias = nullptr;
+  float* output = nullptr;
+  // 8 * kernel_h * kernel_w * in_c floats per worker.
+  float* patches = nullptr;
+};
+// Each worker's own record.
+struct ConvThreadArg {
+  int index = 0;
+  int count = 1;
+  const AVXFloatConvParam* shared = nullptr;
+};
+
+// Worker entry of the portable tiled path; arg is a ConvThreadArg.
+void* computeConv_tiled(void* arg);
+
+// The tile product: M rows of N outputs; row r reduces over outer * inner
+// values of A (row-major, stride outer * inner) against the rows of B (N
+// weights each, one row per reduction index). Each output is summed in
+// reduction order, then multiplied by multiplier, biased and activated.
+void gemm_float(float* C, const float* A, const float* B, const float* bias, int inner, int N,
+                int M, int outer, ActivationFn activate, float alpha, int multiplier);
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+#endif  // KOVRAEXECUTOR_OPS_CONV2D_CPU_H_

@@ -1,0 +1,68 @@
+#include "ops/kernels/dwconv2d_cpu.h"
+
+#include <cstddef>
+
+#include "ops/kernels/avx_common.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+namespace {
+
+void reference_row(const float* image, const float* weight, const float* bias, float* out, const ConvGeometry& g,
+                   int oy) {
+  const int multiplier = g.out_c / g.in_c;
+  for (int ox = 0; ox < g.out_w; ++ox, out += g.out_c) {
+    for (int oc = 0; oc < g.out_c; ++oc) {
+      const int c = oc / multiplier;
+      float sum = 0.0f;
+      for (int ky = 0; ky < g.kernel_h; ++ky) {
+        const int iy = oy * g.stride_h + ky * g.dilation_h - g.pad_top;
+        for (int kx = 0; kx < g.kernel_w; ++kx) {
+          const int ix = ox * g.stride_w + kx * g.dilation_w - g.pad_left;
+          const bool inside = iy >= 0 && iy < g.in_h && ix >= 0 && ix < g.in_w;
+          const float value = inside ? image[(static_cast<size_t>(iy) * g.in_w + ix) * g.in_c + c] : g.pad_value;
+          sum += value * weight[static_cast<size_t>(ky * g.kernel_w + kx) * g.out_c + oc];
+        }
+      }
+      out[oc] = sum + bias[oc];
+    }
+  }
+}
+
+}  // namespace
+
+void dwconv_activate(float* row, int count, const ConvGeometry& g) {
+  if (!g.clip) {
+    g.activate(row, count, g.alpha);
+    return;
+  }
+  for (int i = 0; i < count; ++i) {
+    const float upper = row[i] < g.clip_max ? row[i] : g.clip_max;
+    row[i] = upper > g.clip_min ? upper : g.clip_min;
+  }
+}
+
+void dwconv2d_cpu(const float* input, const float* weight, const float* bias, float* output,
+                  const ConvGeometry& g) {
+  const KernelIsa isa = g.out_c == g.in_c ? active_isa() : KernelIsa::kPortable;
+  const size_t row_size = static_cast<size_t>(g.out_w) * g.out_c;
+  for (int b = 0; b < g.batch; ++b) {
+    const float* image = input + static_cast<size_t>(b) * g.in_h * g.in_w * g.in_c;
+    for (int oy = 0; oy < g.out_h; ++oy) {
+      float* out = output + (static_cast<size_t>(b) * g.out_h + oy) * row_size;
+      switch (isa) {
+        case KernelIsa::kAvx512: dwconv_row_f32_avx512(image, weight, bias, out, g, oy); break;
+        case KernelIsa::kAvx2: dwconv_row_f32_avx2(image, weight, bias, out, g, oy); break;
+        default: reference_row(image, weight, bias, out, g, oy); break;
+      }
+      // Element-wise, so one call covers the whole row.
+      dwconv_activate(out, static_cast<int>(row_size), g);
+    }
+  }
+}
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra

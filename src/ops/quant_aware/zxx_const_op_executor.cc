@@ -1,0 +1,3 @@
+#include "ops/quant_aware/placeholder_op.h"
+
+KOVRA_PLACEHOLDER_OP(ZxxConst)

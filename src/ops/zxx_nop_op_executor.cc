@@ -1,3 +1,0 @@
-#include "ops/placeholder_op.h"
-
-KOVRA_PLACEHOLDER_OP(ZxxNOp)
