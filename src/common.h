@@ -32,16 +32,16 @@ void print_log(const std::string& text);
 }  // namespace trenkit
 }  // namespace kovra
 
-// The condition text is printed as written in the source, as users grep for it.
-#define KOVRA_CHECK(cond)                                                  \
-  do {                                                                     \
-    if (!(cond)) ::kovra::trenkit::kovraexecutor::check_failed(#cond);     \
-  } while (0)
+#define KOVRA_UNLIKELY(x) __builtin_expect(!!(x), 0)
 
-// The message is a string literal and is printed with its quotes.
-#define KOVRA_CHECK_MSG(cond, msg)                                         \
-  do {                                                                     \
-    if (!(cond)) ::kovra::trenkit::kovraexecutor::check_failed(#cond, #msg); \
+// The one check of the library. `condition` is the text users see (usually
+// the condition as the message catalogue spells it) and `message` any
+// expression giving the reason; it is evaluated only when the check fails, so
+// a passing check costs a compare and builds no string. Prints
+// `Error: Check failed: <condition>=="<message>"` and stops.
+#define KOVRA_ENSURE_MSG(ok, condition, message)                                                             \
+  do {                                                                                                       \
+    if (KOVRA_UNLIKELY(!(ok))) ::kovra::trenkit::kovraexecutor::check_failed_quoted((condition), (message)); \
   } while (0)
 
 #endif  // KOVRAEXECUTOR_COMMON_H_

@@ -10,9 +10,12 @@ namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-// The attribute-reading rules every operator uses. Each reader returns false
-// and leaves `value` untouched when the key is absent, so defaults live in the
-// parameter record.
+// The one attribute reader: every operator reads its attributes through these
+// functions, once, in parse_parameter. Each reader returns false and leaves
+// `value` untouched when the key is absent, so defaults live in the parameter
+// record; each require_* form stops with
+// `Check failed: suc=="<message>"` instead (the message as the operator's
+// catalogue spells it).
 
 // Float scalar: the float when the value holds one, 0 for any other kind.
 bool read_float(const NodeDef& node, const char* key, float& value);
@@ -21,17 +24,36 @@ bool read_float_as_int(const NodeDef& node, const char* key, int& value);
 // Integer attributes of quantized operators: the integer when the value holds
 // one, 0 for any other kind.
 bool read_int(const NodeDef& node, const char* key, int& value);
+// Integer scalars that converters write either way: the integer, or the float
+// truncated toward zero; 0 for any other kind.
+bool read_int_or_float(const NodeDef& node, const char* key, int& value);
 // Bool attributes: the bool, else the integer or float as a truth value.
 bool read_bool(const NodeDef& node, const char* key, bool& value);
 // String: the bytes when the value holds a string, empty otherwise.
 bool read_string(const NodeDef& node, const char* key, std::string& value);
 // Integer list (list.i); empty when the value holds no integer list.
 bool read_int_list(const NodeDef& node, const char* key, std::vector<int>& values);
-// Float list (list.f); empty when the value holds no float list.
+// Float vector: a float list (list.f) or a float tensor (its content, or its
+// float_val entries, one of which fills the whole shape); empty for any other
+// kind. A tensor whose content does not fill its shape stops with a message
+// naming the node and the key.
 bool read_float_list(const NodeDef& node, const char* key, std::vector<float>& values);
 
-// A required attribute: aborts with `Check failed: suc=="<message>"` when absent.
+void require_float(const NodeDef& node, const char* key, float& value, const std::string& message);
+void require_float_as_int(const NodeDef& node, const char* key, int& value, const std::string& message);
+void require_int(const NodeDef& node, const char* key, int& value, const std::string& message);
+void require_int_or_float(const NodeDef& node, const char* key, int& value, const std::string& message);
+void require_string(const NodeDef& node, const char* key, std::string& value, const std::string& message);
+void require_int_list(const NodeDef& node, const char* key, std::vector<int>& values,
+                      const std::string& message);
+void require_float_list(const NodeDef& node, const char* key, std::vector<float>& values,
+                        const std::string& message);
+// For presence rules the readers cannot express (a key required only in some
+// configurations): stops with `Check failed: suc=="<message>"` unless `suc`.
 void require_attr(bool suc, const std::string& message);
+
+// "Do not find the <key> in <op>!!!", the catalogue's pattern for a missing key.
+std::string missing_message(const char* key, const char* op);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit

@@ -59,6 +59,19 @@ class OpExecutor {
   Node* owner_ = nullptr;
 };
 
+// Every operator owns its parameter record by value, through this base:
+// parse_parameter fills the attributes once, inference_shape adds what
+// depends on the input shapes (geometry, padding, factors), execute reads it.
+template <typename Param>
+class ParamOpExecutor : public OpExecutor {
+ public:
+  const Param& param() const { return op_param_; }
+  Param& mutable_param() { return op_param_; }
+
+ protected:
+  Param op_param_;
+};
+
 typedef OpExecutor* (*OpCreator)();
 
 class Holder {

@@ -1,5 +1,6 @@
 #include "tensor.h"
 
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -40,9 +41,16 @@ int product(const std::vector<int>& shape) {
   return static_cast<int>(count);
 }
 
+std::atomic<uint64_t>& version_counter() {
+  static std::atomic<uint64_t> counter{0};
+  return counter;
+}
+
 }  // namespace
 
-Tensor::Tensor() : data_type_byte_size_(make_byte_size_table()) {}
+void Tensor::_touch() { version_ = version_counter().fetch_add(1, std::memory_order_relaxed) + 1; }
+
+Tensor::Tensor() : data_type_byte_size_(make_byte_size_table()) { _touch(); }
 
 Tensor::Tensor(const std::vector<int>& shape, DataType type, void* data, std::string device)
     : Tensor() {
@@ -72,6 +80,8 @@ Tensor::Tensor(Tensor&& other) noexcept
       head_(other.head_),
       data_type_(other.data_type_),
       unread_(other.unread_) {
+  _touch();
+  other._touch();
   other.data_type_byte_size_ = make_byte_size_table();
   other.slave_tensors_.clear();
   other.data_ = nullptr;
@@ -89,6 +99,7 @@ Tensor::~Tensor() {
 Tensor& Tensor::operator=(const Tensor& other) {
   if (&other == this) return *this;
   set_data(other.shape_, other.data_type_, nullptr);
+  _touch();
   if (other.byte_size_ > 0 && data_ != nullptr) {
     std::memcpy(data_, other.get_ptr(), static_cast<size_t>(other.byte_size_));
   }
@@ -107,6 +118,7 @@ int Tensor::_get_ele_byte_size(DataType type) const {
 void Tensor::set_data(const std::vector<int>& shape, DataType type, void* data) {
   // A rank-0 shape cannot (re)size a tensor through this call.
   if (shape.empty()) return;
+  _touch();
   data_type_ = type;
   if (&shape != &shape_) shape_ = shape;
   size_ = product(shape_);
@@ -153,6 +165,7 @@ const void* Tensor::get_ptr() const {
 
 void* Tensor::get_mutable_ptr() {
   _to_cpu();
+  _touch();
   return data_;
 }
 
@@ -170,6 +183,7 @@ float Tensor::at(int index) const {
 
 float& Tensor::at(int index) {
   check_index(index);
+  _touch();
   return static_cast<float*>(data_)[index];
 }
 

@@ -39,6 +39,7 @@ class Tensor {
   void reshape(const std::vector<int>& shape);
 
   const void* get_ptr() const;
+  // Mutable access counts as a change of contents (see version()).
   void* get_mutable_ptr();
   template <typename T>
   const T* data() const {
@@ -62,6 +63,13 @@ class Tensor {
   const std::string& name() const { return name_; }
   void set_name(const std::string& name) { name_ = name; }
   bool own_data() const { return own_data_; }
+  // Changes whenever the contents may have changed: on every mutable access,
+  // every new shape or buffer and every assignment. Values are unique across
+  // all tensors of the process, so a tensor created where another one lived
+  // never repeats its version; caches derived from a tensor's values (packed
+  // weights) key on it. A borrowed buffer changed behind the tensor's back is
+  // not seen: call get_mutable_ptr() after writing into it.
+  uint64_t version() const { return version_; }
   int head() const { return head_; }
   int dims() const { return static_cast<int>(shape_.size()); }
   // Bytes per element of a supported type; aborts for any other code.
@@ -160,6 +168,9 @@ class Tensor {
   int head_ = 0;
   DataType data_type_ = DT_INVALID;
   bool unread_ = true;
+  uint64_t version_ = 0;
+
+  void _touch();
 };
 
 }  // namespace kovraexecutor

@@ -21,15 +21,15 @@ struct ConvSteps {
 // the padding word (anything but "SAME"/"VALID" fails the check "false").
 // Empty strides or dilations mean 1; empty pads mean 0.
 ConvSteps conv_steps(const std::vector<int>& strides, const std::vector<int>& dilations,
-                     const std::vector<int>& pads, const std::string& padding, const std::string& op);
+                     const std::vector<int>& pads, const std::string& padding, const char* op);
 
 // [N, OH, OW] of an NHWC input under these steps ("SAME": ceil(H / stride);
 // "VALID": the explicit-padding formula); aborts unless OH, OW > 0.
-void conv_output_hw(const std::vector<int>& input_shape, int kernel_h, int kernel_w,
-                    const ConvSteps& steps, const std::string& op, int& out_h, int& out_w);
+void conv_output_hw(const std::vector<int>& input_shape, int kernel_h, int kernel_w, const ConvSteps& steps,
+                    const char* op, int& out_h, int& out_w);
 
 // Every dimension of a tensor the kernels index must be positive.
-void check_positive_dims(const Tensor* tensor, const std::string& op);
+void check_positive_dims(const Tensor* tensor, const char* op);
 
 // The gradient buffers of a convolution's backward pass, sized and ready.
 struct ConvGradientSlots {
@@ -46,7 +46,7 @@ void require_conv_weight_gradient(const std::vector<Tensor*>& input_grads, const
 // requested slot like the tensor it is the gradient of.
 ConvGradientSlots prepare_conv_gradients(const std::vector<const Tensor*>& inputs, const Tensor* output,
                                          const Tensor* output_grad, std::vector<Tensor*>& input_grads,
-                                         long long out_count, int out_channels, const std::string& op);
+                                         long long out_count, int out_channels, const char* op);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit

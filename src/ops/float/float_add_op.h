@@ -20,13 +20,11 @@ class FloatAddOpExecutor : public FloatBinaryOpExecutor<Param> {
   typedef void (*Forward)(const float*, int, const float*, int, float*, FusedRelu);
   typedef void (*Backward)(const float*, const float*, int, int, FusedRelu, float*, float*);
 
-  FloatAddOpExecutor(std::string name, Pairing pairing, Forward forward, Backward backward)
-      : FloatBinaryOpExecutor<Param>(name, "Float" + name, pairing),
-        forward_(forward),
-        backward_(backward) {}
+  FloatAddOpExecutor(const char* name, const char* label, Pairing pairing, Forward forward, Backward backward)
+      : FloatBinaryOpExecutor<Param>(name, label, pairing), forward_(forward), backward_(backward) {}
 
   void parse_parameter(const NodeDef& node_def) override {
-    read_string(node_def, "ActionType", this->op_param_->action_type);
+    read_string(node_def, "ActionType", this->op_param_.action_type);
   }
 
   void backward(const std::vector<const Tensor*>& inputs, const Tensor* output,
@@ -36,12 +34,12 @@ class FloatAddOpExecutor : public FloatBinaryOpExecutor<Param> {
     float* grads[2];
     prepare_input_grads(inputs, output_grad, n, input_grads, 2, grads, this->name_);
     backward_(output->data<float>(), output_grad->data<float>(), n, inputs[1]->size(),
-              fused_relu_kind(this->op_param_->action_type), grads[0], grads[1]);
+              fused_relu_kind(this->op_param_.action_type), grads[0], grads[1]);
   }
 
  protected:
   void _compute(const float* a, int n, const float* b, int nb, float* out) const override {
-    forward_(a, n, b, nb, out, fused_relu_kind(this->op_param_->action_type));
+    forward_(a, n, b, nb, out, fused_relu_kind(this->op_param_.action_type));
   }
 
  private:

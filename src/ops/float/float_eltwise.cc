@@ -4,11 +4,11 @@ namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-void check_rank4(const Tensor* input_tensor, const std::string& message) {
-  op_check(input_tensor->shape().size() == 4, "input_tensor->shape().size() == 4", message);
+void check_rank4(const Tensor* input_tensor, const char* message) {
+  KOVRA_ENSURE_MSG(input_tensor->shape().size() == 4, "input_tensor->shape().size() == 4", message);
 }
 
-void check_pairing(const Tensor* b, int n, Pairing pairing, const std::string& op) {
+void check_pairing(const Tensor* b, int n, Pairing pairing, const char* op) {
   switch (pairing) {
     case Pairing::kCyclic:
       check_min_size(b, 1, op);
@@ -22,10 +22,10 @@ void check_pairing(const Tensor* b, int n, Pairing pairing, const std::string& o
   }
 }
 
-void prepare_input_grads(const std::vector<const Tensor*>& inputs, const Tensor* output_grad,
-                         int n, std::vector<Tensor*>& input_grads, size_t count, float** grads,
-                         const std::string& op) {
-  op_check(output_grad != nullptr, "output_grad != nullptr", op + " has no output gradient");
+void prepare_input_grads(const std::vector<const Tensor*>& inputs, const Tensor* output_grad, int n,
+                         std::vector<Tensor*>& input_grads, size_t count, float** grads, const char* op) {
+  KOVRA_ENSURE_MSG(output_grad != nullptr, "output_grad != nullptr",
+                   std::string(op) + " has no output gradient");
   check_float(output_grad, op);
   check_min_size(output_grad, n, op);
   for (size_t k = 0; k < count; ++k) {

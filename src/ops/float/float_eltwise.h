@@ -18,12 +18,11 @@ namespace kovraexecutor {
 // the output shape (the first input's), the rank check and the input checks.
 // An operator file only adds its attributes and the kernel it calls.
 template <typename Param>
-class FloatEltwiseOpExecutor : public OpExecutor {
+class FloatEltwiseOpExecutor : public ParamOpExecutor<Param> {
  public:
   // `name` is the registered name, used by the input checks; `label` is how
   // the operator names itself in its rank message ("FloatZ40Relu" ...).
-  FloatEltwiseOpExecutor(std::string name, std::string label)
-      : op_param_(new Param()), name_(std::move(name)), label_(std::move(label)) {}
+  FloatEltwiseOpExecutor(const char* name, const char* label) : name_(name), label_(label) {}
 
   void inference_shape(const std::vector<const Tensor*>& inputs,
                        std::vector<int>& shape) override {
@@ -32,8 +31,6 @@ class FloatEltwiseOpExecutor : public OpExecutor {
     _check_rank(input_tensor);
     shape = input_tensor->shape();
   }
-
-  const Param& param() const { return *op_param_; }
 
  protected:
   // Rank rule of most members: anything but a scalar.
@@ -46,13 +43,12 @@ class FloatEltwiseOpExecutor : public OpExecutor {
     for (size_t i = 0; i < count; ++i) check_float(inputs[i], name_);
   }
 
-  std::unique_ptr<Param> op_param_;
-  const std::string name_;
-  const std::string label_;
+  const char* const name_;
+  const char* const label_;
 };
 
 // The rank rule "input_tensor->shape().size() == 4" with the operator's own message.
-void check_rank4(const Tensor* input_tensor, const std::string& message);
+void check_rank4(const Tensor* input_tensor, const char* message);
 
 // One input, one output of the same size: the operator supplies `_compute`.
 template <typename Param>
@@ -81,21 +77,20 @@ enum class Pairing {
 };
 
 // Validates b for `pairing` against n elements of a; fatal when too short.
-void check_pairing(const Tensor* b, int n, Pairing pairing, const std::string& op);
+void check_pairing(const Tensor* b, int n, Pairing pairing, const char* op);
 
 // For a gradient pass: checks the incoming gradient against n elements and
 // shapes each wanted input gradient (a non-null input_grads[k], k < count) like
 // inputs[k]; grads[k] is its buffer, or null when it is not wanted.
-void prepare_input_grads(const std::vector<const Tensor*>& inputs, const Tensor* output_grad,
-                         int n, std::vector<Tensor*>& input_grads, size_t count, float** grads,
-                         const std::string& op);
+void prepare_input_grads(const std::vector<const Tensor*>& inputs, const Tensor* output_grad, int n,
+                         std::vector<Tensor*>& input_grads, size_t count, float** grads, const char* op);
 
 // Two inputs a and b, output shaped like a: the operator supplies `_compute`.
 template <typename Param>
 class FloatBinaryOpExecutor : public FloatEltwiseOpExecutor<Param> {
  public:
-  FloatBinaryOpExecutor(std::string name, std::string label, Pairing pairing)
-      : FloatEltwiseOpExecutor<Param>(std::move(name), std::move(label)), pairing_(pairing) {}
+  FloatBinaryOpExecutor(const char* name, const char* label, Pairing pairing)
+      : FloatEltwiseOpExecutor<Param>(name, label), pairing_(pairing) {}
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
     const int n = output->size();

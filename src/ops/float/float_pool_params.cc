@@ -12,7 +12,7 @@ namespace trenkit {
 namespace kovraexecutor {
 
 void read_pool_attributes(const NodeDef& node, PoolAttributes& attrs, const std::string& ksize_message) {
-  require_attr(read_int_list(node, "ksize", attrs.ksize), ksize_message);
+  require_int_list(node, "ksize", attrs.ksize, ksize_message);
   read_int_list(node, "strides", attrs.strides);
   read_string(node, "padding", attrs.padding);
   read_int_list(node, "pads", attrs.pads);
@@ -33,16 +33,17 @@ int explicit_out_size(int in, int pad_begin, int pad_end, int kernel, int stride
 
 }  // namespace
 
-PoolGeometry plan_pool(const std::vector<int>& in, const PoolAttributes& a, const std::string& op) {
-  op_check(a.ksize.size() > 2, "op_param_->ksize.size() > 2", "Wrong kernel size.");
-  op_check(a.strides.size() > 2, "op_param_->strides.size() > 2", "Wrong strides size.");
+PoolGeometry plan_pool(const std::vector<int>& in, const PoolAttributes& a, const char* op) {
+  KOVRA_ENSURE_MSG(a.ksize.size() > 2, "op_param_->ksize.size() > 2", "Wrong kernel size.");
+  KOVRA_ENSURE_MSG(a.strides.size() > 2, "op_param_->strides.size() > 2", "Wrong strides size.");
   PoolGeometry g;
   g.n = in[0], g.h = in[1], g.w = in[2], g.c = in[3];
   g.kernel_h = a.ksize[1], g.kernel_w = a.ksize[2];
   g.stride_h = a.strides[1], g.stride_w = a.strides[2];
-  op_check(g.kernel_h > 0 && g.kernel_w > 0 && g.stride_h > 0 && g.stride_w > 0,
-           "kernel and strides > 0",
-           op + ": ksize " + shape_text(a.ksize) + " and strides " + shape_text(a.strides) + " must be positive");
+  KOVRA_ENSURE_MSG(g.kernel_h > 0 && g.kernel_w > 0 && g.stride_h > 0 && g.stride_w > 0,
+                   "kernel and strides > 0",
+                   std::string(op) + ": ksize " + shape_text(a.ksize) + " and strides " +
+                       shape_text(a.strides) + " must be positive");
   if (a.padding == "SAME") {
     g.out_h = static_cast<int>(std::ceil(static_cast<float>(g.h) / static_cast<float>(g.stride_h)));
     g.out_w = static_cast<int>(std::ceil(static_cast<float>(g.w) / static_cast<float>(g.stride_w)));
@@ -50,16 +51,18 @@ PoolGeometry plan_pool(const std::vector<int>& in, const PoolAttributes& a, cons
     g.pad_left = same_pad_begin(g.w, g.out_w, g.kernel_w, g.stride_w);
   } else if (a.padding == "VALID") {
     std::vector<int> pads = a.pads.empty() ? std::vector<int>(4, 0) : a.pads;
-    op_check(pads.size() >= 4, "pads.size() >= 4",
-             op + ": pads " + shape_text(pads) + " needs top, bottom, left and right");
+    KOVRA_ENSURE_MSG(pads.size() >= 4, "pads.size() >= 4",
+                     std::string(op) + ": pads " + shape_text(pads) + " needs top, bottom, left and right");
     bool pads_ok = true;
     for (int i = 0; i < 4; ++i) pads_ok = pads_ok && pads[i] >= 0 && pads[i] < (i < 2 ? g.kernel_h : g.kernel_w);
-    op_check(pads_ok, "0 <= pad < kernel",
-             op + ": pads " + shape_text(pads) + " must be smaller than ksize " + shape_text(a.ksize));
+    KOVRA_ENSURE_MSG(pads_ok, "0 <= pad < kernel",
+                     std::string(op) + ": pads " + shape_text(pads) + " must be smaller than ksize " +
+                         shape_text(a.ksize));
     const long long padded_h = static_cast<long long>(g.h) + pads[0] + pads[1];
     const long long padded_w = static_cast<long long>(g.w) + pads[2] + pads[3];
-    op_check(padded_h >= g.kernel_h && padded_w >= g.kernel_w, "kernel <= padded input",
-             op + ": ksize " + shape_text(a.ksize) + " is larger than the padded input " + shape_text(in));
+    KOVRA_ENSURE_MSG(padded_h >= g.kernel_h && padded_w >= g.kernel_w, "kernel <= padded input",
+                     std::string(op) + ": ksize " + shape_text(a.ksize) +
+                         " is larger than the padded input " + shape_text(in));
     g.out_h = explicit_out_size(g.h, pads[0], pads[1], g.kernel_h, g.stride_h, a.ceil_mode);
     g.out_w = explicit_out_size(g.w, pads[2], pads[3], g.kernel_w, g.stride_w, a.ceil_mode);
     g.pad_top = pads[0];

@@ -27,7 +27,7 @@ void read_pool_attributes(const NodeDef& node, PoolAttributes& attrs, const std:
 
 // Validates the attributes against a 4-D input and returns the window
 // geometry, output size included.
-PoolGeometry plan_pool(const std::vector<int>& in_shape, const PoolAttributes& attrs, const std::string& op);
+PoolGeometry plan_pool(const std::vector<int>& in_shape, const PoolAttributes& attrs, const char* op);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit

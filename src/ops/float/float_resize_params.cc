@@ -21,9 +21,10 @@ int scaled_size(int size, float scale) {
 }  // namespace
 
 ResizeGeometry plan_resize(const std::vector<const Tensor*>& inputs, float scale_h, float scale_w,
-                           const std::string& op) {
+                           const char* op) {
   check_input_count(inputs, 1, op);
-  check_input_not_scalar(inputs[0], "Float" + op);
+  KOVRA_ENSURE_MSG(!inputs[0]->shape().empty(), "input_tensor->shape().size() > 0",
+                   std::string("The shape of input is 0 in Float") + op + "!!!");
   check_rank(inputs[0], 4, op);
   const std::vector<int>& s = inputs[0]->shape();
   ResizeGeometry g;

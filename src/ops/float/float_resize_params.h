@@ -16,7 +16,7 @@ namespace kovraexecutor {
 // Checks the input (label as in the operator's messages) and that the
 // resized image is not empty.
 ResizeGeometry plan_resize(const std::vector<const Tensor*>& inputs, float scale_h, float scale_w,
-                           const std::string& op);
+                           const char* op);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit

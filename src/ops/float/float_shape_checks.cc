@@ -18,28 +18,30 @@ std::string shape_text(const std::vector<int>& shape) {
   return text + "]";
 }
 
-void check_rank(const Tensor* input, int rank, const std::string& op) {
-  op_check(input->dims() == rank, ("input->dims() == " + std::to_string(rank)).c_str(),
-           op + " needs a " + std::to_string(rank) + "-D input but got " + shape_text(input->shape()));
+void check_rank(const Tensor* input, int rank, const char* op) {
+  KOVRA_ENSURE_MSG(input->dims() == rank, ("input->dims() == " + std::to_string(rank)).c_str(),
+                   std::string(op) + " needs a " + std::to_string(rank) + "-D input but got " +
+                       shape_text(input->shape()));
   check_float(input, op);
 }
 
-void check_same_count(const std::vector<int>& shape, const Tensor* input, const std::string& op) {
-  op_check(element_count(shape) == input->size(), "element_count(output_shape) == input->size()",
-           op + ": output_shape " + shape_text(shape) + " does not hold the " +
-               std::to_string(input->size()) + " elements of input " + shape_text(input->shape()));
+void check_same_count(const std::vector<int>& shape, const Tensor* input, const char* op) {
+  KOVRA_ENSURE_MSG(element_count(shape) == input->size(), "element_count(output_shape) == input->size()",
+                   std::string(op) + ": output_shape " + shape_text(shape) + " does not hold the " +
+                       std::to_string(input->size()) + " elements of input " + shape_text(input->shape()));
 }
 
-void check_positive_dims(const std::vector<int>& shape, const std::string& what, const std::string& op) {
+void check_positive_dims(const std::vector<int>& shape, const std::string& what, const char* op) {
   bool ok = !shape.empty();
   for (int d : shape) ok = ok && d > 0;
-  op_check(ok, "all dimensions > 0", op + ": " + what + " " + shape_text(shape) + " has an empty dimension");
+  KOVRA_ENSURE_MSG(ok, "all dimensions > 0",
+                   std::string(op) + ": " + what + " " + shape_text(shape) + " has an empty dimension");
 }
 
-void check_output_shape(const Tensor* output, const std::vector<int>& shape, const std::string& op) {
-  op_check(output->shape() == shape, "output->shape() == inferred shape",
-           op + ": output tensor " + shape_text(output->shape()) + " but the inputs give " +
-               shape_text(shape));
+void check_output_shape(const Tensor* output, const std::vector<int>& shape, const char* op) {
+  KOVRA_ENSURE_MSG(output->shape() == shape, "output->shape() == inferred shape",
+                   std::string(op) + ": output tensor " + shape_text(output->shape()) +
+                       " but the inputs give " + shape_text(shape));
 }
 
 }  // namespace kovraexecutor

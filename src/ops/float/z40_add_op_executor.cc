@@ -12,7 +12,8 @@ struct Z40AddParam : BaseParam {
 // a + b[i mod count(b)] (a per-channel bias, or one value for all), then the fused activation.
 class Z40AddOpExecutor : public FloatAddOpExecutor<Z40AddParam> {
  public:
-  Z40AddOpExecutor() : FloatAddOpExecutor("Z40Add", Pairing::kCyclic, add_cpu, add_backward_cpu) {}
+  Z40AddOpExecutor()
+      : FloatAddOpExecutor("Z40Add", "FloatZ40Add", Pairing::kCyclic, add_cpu, add_backward_cpu) {}
 };
 
 }  // namespace kovraexecutor

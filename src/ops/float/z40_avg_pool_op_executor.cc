@@ -12,12 +12,10 @@ namespace kovraexecutor {
 
 struct Z40AvgPoolParam : BaseParam, PoolAttributes {};
 
-class Z40AvgPoolOpExecutor : public OpExecutor {
+class Z40AvgPoolOpExecutor : public ParamOpExecutor<Z40AvgPoolParam> {
  public:
-  Z40AvgPoolOpExecutor() : op_param_(new Z40AvgPoolParam()) {}
-
   void parse_parameter(const NodeDef& node) override {
-    read_pool_attributes(node, *op_param_, "Do not find the ksize in FloatZ40AvgPool!!!");
+    read_pool_attributes(node, op_param_, "Do not find the ksize in FloatZ40AvgPool!!!");
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
@@ -37,12 +35,11 @@ class Z40AvgPoolOpExecutor : public OpExecutor {
   PoolGeometry _plan(const std::vector<const Tensor*>& inputs) const {
     check_input_count(inputs, 1, "Z40AvgPool");
     const Tensor* input = inputs[0];
-    op_check(input->dims() == 4, "input_tensor->shape().size() == 4", "Wrong input shape in z40_avg_pool.");
+    KOVRA_ENSURE_MSG(input->dims() == 4, "input_tensor->shape().size() == 4",
+                     "Wrong input shape in z40_avg_pool.");
     check_float(input, "Z40AvgPool");
-    return plan_pool(input->shape(), *op_param_, "Z40AvgPool");
+    return plan_pool(input->shape(), op_param_, "Z40AvgPool");
   }
-
-  std::unique_ptr<Z40AvgPoolParam> op_param_;
 };
 
 }  // namespace kovraexecutor

@@ -22,11 +22,11 @@ class Z40BatchNormScaleOpExecutor : public FloatEltwiseOpExecutor<Z40BatchNormSc
       : FloatEltwiseOpExecutor("Z40BatchNormScale", "FloatZ40BatchNormScale") {}
 
   void parse_parameter(const NodeDef& node_def) override {
-    read_string(node_def, "ActionType", op_param_->action_type);
-    require_attr(read_float_list(node_def, "scale", op_param_->scale),
-                 "Do not find the scale in FloatZ40BatchNormScaleOpExecutor!!!");
-    require_attr(read_float_list(node_def, "bias", op_param_->bias),
-                 "Do not find the bias in FloatZ40BatchNormScaleOpExecutor!!!");
+    read_string(node_def, "ActionType", op_param_.action_type);
+    require_float_list(node_def, "scale", op_param_.scale,
+                       "Do not find the scale in FloatZ40BatchNormScaleOpExecutor!!!");
+    require_float_list(node_def, "bias", op_param_.bias,
+                       "Do not find the bias in FloatZ40BatchNormScaleOpExecutor!!!");
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
@@ -36,11 +36,10 @@ class Z40BatchNormScaleOpExecutor : public FloatEltwiseOpExecutor<Z40BatchNormSc
     check_min_size(inputs[0], n, name_);
     if (n < 1) return true;
     const int channels = inputs[0]->shape()[3];
-    check_attr_size(op_param_->scale.size(), channels, "scale", name_);
-    check_attr_size(op_param_->bias.size(), channels, "bias", name_);
-    batch_norm_scale_f32(inputs[0]->data<float>(), n, op_param_->scale.data(),
-                         op_param_->bias.data(), channels, output->mutable_data<float>(),
-                         fused_relu_kind(op_param_->action_type));
+    check_attr_size(op_param_.scale.size(), channels, "scale", name_);
+    check_attr_size(op_param_.bias.size(), channels, "bias", name_);
+    batch_norm_scale_f32(inputs[0]->data<float>(), n, op_param_.scale.data(), op_param_.bias.data(), channels,
+                         output->mutable_data<float>(), fused_relu_kind(op_param_.action_type));
     return true;
   }
 

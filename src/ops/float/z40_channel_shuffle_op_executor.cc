@@ -14,13 +14,11 @@ struct Z40ChannelShuffleParam : BaseParam {
   int groups = 0;
 };
 
-class Z40ChannelShuffleOpExecutor : public OpExecutor {
+class Z40ChannelShuffleOpExecutor : public ParamOpExecutor<Z40ChannelShuffleParam> {
  public:
-  Z40ChannelShuffleOpExecutor() : op_param_(new Z40ChannelShuffleParam()) {}
-
   void parse_parameter(const NodeDef& node) override {
-    require_attr(read_float_as_int(node, "groups", op_param_->groups),
-                 "Do not find the groups in FloatZ40ChannelShuffle!!!");
+    require_float_as_int(node, "groups", op_param_.groups,
+                         "Do not find the groups in FloatZ40ChannelShuffle!!!");
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
@@ -34,7 +32,7 @@ class Z40ChannelShuffleOpExecutor : public OpExecutor {
     check_output_shape(output, input->shape(), "Z40ChannelShuffle");
     if (input->size() < 1) return true;
     channel_shuffle_f32(input->data<float>(), output->mutable_data<float>(), input->shape(),
-                        op_param_->groups);
+                        op_param_.groups);
     return true;
   }
 
@@ -42,16 +40,14 @@ class Z40ChannelShuffleOpExecutor : public OpExecutor {
   void _check(const std::vector<const Tensor*>& inputs) const {
     check_input_count(inputs, 1, "Z40ChannelShuffle");
     const Tensor* input = inputs[0];
-    op_check(input->dims() == 4, "input_tensor->shape().size() == 4",
-             "Wrong input_shape in channel shuffle!!!");
+    KOVRA_ENSURE_MSG(input->dims() == 4, "input_tensor->shape().size() == 4",
+                     "Wrong input_shape in channel shuffle!!!");
     check_float(input, "Z40ChannelShuffle");
-    const int groups = op_param_->groups;
-    op_check(groups > 0 && input->shape()[3] % groups == 0, "channels % groups == 0",
-             "Z40ChannelShuffle: " + std::to_string(input->shape()[3]) +
-                 " channels cannot be split into " + std::to_string(groups) + " groups");
+    const int groups = op_param_.groups;
+    KOVRA_ENSURE_MSG(groups > 0 && input->shape()[3] % groups == 0, "channels % groups == 0",
+                     "Z40ChannelShuffle: " + std::to_string(input->shape()[3]) +
+                         " channels cannot be split into " + std::to_string(groups) + " groups");
   }
-
-  std::unique_ptr<Z40ChannelShuffleParam> op_param_;
 };
 
 }  // namespace kovraexecutor

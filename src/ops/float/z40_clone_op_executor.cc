@@ -11,10 +11,8 @@ namespace kovraexecutor {
 
 struct Z40CloneParam : BaseParam {};
 
-class Z40CloneOpExecutor : public OpExecutor {
+class Z40CloneOpExecutor : public ParamOpExecutor<Z40CloneParam> {
  public:
-  Z40CloneOpExecutor() : op_param_(new Z40CloneParam()) {}
-
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     _check(inputs);
     shape = inputs[0]->shape();
@@ -32,12 +30,10 @@ class Z40CloneOpExecutor : public OpExecutor {
  private:
   void _check(const std::vector<const Tensor*>& inputs) const {
     check_input_count(inputs, 1, "Z40Clone");
-    op_check(inputs[0]->dims() == 4, "input_tensor->shape().size() == 4",
-             "Wrong input shape in FloatZ40Clone!!!");
+    KOVRA_ENSURE_MSG(inputs[0]->dims() == 4, "input_tensor->shape().size() == 4",
+                     "Wrong input shape in FloatZ40Clone!!!");
     check_float(inputs[0], "Z40Clone");
   }
-
-  std::unique_ptr<Z40CloneParam> op_param_;
 };
 
 }  // namespace kovraexecutor

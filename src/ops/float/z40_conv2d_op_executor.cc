@@ -28,15 +28,12 @@ struct Z40Conv2DParam : BaseParam {
   bool has_bias = false;
 };
 
-class Z40Conv2DOpExecutor : public OpExecutor {
+class Z40Conv2DOpExecutor : public ParamOpExecutor<Z40Conv2DParam> {
  public:
-  Z40Conv2DOpExecutor() : op_param_(new Z40Conv2DParam()) {}
-  ~Z40Conv2DOpExecutor() override { delete op_param_; }
-
   void parse_parameter(const NodeDef& node) override {
-    Z40Conv2DParam& p = *op_param_;
-    require_attr(read_int_list(node, "strides", p.strides), "Do not find the strides in FloatZ40Conv2D!!!");
-    require_attr(read_string(node, "padding", p.padding), "Do not find the padding in FloatZ40Conv2D!!!");
+    Z40Conv2DParam& p = op_param_;
+    require_int_list(node, "strides", p.strides, "Do not find the strides in FloatZ40Conv2D!!!");
+    require_string(node, "padding", p.padding, "Do not find the padding in FloatZ40Conv2D!!!");
     read_int_list(node, "pads", p.pads);
     read_int_list(node, "dilations", p.dilations);
     read_float_as_int(node, "groups", p.groups);
@@ -50,7 +47,7 @@ class Z40Conv2DOpExecutor : public OpExecutor {
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     const ConvGeometry g = _geometry(inputs);
-    op_param_->has_bias = inputs.size() == 3;
+    op_param_.has_bias = inputs.size() == 3;
     shape = {g.batch, g.out_h, g.out_w, g.out_c};
   }
 
@@ -58,8 +55,8 @@ class Z40Conv2DOpExecutor : public OpExecutor {
     const ConvGeometry g = _geometry(inputs);
     check_min_size(output, static_cast<long long>(g.batch) * g.out_h * g.out_w * g.out_c, kOp);
     // A node without bias adds a zero bias of out_channels values.
-    const std::vector<float> zero_bias(op_param_->has_bias ? 0 : g.out_c, 0.0f);
-    const float* bias = op_param_->has_bias ? inputs[2]->data<float>() : zero_bias.data();
+    const std::vector<float> zero_bias(op_param_.has_bias ? 0 : g.out_c, 0.0f);
+    const float* bias = op_param_.has_bias ? inputs[2]->data<float>() : zero_bias.data();
     const float* in = inputs[0]->data<float>();
     const float* w = inputs[1]->data<float>();
     if (_tiled(g)) {
@@ -88,19 +85,20 @@ class Z40Conv2DOpExecutor : public OpExecutor {
   // Checks inputs, weights and bias against each other and works out the
   // shapes and the padding of the path that will run.
   ConvGeometry _geometry(const std::vector<const Tensor*>& inputs) {
-    const Z40Conv2DParam& p = *op_param_;
-    op_check(!inputs.empty() && inputs[0]->shape().size() == 4, "input_tensor->shape().size() == 4",
-             "Wrong input shape in z40 conv2d!!!");
+    const Z40Conv2DParam& p = op_param_;
+    KOVRA_ENSURE_MSG(!inputs.empty() && inputs[0]->shape().size() == 4, "input_tensor->shape().size() == 4",
+                     "Wrong input shape in z40 conv2d!!!");
     check_input_count(inputs, 2, kOp);
     const Tensor* input = inputs[0];
     const Tensor* weight = inputs[1];
     check_float(input, kOp);
     check_float(weight, kOp);
     check_positive_dims(input, kOp);
-    op_check(weight->shape().size() == 4, "weight->shape().size() == 4",
-             std::string(kOp) + ": weight must be [kernel_h, kernel_w, in_channels / groups, out_channels]");
+    KOVRA_ENSURE_MSG(
+        weight->shape().size() == 4, "weight->shape().size() == 4",
+        std::string(kOp) + ": weight must be [kernel_h, kernel_w, in_channels / groups, out_channels]");
     check_positive_dims(weight, kOp);
-    op_param_->kernel_shape = weight->shape();
+    op_param_.kernel_shape = weight->shape();
     const ConvSteps steps = conv_steps(p.strides, p.dilations, p.pads, p.padding, kOp);
     ConvGeometry g;
     g.batch = input->shape()[0];
@@ -111,20 +109,21 @@ class Z40Conv2DOpExecutor : public OpExecutor {
     g.kernel_w = weight->shape()[1];
     g.out_c = weight->shape()[3];
     g.groups = p.groups;
-    op_check(g.groups > 0 && g.out_c % g.groups == 0, "groups > 0 && out_channels % groups == 0",
-             std::string(kOp) + ": groups " + std::to_string(g.groups) + " do not divide out_channels " +
-                 std::to_string(g.out_c));
-    op_check(static_cast<long long>(weight->shape()[2]) * g.groups == g.in_c,
-             "weight_in_channels * groups == input_channels",
-             std::string(kOp) + ": weight in-channels " + std::to_string(weight->shape()[2]) + " x groups " +
-                 std::to_string(g.groups) + " != input channels " + std::to_string(g.in_c));
+    KOVRA_ENSURE_MSG(g.groups > 0 && g.out_c % g.groups == 0, "groups > 0 && out_channels % groups == 0",
+                     std::string(kOp) + ": groups " + std::to_string(g.groups) +
+                         " do not divide out_channels " + std::to_string(g.out_c));
+    KOVRA_ENSURE_MSG(static_cast<long long>(weight->shape()[2]) * g.groups == g.in_c,
+                     "weight_in_channels * groups == input_channels",
+                     std::string(kOp) + ": weight in-channels " + std::to_string(weight->shape()[2]) +
+                         " x groups " + std::to_string(g.groups) + " != input channels " +
+                         std::to_string(g.in_c));
     if (inputs.size() > 2) {
       check_float(inputs[2], kOp);
       check_min_size(inputs[2], g.out_c, kOp);
     }
     conv_output_hw(input->shape(), g.kernel_h, g.kernel_w, steps, kOp, g.out_h, g.out_w);
-    op_check(static_cast<long long>(g.batch) * g.out_h * g.out_w * g.out_c <= 0x7fffffffLL,
-             "output_size <= INT_MAX", std::string(kOp) + ": output too large");
+    KOVRA_ENSURE_MSG(static_cast<long long>(g.batch) * g.out_h * g.out_w * g.out_c <= 0x7fffffffLL,
+                     "output_size <= INT_MAX", std::string(kOp) + ": output too large");
     g.stride_h = steps.stride_h;
     g.stride_w = steps.stride_w;
     g.dilation_h = steps.dilation_h;
@@ -145,8 +144,6 @@ class Z40Conv2DOpExecutor : public OpExecutor {
     }
     return g;
   }
-
-  Z40Conv2DParam* op_param_;
 };
 
 }  // namespace kovraexecutor

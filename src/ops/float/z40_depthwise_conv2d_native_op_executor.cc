@@ -30,18 +30,14 @@ struct Z40DepthwiseConv2dNativeParam : BaseParam {
   bool is_conv1d = false, post_training_quantization = false;
 };
 
-class Z40DepthwiseConv2dNativeOpExecutor : public OpExecutor {
+class Z40DepthwiseConv2dNativeOpExecutor : public ParamOpExecutor<Z40DepthwiseConv2dNativeParam> {
  public:
-  Z40DepthwiseConv2dNativeOpExecutor() : op_param_(new Z40DepthwiseConv2dNativeParam()) {}
-  ~Z40DepthwiseConv2dNativeOpExecutor() override { delete op_param_; }
-
   void parse_parameter(const NodeDef& node) override {
-    Z40DepthwiseConv2dNativeParam& p = *op_param_;
+    Z40DepthwiseConv2dNativeParam& p = op_param_;
     read_int_list(node, "strides", p.strides);
-    require_attr(read_string(node, "padding", p.padding),
-                 "Do not find the padding in FloatZ40DepthwiseConv2dNative!!!");
-    require_attr(read_int_list(node, "dilations", p.dilations),
-                 "Do not find the dilations in FloatZ40DepthwiseConv2dNative!!!");
+    require_string(node, "padding", p.padding, "Do not find the padding in FloatZ40DepthwiseConv2dNative!!!");
+    require_int_list(node, "dilations", p.dilations,
+                     "Do not find the dilations in FloatZ40DepthwiseConv2dNative!!!");
     read_int_list(node, "pads", p.pads);
     read_float(node, "pad_value", p.pad_value);
     read_string(node, "ActionType", p.action_type);
@@ -80,19 +76,19 @@ class Z40DepthwiseConv2dNativeOpExecutor : public OpExecutor {
 
  private:
   ConvGeometry _geometry(const std::vector<const Tensor*>& inputs) {
-    const Z40DepthwiseConv2dNativeParam& p = *op_param_;
-    op_check(!inputs.empty() && inputs[0]->shape().size() == 4, "input_tensor->shape().size() == 4",
-             "Wrong input shape in FloatZ40DepthwiseConv2dNative!!!");
-    op_param_->kernel_shape = inputs.size() > 1 ? inputs[1]->shape() : std::vector<int>();
-    op_check(!op_param_->kernel_shape.empty(), "op_param_->kernel_shape.size() > 0",
-             "The shape of kernel is 0 in FloatZ40DepthwiseConv2dNative!!!");
+    const Z40DepthwiseConv2dNativeParam& p = op_param_;
+    KOVRA_ENSURE_MSG(!inputs.empty() && inputs[0]->shape().size() == 4, "input_tensor->shape().size() == 4",
+                     "Wrong input shape in FloatZ40DepthwiseConv2dNative!!!");
+    op_param_.kernel_shape = inputs.size() > 1 ? inputs[1]->shape() : std::vector<int>();
+    KOVRA_ENSURE_MSG(!op_param_.kernel_shape.empty(), "op_param_->kernel_shape.size() > 0",
+                     "The shape of kernel is 0 in FloatZ40DepthwiseConv2dNative!!!");
     const Tensor* input = inputs[0];
     const Tensor* weight = inputs[1];
     check_float(input, kOp);
     check_float(weight, kOp);
     check_positive_dims(input, kOp);
-    op_check(weight->shape().size() == 4, "weight->shape().size() == 4",
-             std::string(kOp) + ": weight must be [kernel_h, kernel_w, channels, multiplier]");
+    KOVRA_ENSURE_MSG(weight->shape().size() == 4, "weight->shape().size() == 4",
+                     std::string(kOp) + ": weight must be [kernel_h, kernel_w, channels, multiplier]");
     check_positive_dims(weight, kOp);
     ConvGeometry g;
     g.batch = input->shape()[0];
@@ -101,9 +97,9 @@ class Z40DepthwiseConv2dNativeOpExecutor : public OpExecutor {
     g.in_c = input->shape()[3];
     g.kernel_h = weight->shape()[0];
     g.kernel_w = weight->shape()[1];
-    op_check(weight->shape()[2] == g.in_c, "weight_channels == input_channels",
-             std::string(kOp) + ": weight channels " + std::to_string(weight->shape()[2]) +
-                 " != input channels " + std::to_string(g.in_c));
+    KOVRA_ENSURE_MSG(weight->shape()[2] == g.in_c, "weight_channels == input_channels",
+                     std::string(kOp) + ": weight channels " + std::to_string(weight->shape()[2]) +
+                         " != input channels " + std::to_string(g.in_c));
     // No larger than the weight's element count, so it fits an int.
     g.out_c = g.in_c * weight->shape()[3];
     if (inputs.size() > 2) {
@@ -112,8 +108,8 @@ class Z40DepthwiseConv2dNativeOpExecutor : public OpExecutor {
     }
     const ConvSteps steps = conv_steps(p.strides, p.dilations, p.pads, p.padding, kOp);
     conv_output_hw(input->shape(), g.kernel_h, g.kernel_w, steps, kOp, g.out_h, g.out_w);
-    op_check(static_cast<long long>(g.batch) * g.out_h * g.out_w * g.out_c <= 0x7fffffffLL,
-             "output_size <= INT_MAX", std::string(kOp) + ": output too large");
+    KOVRA_ENSURE_MSG(static_cast<long long>(g.batch) * g.out_h * g.out_w * g.out_c <= 0x7fffffffLL,
+                     "output_size <= INT_MAX", std::string(kOp) + ": output too large");
     g.stride_h = steps.stride_h;
     g.stride_w = steps.stride_w;
     g.dilation_h = steps.dilation_h;
@@ -133,8 +129,6 @@ class Z40DepthwiseConv2dNativeOpExecutor : public OpExecutor {
     g.clip_max = p.clip_max_value;
     return g;
   }
-
-  Z40DepthwiseConv2dNativeParam* op_param_;
 };
 
 }  // namespace kovraexecutor

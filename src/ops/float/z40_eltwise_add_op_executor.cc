@@ -12,7 +12,9 @@ struct Z40EltwiseAddParam : BaseParam {
 // a + b with b a single value or one per element of a, then the fused activation.
 class Z40EltwiseAddOpExecutor : public FloatAddOpExecutor<Z40EltwiseAddParam> {
  public:
-  Z40EltwiseAddOpExecutor() : FloatAddOpExecutor("Z40EltwiseAdd", Pairing::kScalarOrSame, eltwise_add_cpu, eltwise_add_backward_cpu) {}
+  Z40EltwiseAddOpExecutor()
+      : FloatAddOpExecutor("Z40EltwiseAdd", "FloatZ40EltwiseAdd", Pairing::kScalarOrSame, eltwise_add_cpu,
+                           eltwise_add_backward_cpu) {}
 };
 
 }  // namespace kovraexecutor

@@ -14,14 +14,10 @@ class Z40EluOpExecutor : public FloatUnaryOpExecutor<Z40EluParam> {
  public:
   Z40EluOpExecutor() : FloatUnaryOpExecutor("Z40Elu", "FloatZ40Elu") {}
 
-  void parse_parameter(const NodeDef& node_def) override {
-    read_float(node_def, "alpha", op_param_->alpha);
-  }
+  void parse_parameter(const NodeDef& node_def) override { read_float(node_def, "alpha", op_param_.alpha); }
 
  protected:
-  void _compute(const float* in, float* out, int n) const override {
-    elu_f32(in, out, n, op_param_->alpha);
-  }
+  void _compute(const float* in, float* out, int n) const override { elu_f32(in, out, n, op_param_.alpha); }
 };
 
 }  // namespace kovraexecutor

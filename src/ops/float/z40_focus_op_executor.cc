@@ -11,10 +11,8 @@ namespace kovraexecutor {
 
 struct Z40FocusParam : BaseParam {};
 
-class Z40FocusOpExecutor : public OpExecutor {
+class Z40FocusOpExecutor : public ParamOpExecutor<Z40FocusParam> {
  public:
-  Z40FocusOpExecutor() : op_param_(new Z40FocusParam()) {}
-
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     shape = _output_shape(inputs);
   }
@@ -39,8 +37,6 @@ class Z40FocusOpExecutor : public OpExecutor {
     check_positive_dims(out, "output", "Z40Focus");
     return out;
   }
-
-  std::unique_ptr<Z40FocusParam> op_param_;
 };
 
 }  // namespace kovraexecutor

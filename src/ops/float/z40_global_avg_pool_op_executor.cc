@@ -12,10 +12,8 @@ namespace kovraexecutor {
 struct Z40GlobalAvgPoolParam : BaseParam {};
 
 // [N, H, W, C] or [N, L, C] -> [N, 1, 1, C].
-class Z40GlobalAvgPoolOpExecutor : public OpExecutor {
+class Z40GlobalAvgPoolOpExecutor : public ParamOpExecutor<Z40GlobalAvgPoolParam> {
  public:
-  Z40GlobalAvgPoolOpExecutor() : op_param_(new Z40GlobalAvgPoolParam()) {}
-
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     const Extent e = _extent(inputs);
     shape = {e.n, 1, 1, e.c};
@@ -34,12 +32,13 @@ class Z40GlobalAvgPoolOpExecutor : public OpExecutor {
                 std::vector<Tensor*>& input_grads) override {
     (void)output;
     const Extent e = _extent(inputs);
-    op_check(output_grad != nullptr && output_grad->size() == e.n * e.c, "output_grad->size() == N * C",
-             "Z40GlobalAvgPool: the output gradient does not match [" + std::to_string(e.n) + ",1,1," +
-                 std::to_string(e.c) + "]");
+    KOVRA_ENSURE_MSG(output_grad != nullptr && output_grad->size() == e.n * e.c,
+                     "output_grad->size() == N * C",
+                     "Z40GlobalAvgPool: the output gradient does not match [" + std::to_string(e.n) +
+                         ",1,1," + std::to_string(e.c) + "]");
     check_float(output_grad, "Z40GlobalAvgPool");
-    op_check(!input_grads.empty() && input_grads[0] != nullptr, "input_grads[0] != nullptr",
-             "Z40GlobalAvgPool: no tensor to receive the input gradient");
+    KOVRA_ENSURE_MSG(!input_grads.empty() && input_grads[0] != nullptr, "input_grads[0] != nullptr",
+                     "Z40GlobalAvgPool: no tensor to receive the input gradient");
     Tensor* grad = input_grads[0];
     grad->set_data(inputs[0]->shape(), Tensor::DT_FLOAT, nullptr);
     if (inputs[0]->size() < 1) return;
@@ -57,14 +56,12 @@ class Z40GlobalAvgPoolOpExecutor : public OpExecutor {
     const Tensor* input = inputs[0];
     check_input_not_scalar(input, "FloatZ40GlobalAvgPool");
     const std::vector<int>& s = input->shape();
-    op_check(s.size() == 3 || s.size() == 4, "input->dims() == 3 || input->dims() == 4",
-             "Z40GlobalAvgPool needs a 3-D or 4-D input but got " + shape_text(s));
+    KOVRA_ENSURE_MSG(s.size() == 3 || s.size() == 4, "input->dims() == 3 || input->dims() == 4",
+                     "Z40GlobalAvgPool needs a 3-D or 4-D input but got " + shape_text(s));
     check_float(input, "Z40GlobalAvgPool");
     if (s.size() == 4) return {s[0], s[1] * s[2], s[3]};
     return {s[0], s[1], s[2]};
   }
-
-  std::unique_ptr<Z40GlobalAvgPoolParam> op_param_;
 };
 
 }  // namespace kovraexecutor

@@ -27,10 +27,8 @@ struct Z40GRUParam : BaseParam {
 // The output is Y [seq_len, D, batch, H] under "output_shape"; the last
 // hidden state Y_h [D, batch, H] is the secondary output "<node>:1" under
 // "output_shape1", and the per-step intermediates "<node>_middle_<k>".
-class Z40GRUOpExecutor : public OpExecutor {
+class Z40GRUOpExecutor : public ParamOpExecutor<Z40GRUParam> {
  public:
-  Z40GRUOpExecutor() : op_param_(new Z40GRUParam()) {}
-
   void parse_parameter(const NodeDef& node) override;
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override;
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override;
@@ -45,8 +43,6 @@ class Z40GRUOpExecutor : public OpExecutor {
   std::vector<int> _y_shape(const GruShape& s) const;
   std::vector<int> _y_h_shape(const GruShape& s) const;
   static void _check_count(const std::vector<int>& shape, long long count, const char* key);
-
-  std::unique_ptr<Z40GRUParam> op_param_;
 };
 
 }  // namespace kovraexecutor

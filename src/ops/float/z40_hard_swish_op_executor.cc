@@ -19,14 +19,14 @@ class Z40HardSwishOpExecutor : public FloatUnaryOpExecutor<Z40HardSwishParam> {
 
   void parse_parameter(const NodeDef& node_def) override {
     // The message names the wrong key; it is what users find in their logs.
-    require_attr(read_float_as_int(node_def, "add_scalar_value", op_param_->add_scalar_value),
-                 "Do not find the padding in FloatZ40HardSwish!!!");
-    read_float(node_def, "mul_scalar_value", op_param_->mul_scalar_value);
+    require_float_as_int(node_def, "add_scalar_value", op_param_.add_scalar_value,
+                         "Do not find the padding in FloatZ40HardSwish!!!");
+    read_float(node_def, "mul_scalar_value", op_param_.mul_scalar_value);
   }
 
  protected:
   void _compute(const float* in, float* out, int n) const override {
-    hard_swish_f32(in, out, n, op_param_->add_scalar_value);
+    hard_swish_f32(in, out, n, op_param_.add_scalar_value);
   }
 };
 

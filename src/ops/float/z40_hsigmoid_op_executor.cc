@@ -17,13 +17,13 @@ class Z40HsigmoidOpExecutor : public FloatUnaryOpExecutor<Z40HsigmoidParam> {
   Z40HsigmoidOpExecutor() : FloatUnaryOpExecutor("Z40Hsigmoid", "FloatZ40Hsigmoid") {}
 
   void parse_parameter(const NodeDef& node_def) override {
-    read_float(node_def, "alpha", op_param_->alpha);
-    read_float(node_def, "beta", op_param_->beta);
+    read_float(node_def, "alpha", op_param_.alpha);
+    read_float(node_def, "beta", op_param_.beta);
   }
 
  protected:
   void _compute(const float* in, float* out, int n) const override {
-    hsigmoid_f32(in, out, n, op_param_->alpha, op_param_->beta);
+    hsigmoid_f32(in, out, n, op_param_.alpha, op_param_.beta);
   }
 };
 

@@ -18,15 +18,15 @@ struct Z40KovraFakeQuantFeatureParam : BaseParam {
 
 // Snaps a float feature map to its quantizer's grid and stays in float; the
 // one quantizing operator that divides by its scale.
-class Z40KovraFakeQuantFeatureOpExecutor : public OpExecutor {
+class Z40KovraFakeQuantFeatureOpExecutor : public ParamOpExecutor<Z40KovraFakeQuantFeatureParam> {
  public:
   void parse_parameter(const NodeDef& node) override {
     // A missing scale reports "offset": the text users know from this message.
-    require_float(node, "fake_scale", param_.fake_scale,
+    require_float(node, "fake_scale", op_param_.fake_scale,
                   "Do not find the offset in Z40KovraFakeQuantFeature!!!");
-    require_int(node, "maxValue", param_.max_value,
+    require_int(node, "maxValue", op_param_.max_value,
                 "Do not find the maxValue in Z40KovraFakeQuantFeature!!!");
-    require_int(node, "minValue", param_.min_value,
+    require_int(node, "minValue", op_param_.min_value,
                 "Do not find the minValue in Z40KovraFakeQuantFeature!!!");
   }
 
@@ -39,9 +39,9 @@ class Z40KovraFakeQuantFeatureOpExecutor : public OpExecutor {
     check_float(input, kName);
     const float* x = input->data<float>();
     float* y = output->mutable_data<float>();
-    const float scale = param_.fake_scale;
-    const float hi = static_cast<float>(param_.max_value);
-    const float lo = static_cast<float>(param_.min_value);
+    const float scale = op_param_.fake_scale;
+    const float hi = static_cast<float>(op_param_.max_value);
+    const float lo = static_cast<float>(op_param_.min_value);
     for (int i = 0, n = input->size(); i < n; ++i) {
       float q = kvdl::tensorflow_round_cpu(x[i] / scale);
       q = q > hi ? hi : (q < lo ? lo : q);
@@ -52,7 +52,6 @@ class Z40KovraFakeQuantFeatureOpExecutor : public OpExecutor {
 
  private:
   static constexpr const char* kName = "Z40KovraFakeQuantFeature";
-  Z40KovraFakeQuantFeatureParam param_;
 };
 
 }  // namespace kovraexecutor

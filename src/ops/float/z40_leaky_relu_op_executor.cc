@@ -15,13 +15,12 @@ class Z40LeakyReluOpExecutor : public FloatUnaryOpExecutor<Z40LeakyReluParam> {
   Z40LeakyReluOpExecutor() : FloatUnaryOpExecutor("Z40LeakyRelu", "FloatZ40LeakyRelu") {}
 
   void parse_parameter(const NodeDef& node_def) override {
-    require_attr(read_float(node_def, "alpha", op_param_->alpha),
-                 "Do not find the alpha in FloatZ40LeakyRelu!!!");
+    require_float(node_def, "alpha", op_param_.alpha, "Do not find the alpha in FloatZ40LeakyRelu!!!");
   }
 
  protected:
   void _compute(const float* in, float* out, int n) const override {
-    leaky_relu_f32(in, out, n, op_param_->alpha);
+    leaky_relu_f32(in, out, n, op_param_.alpha);
   }
 };
 

@@ -15,14 +15,11 @@ struct Z40LinearParam : BaseParam {
   float clip_min_value = -6.0f;
 };
 
-class Z40LinearOpExecutor : public OpExecutor {
+class Z40LinearOpExecutor : public ParamOpExecutor<Z40LinearParam> {
  public:
-  Z40LinearOpExecutor() : op_param_(new Z40LinearParam()) {}
-  ~Z40LinearOpExecutor() override { delete op_param_; }
-
   void parse_parameter(const NodeDef& node) override {
-    read_float(node, "clip_max_value", op_param_->clip_max_value);
-    read_float(node, "clip_min_value", op_param_->clip_min_value);
+    read_float(node, "clip_max_value", op_param_.clip_max_value);
+    read_float(node, "clip_min_value", op_param_.clip_min_value);
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
@@ -37,14 +34,11 @@ class Z40LinearOpExecutor : public OpExecutor {
     check_min_size(output, input->size(), "FloatZ40Linear");
     const float* x = input->data<float>();
     float* y = output->mutable_data<float>();
-    const float hi = op_param_->clip_max_value, lo = op_param_->clip_min_value;
+    const float hi = op_param_.clip_max_value, lo = op_param_.clip_min_value;
     // The upper bound first: with lo > hi every output is lo.
     for (int i = 0; i < input->size(); ++i) y[i] = std::max(lo, std::min(hi, x[i]));
     return true;
   }
-
- private:
-  Z40LinearParam* op_param_;
 };
 
 }  // namespace kovraexecutor

@@ -13,13 +13,11 @@ namespace kovraexecutor {
 
 struct Z40MaxPoolParam : BaseParam, PoolAttributes {};
 
-class Z40MaxPoolOpExecutor : public OpExecutor {
+class Z40MaxPoolOpExecutor : public ParamOpExecutor<Z40MaxPoolParam> {
  public:
-  Z40MaxPoolOpExecutor() : op_param_(new Z40MaxPoolParam()) {}
-
   void parse_parameter(const NodeDef& node) override {
-    read_pool_attributes(node, *op_param_, "Do not find the ksize in FloatZ40MaxPool!!!");
-    read_bool(node, "ceil_mode", op_param_->ceil_mode);
+    read_pool_attributes(node, op_param_, "Do not find the ksize in FloatZ40MaxPool!!!");
+    read_bool(node, "ceil_mode", op_param_.ceil_mode);
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
@@ -41,10 +39,8 @@ class Z40MaxPoolOpExecutor : public OpExecutor {
     const Tensor* input = inputs[0];
     check_input_not_scalar(input, "FloatZ40MaxPool");
     check_rank(input, 4, "Z40MaxPool");
-    return plan_pool(input->shape(), *op_param_, "Z40MaxPool");
+    return plan_pool(input->shape(), op_param_, "Z40MaxPool");
   }
-
-  std::unique_ptr<Z40MaxPoolParam> op_param_;
 };
 
 }  // namespace kovraexecutor

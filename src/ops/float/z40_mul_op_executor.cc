@@ -21,9 +21,9 @@ class Z40MulOpExecutor : public FloatEltwiseOpExecutor<Z40MulParam> {
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
     _check_float_inputs(inputs, 2);
     const Tensor product = *inputs[0] * *inputs[1];
-    op_check(product.size() == output->size(), "product.size() == output->size()",
-             name_ + ": the product has " + std::to_string(product.size()) +
-                 " elements but the output holds " + std::to_string(output->size()));
+    KOVRA_ENSURE_MSG(product.size() == output->size(), "product.size() == output->size()",
+                     std::string(name_) + ": the product has " + std::to_string(product.size()) +
+                         " elements but the output holds " + std::to_string(output->size()));
     if (product.size() > 0) {
       std::memcpy(output->mutable_data<float>(), product.data<float>(),
                   static_cast<size_t>(product.size()) * sizeof(float));

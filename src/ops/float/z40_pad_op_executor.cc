@@ -20,32 +20,30 @@ struct Z40PadParam : BaseParam {
 // "pads" pairs (before, after) per axis as TensorFlow's paddings do: eight
 // values for [N, H, W, C], or four for H and W alone (top, bottom, left,
 // right, as the pooling operators read them). Padded cells are 0.
-class Z40PadOpExecutor : public OpExecutor {
+class Z40PadOpExecutor : public ParamOpExecutor<Z40PadParam> {
  public:
-  Z40PadOpExecutor() : op_param_(new Z40PadParam()) {}
-
   void parse_parameter(const NodeDef& node) override {
-    require_attr(read_int_list(node, "output_shape", op_param_->output_shape),
-                 "Do not find the strides in FloatZ40Pad!!!");
-    read_int_list(node, "pads", op_param_->pads);
-    read_string(node, "mode", op_param_->mode);
+    require_int_list(node, "output_shape", op_param_.output_shape,
+                     "Do not find the strides in FloatZ40Pad!!!");
+    read_int_list(node, "pads", op_param_.pads);
+    read_string(node, "mode", op_param_.mode);
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
-    op_check(op_param_->mode == "constant", "op_param_->mode == \"constant\"",
-             "The mode only support constant in FloatZ40Pad!!!");
+    KOVRA_ENSURE_MSG(op_param_.mode == "constant", "op_param_->mode == \"constant\"",
+                     "The mode only support constant in FloatZ40Pad!!!");
     _before(inputs);
-    shape = op_param_->output_shape;
+    shape = op_param_.output_shape;
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    op_check(op_param_->mode == "constant", "op_param_->mode == \"constant\"",
-             "The model only support constant in FloatZ40Pad!!!");
+    KOVRA_ENSURE_MSG(op_param_.mode == "constant", "op_param_->mode == \"constant\"",
+                     "The model only support constant in FloatZ40Pad!!!");
     const std::vector<int> before = _before(inputs);
-    check_output_shape(output, op_param_->output_shape, "Z40Pad");
+    check_output_shape(output, op_param_.output_shape, "Z40Pad");
     if (inputs[0]->size() < 1) return true;
     pad_constant_f32(inputs[0]->data<float>(), inputs[0]->shape(), before, 0.0f,
-                     output->mutable_data<float>(), op_param_->output_shape);
+                     output->mutable_data<float>(), op_param_.output_shape);
     return true;
   }
 
@@ -53,12 +51,13 @@ class Z40PadOpExecutor : public OpExecutor {
   std::vector<int> _before(const std::vector<const Tensor*>& inputs) const {
     check_input_count(inputs, 1, "Z40Pad");
     const Tensor* input = inputs[0];
-    op_check(input->dims() == 4, "input_tensor->shape().size() == 4",
-             "The shape of input only support 4D or 5D in FloatZ40Pad!!!");
+    KOVRA_ENSURE_MSG(input->dims() == 4, "input_tensor->shape().size() == 4",
+                     "The shape of input only support 4D or 5D in FloatZ40Pad!!!");
     check_float(input, "Z40Pad");
-    const std::vector<int>& pads = op_param_->pads;
-    op_check(pads.empty() || pads.size() == 4 || pads.size() == 8, "pads.size() is 0, 4 or 8",
-             "Z40Pad: pads " + shape_text(pads) + " must pair (before, after) for H, W or for all four axes");
+    const std::vector<int>& pads = op_param_.pads;
+    KOVRA_ENSURE_MSG(
+        pads.empty() || pads.size() == 4 || pads.size() == 8, "pads.size() is 0, 4 or 8",
+        "Z40Pad: pads " + shape_text(pads) + " must pair (before, after) for H, W or for all four axes");
     std::vector<int> before(4, 0), after(4, 0);
     const int first_axis = pads.size() == 4 ? 1 : 0;
     for (size_t i = 0; i + 1 < pads.size(); i += 2) {
@@ -71,13 +70,11 @@ class Z40PadOpExecutor : public OpExecutor {
       ok = ok && before[a] >= 0 && after[a] >= 0;
       padded[a] = static_cast<int>(static_cast<long long>(input->shape()[a]) + before[a] + after[a]);
     }
-    op_check(ok && padded == op_param_->output_shape, "output_shape == input shape + pads",
-             "Z40Pad: input " + shape_text(input->shape()) + " padded by " + shape_text(pads) +
-                 " does not give output_shape " + shape_text(op_param_->output_shape));
+    KOVRA_ENSURE_MSG(ok && padded == op_param_.output_shape, "output_shape == input shape + pads",
+                     "Z40Pad: input " + shape_text(input->shape()) + " padded by " + shape_text(pads) +
+                         " does not give output_shape " + shape_text(op_param_.output_shape));
     return before;
   }
-
-  std::unique_ptr<Z40PadParam> op_param_;
 };
 
 }  // namespace kovraexecutor

@@ -30,8 +30,8 @@ class Z40PReluOpExecutor : public FloatEltwiseOpExecutor<Z40PReluParam> {
   // Validates inputs and slopes once and returns the channel count.
   int _check(const std::vector<const Tensor*>& inputs, const Tensor* output) const {
     _check_float_inputs(inputs, 2);
-    op_check(output->shape().size() == 4, "output->shape().size() == 4",
-             "Wrong input shape in FloatZ40PRelu.");
+    KOVRA_ENSURE_MSG(output->shape().size() == 4, "output->shape().size() == 4",
+                     "Wrong input shape in FloatZ40PRelu.");
     check_min_size(inputs[0], output->size(), name_);
     const int channels = output->shape()[3];
     if (output->size() > 0) check_min_size(inputs[1], channels, name_);

@@ -25,14 +25,12 @@ const char* const kOp = "Z40QuantizeWeight";
 
 // Inputs: the weight and its rounding variables (same element count). Runs
 // from weights alone, on demand before the node that reads its output.
-class Z40QuantizeWeightOpExecutor : public OpExecutor {
+class Z40QuantizeWeightOpExecutor : public ParamOpExecutor<Z40QuantizeWeightParam> {
  public:
-  Z40QuantizeWeightOpExecutor() : op_param_(new Z40QuantizeWeightParam()) {}
-
   void parse_parameter(const NodeDef& node) override {
-    Z40QuantizeWeightParam& p = *op_param_;
-    require_attr(read_float_as_int(node, "weight_bitwidth", p.weight_bitwidth),
-                 "Do not find the weight_bitwidth in Z40QuantizeWeight!!!");
+    Z40QuantizeWeightParam& p = op_param_;
+    require_float_as_int(node, "weight_bitwidth", p.weight_bitwidth,
+                         "Do not find the weight_bitwidth in Z40QuantizeWeight!!!");
     read_bool(node, "update_parameter", p.update_parameter);
     read_bool(node, "soft_targets", p.soft_targets);
     read_bool(node, "is_depthwise", p.is_depthwise);
@@ -60,9 +58,10 @@ class Z40QuantizeWeightOpExecutor : public OpExecutor {
     (void)output;
     const QuantizeWeightParam p = _plan(inputs);
     const Tensor* weight = inputs[0];
-    op_check(output_grad != nullptr && output_grad->size() == weight->size(),
-             "output_grad->size() == weight->size()",
-             std::string(kOp) + ": the output gradient does not match the weight " + shape_text(weight->shape()));
+    KOVRA_ENSURE_MSG(
+        output_grad != nullptr && output_grad->size() == weight->size(),
+        "output_grad->size() == weight->size()",
+        std::string(kOp) + ": the output gradient does not match the weight " + shape_text(weight->shape()));
     check_float(output_grad, kOp);
     Tensor* grads[2] = {nullptr, nullptr};
     for (size_t i = 0; i < 2 && i < input_grads.size(); ++i) {
@@ -76,17 +75,19 @@ class Z40QuantizeWeightOpExecutor : public OpExecutor {
 
  private:
   QuantizeWeightParam _plan(const std::vector<const Tensor*>& inputs) const {
-    const Z40QuantizeWeightParam& a = *op_param_;
+    const Z40QuantizeWeightParam& a = op_param_;
     check_input_count(inputs, 2, kOp);
     const Tensor* weight = inputs[0];
     check_input_not_scalar(weight, kOp);
     check_float(weight, kOp);
     check_float(inputs[1], kOp);
-    op_check(inputs[1]->size() == weight->size(), "rounding->size() == weight->size()",
-             std::string(kOp) + ": " + inputs[1]->name() + " has " + std::to_string(inputs[1]->size()) +
-                 " rounding variables for " + std::to_string(weight->size()) + " weights");
-    op_check(a.weight_bitwidth >= 2 && a.weight_bitwidth <= 16, "2 <= weight_bitwidth <= 16",
-             std::string(kOp) + ": weight_bitwidth " + std::to_string(a.weight_bitwidth) + " is not supported");
+    KOVRA_ENSURE_MSG(inputs[1]->size() == weight->size(), "rounding->size() == weight->size()",
+                     std::string(kOp) + ": " + inputs[1]->name() + " has " +
+                         std::to_string(inputs[1]->size()) + " rounding variables for " +
+                         std::to_string(weight->size()) + " weights");
+    KOVRA_ENSURE_MSG(
+        a.weight_bitwidth >= 2 && a.weight_bitwidth <= 16, "2 <= weight_bitwidth <= 16",
+        std::string(kOp) + ": weight_bitwidth " + std::to_string(a.weight_bitwidth) + " is not supported");
     QuantizeWeightParam p;
     p.bitwidth = a.weight_bitwidth;
     p.soft_targets = a.soft_targets;
@@ -104,8 +105,6 @@ class Z40QuantizeWeightOpExecutor : public OpExecutor {
     check_positive_dims(s, "weight", kOp);
     return p;
   }
-
-  std::unique_ptr<Z40QuantizeWeightParam> op_param_;
 };
 
 }  // namespace kovraexecutor

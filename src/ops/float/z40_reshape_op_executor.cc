@@ -18,30 +18,28 @@ struct Z40ReshapeParam : BaseParam {
 };
 
 // A second input (a shape tensor) may be present; output_shape decides.
-class Z40ReshapeOpExecutor : public OpExecutor {
+class Z40ReshapeOpExecutor : public ParamOpExecutor<Z40ReshapeParam> {
  public:
-  Z40ReshapeOpExecutor() : op_param_(new Z40ReshapeParam()) {}
-
   void parse_parameter(const NodeDef& node) override {
-    require_attr(read_int_list(node, "output_shape", op_param_->output_shape),
-                 "Do not find the strides in FloatZ40Reshape!!!");
-    read_string(node, "src_framework", op_param_->src_framework);
+    require_int_list(node, "output_shape", op_param_.output_shape,
+                     "Do not find the strides in FloatZ40Reshape!!!");
+    read_string(node, "src_framework", op_param_.src_framework);
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     _check(inputs);
-    shape = op_param_->output_shape;
+    shape = op_param_.output_shape;
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
     _check(inputs);
-    check_output_shape(output, op_param_->output_shape, "Z40Reshape");
+    check_output_shape(output, op_param_.output_shape, "Z40Reshape");
     const Tensor* input = inputs[0];
     if (input->size() < 1) return true;
-    if (op_param_->src_framework == "ONNX") {
+    if (op_param_.src_framework == "ONNX") {
       std::vector<float> scratch(input->size());
       onnx_reshape_reorder(input->data<float>(), input->shape(), output->mutable_data<float>(),
-                           op_param_->output_shape, scratch.data());
+                           op_param_.output_shape, scratch.data());
     } else {
       std::memcpy(output->mutable_data<float>(), input->data<float>(), sizeof(float) * input->size());
     }
@@ -53,11 +51,9 @@ class Z40ReshapeOpExecutor : public OpExecutor {
     check_input_count(inputs, 1, "Z40Reshape");
     check_input_not_scalar(inputs[0], "FloatZ40Reshape");
     check_float(inputs[0], "Z40Reshape");
-    check_positive_dims(op_param_->output_shape, "output_shape", "Z40Reshape");
-    check_same_count(op_param_->output_shape, inputs[0], "Z40Reshape");
+    check_positive_dims(op_param_.output_shape, "output_shape", "Z40Reshape");
+    check_same_count(op_param_.output_shape, inputs[0], "Z40Reshape");
   }
-
-  std::unique_ptr<Z40ReshapeParam> op_param_;
 };
 
 }  // namespace kovraexecutor

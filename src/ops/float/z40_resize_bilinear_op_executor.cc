@@ -15,14 +15,12 @@ struct Z40ResizeBilinearParam : BaseParam {
   float wh_scale = 1.0f;
 };
 
-class Z40ResizeBilinearOpExecutor : public OpExecutor {
+class Z40ResizeBilinearOpExecutor : public ParamOpExecutor<Z40ResizeBilinearParam> {
  public:
-  Z40ResizeBilinearOpExecutor() : op_param_(new Z40ResizeBilinearParam()) {}
-
   void parse_parameter(const NodeDef& node) override {
-    read_bool(node, "align_corners", op_param_->align_corners);
-    require_attr(read_float(node, "wh_scale", op_param_->wh_scale),
-                 "Do not find the wh_scale in FloatZ40ResizeBilinear!!!");
+    read_bool(node, "align_corners", op_param_.align_corners);
+    require_float(node, "wh_scale", op_param_.wh_scale,
+                  "Do not find the wh_scale in FloatZ40ResizeBilinear!!!");
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
@@ -33,16 +31,14 @@ class Z40ResizeBilinearOpExecutor : public OpExecutor {
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
     const ResizeGeometry g = _plan(inputs);
     check_output_shape(output, {g.n, g.out_h, g.out_w, g.c}, "Z40ResizeBilinear");
-    resize_bilinear_f32(inputs[0]->data<float>(), output->mutable_data<float>(), g, op_param_->align_corners);
+    resize_bilinear_f32(inputs[0]->data<float>(), output->mutable_data<float>(), g, op_param_.align_corners);
     return true;
   }
 
  private:
   ResizeGeometry _plan(const std::vector<const Tensor*>& inputs) const {
-    return plan_resize(inputs, op_param_->wh_scale, op_param_->wh_scale, "Z40ResizeBilinear");
+    return plan_resize(inputs, op_param_.wh_scale, op_param_.wh_scale, "Z40ResizeBilinear");
   }
-
-  std::unique_ptr<Z40ResizeBilinearParam> op_param_;
 };
 
 }  // namespace kovraexecutor

@@ -17,14 +17,12 @@ struct Z40ResizeNearestNeighborParam : BaseParam {
   std::string mode = "nearest";
 };
 
-class Z40ResizeNearestNeighborOpExecutor : public OpExecutor {
+class Z40ResizeNearestNeighborOpExecutor : public ParamOpExecutor<Z40ResizeNearestNeighborParam> {
  public:
-  Z40ResizeNearestNeighborOpExecutor() : op_param_(new Z40ResizeNearestNeighborParam()) {}
-
   void parse_parameter(const NodeDef& node) override {
-    require_attr(read_float(node, "wh_scale", op_param_->wh_scale),
-                 "Do not find the wh_scale in FloatZ40ResizeNearestNeighbor!!!");
-    read_string(node, "mode", op_param_->mode);
+    require_float(node, "wh_scale", op_param_.wh_scale,
+                  "Do not find the wh_scale in FloatZ40ResizeNearestNeighbor!!!");
+    read_string(node, "mode", op_param_.mode);
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
@@ -41,12 +39,10 @@ class Z40ResizeNearestNeighborOpExecutor : public OpExecutor {
 
  private:
   ResizeGeometry _plan(const std::vector<const Tensor*>& inputs) const {
-    op_check(op_param_->mode == "nearest", "op_param_->mode == \"nearest\"",
-             "Z40ResizeNearestNeighbor only supports mode nearest, not " + op_param_->mode);
-    return plan_resize(inputs, op_param_->wh_scale, op_param_->wh_scale, "Z40ResizeNearestNeighbor");
+    KOVRA_ENSURE_MSG(op_param_.mode == "nearest", "op_param_->mode == \"nearest\"",
+                     "Z40ResizeNearestNeighbor only supports mode nearest, not " + op_param_.mode);
+    return plan_resize(inputs, op_param_.wh_scale, op_param_.wh_scale, "Z40ResizeNearestNeighbor");
   }
-
-  std::unique_ptr<Z40ResizeNearestNeighborParam> op_param_;
 };
 
 }  // namespace kovraexecutor

@@ -23,9 +23,9 @@ class Z40SigmoidOpExecutor : public FloatUnaryOpExecutor<Z40SigmoidParam> {
     float* grads[1];
     prepare_input_grads(inputs, output_grad, n, input_grads, 1, grads, name_);
     if (grads[0] == nullptr || n < 1) return;
-    op_check(output_grad->size() == n, "output_grad->size() == output->size()",
-             name_ + ": the gradient has " + std::to_string(output_grad->size()) +
-                 " elements but the output " + std::to_string(n));
+    KOVRA_ENSURE_MSG(output_grad->size() == n, "output_grad->size() == output->size()",
+                     std::string(name_) + ": the gradient has " + std::to_string(output_grad->size()) +
+                         " elements but the output " + std::to_string(n));
     const Tensor s = inputs[0]->sigmoid();
     *input_grads[0] = *output_grad * (s * (1.0f - s));
   }

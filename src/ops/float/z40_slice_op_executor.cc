@@ -35,30 +35,28 @@ std::string list_text(const char* key, const std::vector<int>& values) {
 // clamped to it; a negative step walks backwards. A node carrying "split" is
 // one output of an ONNX Split on "axis": starts[0]..ends[0] must be exactly
 // one of the pieces whose sizes "split" lists.
-class Z40SliceOpExecutor : public OpExecutor {
+class Z40SliceOpExecutor : public ParamOpExecutor<Z40SliceParam> {
  public:
-  Z40SliceOpExecutor() : op_param_(new Z40SliceParam()) {}
-
   void parse_parameter(const NodeDef& node) override {
-    Z40SliceParam& p = *op_param_;
+    Z40SliceParam& p = op_param_;
     read_int_list(node, "split", p.split);
     read_float_as_int(node, "axis", p.axis);
-    require_attr(read_int_list(node, "output_shape", p.output_shape),
-                 "Do not find the output_shape in FloatZ40Slice!!!");
-    require_attr(read_int_list(node, "starts", p.starts), "Do not find the starts in FloatZ40Slice!!!");
-    require_attr(read_int_list(node, "ends", p.ends), "Do not find the ends in FloatZ40Slice!!!");
+    require_int_list(node, "output_shape", p.output_shape,
+                     "Do not find the output_shape in FloatZ40Slice!!!");
+    require_int_list(node, "starts", p.starts, "Do not find the starts in FloatZ40Slice!!!");
+    require_int_list(node, "ends", p.ends, "Do not find the ends in FloatZ40Slice!!!");
     read_int_list(node, "axes", p.axes);
     read_int_list(node, "steps", p.steps);
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     _window(inputs);
-    shape = op_param_->output_shape;
+    shape = op_param_.output_shape;
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
     const SliceWindow window = _window(inputs);
-    check_output_shape(output, op_param_->output_shape, kOp);
+    check_output_shape(output, op_param_.output_shape, kOp);
     if (output->size() < 1) return true;
     slice_f32(inputs[0]->data<float>(), inputs[0]->shape(), window, output->mutable_data<float>());
     return true;
@@ -66,12 +64,12 @@ class Z40SliceOpExecutor : public OpExecutor {
 
  private:
   SliceWindow _window(const std::vector<const Tensor*>& inputs) const {
-    const Z40SliceParam& p = *op_param_;
+    const Z40SliceParam& p = op_param_;
     check_input_count(inputs, 1, kOp);
     const Tensor* input = inputs[0];
-    op_check(input->dims() == 4 || input->dims() == 5,
-             "input_tensor->shape().size() == 4 || input_tensor->shape().size() == 5",
-             "The shape of input only support  4D or 5D  in FloatZ40Slice!!!");
+    KOVRA_ENSURE_MSG(input->dims() == 4 || input->dims() == 5,
+                     "input_tensor->shape().size() == 4 || input_tensor->shape().size() == 5",
+                     "The shape of input only support  4D or 5D  in FloatZ40Slice!!!");
     check_float(input, kOp);
     const std::vector<int>& in = input->shape();
     const int rank = input->dims();
@@ -82,30 +80,33 @@ class Z40SliceOpExecutor : public OpExecutor {
     if (!p.split.empty()) {
       _split_piece(in, window);
     } else {
-      op_check(p.ends.size() == p.starts.size(), "ends.size() == starts.size()",
-               std::string(kOp) + ": " + list_text("starts", p.starts) + " and " + list_text("ends", p.ends) +
-                   " differ in length");
-      op_check(p.axes.empty() || p.axes.size() == p.starts.size(), "axes.size() == starts.size()",
-               std::string(kOp) + ": " + list_text("axes", p.axes) + " does not match " + list_text("starts", p.starts));
-      op_check(p.steps.empty() || p.steps.size() == p.starts.size(), "steps.size() == starts.size()",
-               std::string(kOp) + ": " + list_text("steps", p.steps) + " does not match " + list_text("starts", p.starts));
+      KOVRA_ENSURE_MSG(p.ends.size() == p.starts.size(), "ends.size() == starts.size()",
+                       std::string(kOp) + ": " + list_text("starts", p.starts) + " and " +
+                           list_text("ends", p.ends) + " differ in length");
+      KOVRA_ENSURE_MSG(p.axes.empty() || p.axes.size() == p.starts.size(), "axes.size() == starts.size()",
+                       std::string(kOp) + ": " + list_text("axes", p.axes) + " does not match " +
+                           list_text("starts", p.starts));
+      KOVRA_ENSURE_MSG(p.steps.empty() || p.steps.size() == p.starts.size(), "steps.size() == starts.size()",
+                       std::string(kOp) + ": " + list_text("steps", p.steps) + " does not match " +
+                           list_text("starts", p.starts));
       std::vector<bool> seen(rank, false);
       for (size_t i = 0; i < p.starts.size(); ++i) {
         int axis = p.axes.empty() ? static_cast<int>(i) : p.axes[i];
         if (axis < 0) axis += rank;
-        op_check(axis >= 0 && axis < rank && !seen[axis], "0 <= axis < rank, each axis once",
-                 std::string(kOp) + ": axis " + std::to_string(p.axes.empty() ? i : p.axes[i]) +
-                     " is out of range or repeated for input " + shape_text(in));
+        KOVRA_ENSURE_MSG(axis >= 0 && axis < rank && !seen[axis], "0 <= axis < rank, each axis once",
+                         std::string(kOp) + ": axis " + std::to_string(p.axes.empty() ? i : p.axes[i]) +
+                             " is out of range or repeated for input " + shape_text(in));
         seen[axis] = true;
         const int step = p.steps.empty() ? 1 : p.steps[i];
-        op_check(step != 0, "step != 0", std::string(kOp) + ": a step of 0 on axis " + std::to_string(axis));
+        KOVRA_ENSURE_MSG(step != 0, "step != 0",
+                         std::string(kOp) + ": a step of 0 on axis " + std::to_string(axis));
         _clamp_axis(in[axis], p.starts[i], p.ends[i], step, window, axis);
       }
     }
     check_positive_dims(window.out_shape, "slice", kOp);
-    op_check(window.out_shape == p.output_shape, "output_shape == slice extent",
-             std::string(kOp) + ": output_shape " + shape_text(p.output_shape) + " but the slice of " +
-                 shape_text(in) + " is " + shape_text(window.out_shape));
+    KOVRA_ENSURE_MSG(window.out_shape == p.output_shape, "output_shape == slice extent",
+                     std::string(kOp) + ": output_shape " + shape_text(p.output_shape) +
+                         " but the slice of " + shape_text(in) + " is " + shape_text(window.out_shape));
     return window;
   }
 
@@ -127,27 +128,27 @@ class Z40SliceOpExecutor : public OpExecutor {
   }
 
   void _split_piece(const std::vector<int>& in, SliceWindow& window) const {
-    const Z40SliceParam& p = *op_param_;
+    const Z40SliceParam& p = op_param_;
     const int rank = static_cast<int>(in.size());
     const int axis = p.axis < 0 ? p.axis + rank : p.axis;
-    op_check(axis >= 0 && axis < rank, "0 <= axis < rank",
-             std::string(kOp) + ": split axis " + std::to_string(p.axis) + " is out of range for " + shape_text(in));
-    op_check(!p.starts.empty() && !p.ends.empty(), "!starts.empty() && !ends.empty()",
-             std::string(kOp) + ": a split piece needs starts and ends");
+    KOVRA_ENSURE_MSG(axis >= 0 && axis < rank, "0 <= axis < rank",
+                     std::string(kOp) + ": split axis " + std::to_string(p.axis) + " is out of range for " +
+                         shape_text(in));
+    KOVRA_ENSURE_MSG(!p.starts.empty() && !p.ends.empty(), "!starts.empty() && !ends.empty()",
+                     std::string(kOp) + ": a split piece needs starts and ends");
     long long total = 0;
     bool is_piece = false;
     for (int size : p.split) {
       is_piece = is_piece || (total == p.starts[0] && total + size == p.ends[0] && size > 0);
       total += size;
     }
-    op_check(total == in[axis] && is_piece, "starts..ends is one piece of split",
-             std::string(kOp) + ": " + list_text("split", p.split) + " on axis " + std::to_string(axis) + " of " +
-                 shape_text(in) + " has no piece " + std::to_string(p.starts[0]) + ".." + std::to_string(p.ends[0]));
+    KOVRA_ENSURE_MSG(total == in[axis] && is_piece, "starts..ends is one piece of split",
+                     std::string(kOp) + ": " + list_text("split", p.split) + " on axis " +
+                         std::to_string(axis) + " of " + shape_text(in) + " has no piece " +
+                         std::to_string(p.starts[0]) + ".." + std::to_string(p.ends[0]));
     window.starts[axis] = p.starts[0];
     window.out_shape[axis] = p.ends[0] - p.starts[0];
   }
-
-  std::unique_ptr<Z40SliceParam> op_param_;
 };
 
 }  // namespace kovraexecutor

@@ -16,13 +16,11 @@ struct Z40SpaceToDepthParam : BaseParam {
 
 // The block size is not an attribute: it is what turns the input's height
 // into output_shape's, and it must do the same for the width and channels.
-class Z40SpaceToDepthOpExecutor : public OpExecutor {
+class Z40SpaceToDepthOpExecutor : public ParamOpExecutor<Z40SpaceToDepthParam> {
  public:
-  Z40SpaceToDepthOpExecutor() : op_param_(new Z40SpaceToDepthParam()) {}
-
   void parse_parameter(const NodeDef& node) override {
-    require_attr(read_int_list(node, "output_shape", op_param_->output_shape),
-                 "Do not find the strides in FloatZ40SpaceToDepth!!!");
+    require_int_list(node, "output_shape", op_param_.output_shape,
+                     "Do not find the strides in FloatZ40SpaceToDepth!!!");
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
@@ -44,22 +42,20 @@ class Z40SpaceToDepthOpExecutor : public OpExecutor {
     check_input_not_scalar(inputs[0], "FloatZ40SpaceToDepth");
     check_rank(inputs[0], 4, "Z40SpaceToDepth");
     const std::vector<int>& in = inputs[0]->shape();
-    std::vector<int> out = op_param_->output_shape;
-    op_check(out.size() == 4, "output_shape.size() == 4",
-             "Z40SpaceToDepth: output_shape " + shape_text(out) + " is not 4-D");
+    std::vector<int> out = op_param_.output_shape;
+    KOVRA_ENSURE_MSG(out.size() == 4, "output_shape.size() == 4",
+                     "Z40SpaceToDepth: output_shape " + shape_text(out) + " is not 4-D");
     out[0] = in[0];
     check_positive_dims(out, "output_shape", "Z40SpaceToDepth");
     block = in[1] / out[1];
     const long long b = block;
     const bool ok = block > 0 && out[1] * b == in[1] && out[2] * b == in[2] &&
                     in[3] * b * b == out[3];
-    op_check(ok, "output_shape == [N, H/block, W/block, C*block*block]",
-             "Z40SpaceToDepth: output_shape " + shape_text(out) + " is no space-to-depth of " +
-                 shape_text(in));
+    KOVRA_ENSURE_MSG(
+        ok, "output_shape == [N, H/block, W/block, C*block*block]",
+        "Z40SpaceToDepth: output_shape " + shape_text(out) + " is no space-to-depth of " + shape_text(in));
     return out;
   }
-
-  std::unique_ptr<Z40SpaceToDepthParam> op_param_;
 };
 
 }  // namespace kovraexecutor

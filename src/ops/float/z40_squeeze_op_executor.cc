@@ -14,23 +14,21 @@ struct Z40SqueezeParam : BaseParam {
   std::vector<int> output_shape;
 };
 
-class Z40SqueezeOpExecutor : public OpExecutor {
+class Z40SqueezeOpExecutor : public ParamOpExecutor<Z40SqueezeParam> {
  public:
-  Z40SqueezeOpExecutor() : op_param_(new Z40SqueezeParam()) {}
-
   void parse_parameter(const NodeDef& node) override {
-    require_attr(read_int_list(node, "output_shape", op_param_->output_shape),
-                 "Do not find the output_shape in FloatZ40squeeze!!!");
+    require_int_list(node, "output_shape", op_param_.output_shape,
+                     "Do not find the output_shape in FloatZ40squeeze!!!");
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     _check(inputs);
-    shape = op_param_->output_shape;
+    shape = op_param_.output_shape;
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
     _check(inputs);
-    check_output_shape(output, op_param_->output_shape, "Z40Squeeze");
+    check_output_shape(output, op_param_.output_shape, "Z40Squeeze");
     if (inputs[0]->size() < 1) return true;
     std::memcpy(output->mutable_data<float>(), inputs[0]->data<float>(),
                 sizeof(float) * inputs[0]->size());
@@ -42,11 +40,9 @@ class Z40SqueezeOpExecutor : public OpExecutor {
     check_input_count(inputs, 1, "Z40Squeeze");
     check_input_not_scalar(inputs[0], "FloatZ40Squeeze");
     check_float(inputs[0], "Z40Squeeze");
-    check_positive_dims(op_param_->output_shape, "output_shape", "Z40Squeeze");
-    check_same_count(op_param_->output_shape, inputs[0], "Z40Squeeze");
+    check_positive_dims(op_param_.output_shape, "output_shape", "Z40Squeeze");
+    check_same_count(op_param_.output_shape, inputs[0], "Z40Squeeze");
   }
-
-  std::unique_ptr<Z40SqueezeParam> op_param_;
 };
 
 }  // namespace kovraexecutor

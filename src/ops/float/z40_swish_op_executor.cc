@@ -17,14 +17,11 @@ class Z40SwishOpExecutor : public FloatUnaryOpExecutor<Z40SwishParam> {
 
   void parse_parameter(const NodeDef& node_def) override {
     // Wrong key and no "Float" prefix, as users know the message.
-    require_attr(read_float_as_int(node_def, "beta", op_param_->beta),
-                 "Do not find the padding in Z40Swish!!!");
+    require_float_as_int(node_def, "beta", op_param_.beta, "Do not find the padding in Z40Swish!!!");
   }
 
  protected:
-  void _compute(const float* in, float* out, int n) const override {
-    swish_f32(in, out, n, op_param_->beta);
-  }
+  void _compute(const float* in, float* out, int n) const override { swish_f32(in, out, n, op_param_.beta); }
 };
 
 }  // namespace kovraexecutor

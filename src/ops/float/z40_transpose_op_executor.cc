@@ -16,24 +16,22 @@ struct Z40TransposeParam : BaseParam {
 };
 
 // Without "perm" the axes are reversed, as numpy.transpose does.
-class Z40TransposeOpExecutor : public OpExecutor {
+class Z40TransposeOpExecutor : public ParamOpExecutor<Z40TransposeParam> {
  public:
-  Z40TransposeOpExecutor() : op_param_(new Z40TransposeParam()) {}
-
   void parse_parameter(const NodeDef& node) override {
-    read_int_list(node, "perm", op_param_->perm);
-    require_attr(read_int_list(node, "output_shape", op_param_->output_shape),
-                 "Do not find the output_shape in FloatZ40Transpose!!!");
+    read_int_list(node, "perm", op_param_.perm);
+    require_int_list(node, "output_shape", op_param_.output_shape,
+                     "Do not find the output_shape in FloatZ40Transpose!!!");
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     _perm(inputs);
-    shape = op_param_->output_shape;
+    shape = op_param_.output_shape;
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
     const std::vector<int> perm = _perm(inputs);
-    check_output_shape(output, op_param_->output_shape, "Z40Transpose");
+    check_output_shape(output, op_param_.output_shape, "Z40Transpose");
     if (inputs[0]->size() < 1) return true;
     transpose(inputs[0]->data<float>(), output->mutable_data<float>(), inputs[0]->shape(), perm);
     return true;
@@ -46,22 +44,20 @@ class Z40TransposeOpExecutor : public OpExecutor {
     check_input_not_scalar(input, "FloatZ40Transpose");
     check_float(input, "Z40Transpose");
     const int rank = input->dims();
-    std::vector<int> perm = op_param_->perm;
+    std::vector<int> perm = op_param_.perm;
     if (perm.empty()) {
       for (int a = rank - 1; a >= 0; --a) perm.push_back(a);
     }
-    op_check(is_permutation_of_rank(perm, rank), "is_permutation_of_rank(perm, rank)",
-             "Z40Transpose: perm " + shape_text(perm) + " is no permutation of the axes of " +
-                 shape_text(input->shape()));
+    KOVRA_ENSURE_MSG(is_permutation_of_rank(perm, rank), "is_permutation_of_rank(perm, rank)",
+                     "Z40Transpose: perm " + shape_text(perm) + " is no permutation of the axes of " +
+                         shape_text(input->shape()));
     std::vector<int> permuted(rank);
     for (int a = 0; a < rank; ++a) permuted[a] = input->shape()[perm[a]];
-    op_check(permuted == op_param_->output_shape, "output_shape == input shape permuted by perm",
-             "Z40Transpose: output_shape " + shape_text(op_param_->output_shape) + " but perm gives " +
-                 shape_text(permuted));
+    KOVRA_ENSURE_MSG(permuted == op_param_.output_shape, "output_shape == input shape permuted by perm",
+                     "Z40Transpose: output_shape " + shape_text(op_param_.output_shape) + " but perm gives " +
+                         shape_text(permuted));
     return perm;
   }
-
-  std::unique_ptr<Z40TransposeParam> op_param_;
 };
 
 }  // namespace kovraexecutor

@@ -19,13 +19,11 @@ struct Z40Unpool2DParam : BaseParam {
 
 // Nearest unpooling repeats each input pixel over a kernel_h x kernel_w block
 // ("kernel_size" = [kernel_h, kernel_w]), the nearest resize by those factors.
-class Z40Unpool2DOpExecutor : public OpExecutor {
+class Z40Unpool2DOpExecutor : public ParamOpExecutor<Z40Unpool2DParam> {
  public:
-  Z40Unpool2DOpExecutor() : op_param_(new Z40Unpool2DParam()) {}
-
   void parse_parameter(const NodeDef& node) override {
-    read_string(node, "mode", op_param_->mode);
-    read_int_list(node, "kernel_size", op_param_->kernel_size);
+    read_string(node, "mode", op_param_.mode);
+    read_int_list(node, "kernel_size", op_param_.kernel_size);
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
@@ -42,17 +40,16 @@ class Z40Unpool2DOpExecutor : public OpExecutor {
 
  private:
   ResizeGeometry _plan(const std::vector<const Tensor*>& inputs) const {
-    const Z40Unpool2DParam& p = *op_param_;
-    op_check(p.mode == "nearest", "op_param_->mode == \"nearest\"",
-             "Z40Unpool2D only supports mode nearest, not " + p.mode);
-    op_check(p.kernel_size.size() == 2 && p.kernel_size[0] > 0 && p.kernel_size[1] > 0,
-             "kernel_size == [kernel_h, kernel_w] > 0",
-             "Z40Unpool2D: kernel_size " + shape_text(p.kernel_size) + " is not two positive factors");
+    const Z40Unpool2DParam& p = op_param_;
+    KOVRA_ENSURE_MSG(p.mode == "nearest", "op_param_->mode == \"nearest\"",
+                     "Z40Unpool2D only supports mode nearest, not " + p.mode);
+    KOVRA_ENSURE_MSG(
+        p.kernel_size.size() == 2 && p.kernel_size[0] > 0 && p.kernel_size[1] > 0,
+        "kernel_size == [kernel_h, kernel_w] > 0",
+        "Z40Unpool2D: kernel_size " + shape_text(p.kernel_size) + " is not two positive factors");
     return plan_resize(inputs, static_cast<float>(p.kernel_size[0]), static_cast<float>(p.kernel_size[1]),
                        "Z40Unpool2D");
   }
-
-  std::unique_ptr<Z40Unpool2DParam> op_param_;
 };
 
 }  // namespace kovraexecutor

@@ -10,7 +10,7 @@ namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-void parse_binary_requant(const NodeDef& node, const std::string& op, bool with_activation,
+void parse_binary_requant(const NodeDef& node, const char* op, bool with_activation,
                           Int8BinaryRequantParam& p) {
   require_float_list(node, "INPUT0SCALE", p.input0_scale, missing_message("INPUT0SCALE", op));
   require_int(node, "input0_offset", p.input0_offset, missing_message("input0_offset", op));
@@ -34,7 +34,7 @@ void parse_binary_requant(const NodeDef& node, const std::string& op, bool with_
   read_float(node, "hswish_mul_scalar_value", k.hswish_mul_scalar_value);
 }
 
-int check_binary_requant(const std::vector<const Tensor*>& inputs, const std::string& op,
+int check_binary_requant(const std::vector<const Tensor*>& inputs, const char* op,
                          const Int8BinaryRequantParam& p) {
   check_input_count(inputs, 2, op);
   check_input_not_scalar(inputs[0], op);
@@ -47,7 +47,7 @@ int check_binary_requant(const std::vector<const Tensor*>& inputs, const std::st
   return channels;
 }
 
-void run_int8_sum(const std::vector<const Tensor*>& inputs, Tensor* output, const std::string& op,
+void run_int8_sum(const std::vector<const Tensor*>& inputs, Tensor* output, const char* op,
                   const Int8BinaryRequantParam& p, bool difference) {
   const int channels = check_binary_requant(inputs, op, p);
   const Tensor* in0 = inputs[0];

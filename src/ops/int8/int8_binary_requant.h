@@ -28,17 +28,17 @@ struct Int8BinaryRequantParam : BaseParam {
 
 // Reads the scales, offsets and bounds (required, "Do not find the KEY in
 // <op>!!!") and, when `with_activation`, "ActionType" and its constants.
-void parse_binary_requant(const NodeDef& node, const std::string& op, bool with_activation,
+void parse_binary_requant(const NodeDef& node, const char* op, bool with_activation,
                           Int8BinaryRequantParam& param);
 
 // Checks the inputs and their per-channel attributes once; returns the channel count.
-int check_binary_requant(const std::vector<const Tensor*>& inputs, const std::string& op,
+int check_binary_requant(const std::vector<const Tensor*>& inputs, const char* op,
                          const Int8BinaryRequantParam& param);
 
 // The element-wise sum (difference when `difference`): direct requantization
 // without activation, real-valued path with one, the one-element shortcut
 // when the second input holds a single value.
-void run_int8_sum(const std::vector<const Tensor*>& inputs, Tensor* output, const std::string& op,
+void run_int8_sum(const std::vector<const Tensor*>& inputs, Tensor* output, const char* op,
                   const Int8BinaryRequantParam& param, bool difference);
 
 }  // namespace kovraexecutor

@@ -16,47 +16,24 @@ int channel_count(const Tensor* tensor) {
   return shape.empty() || shape.back() < 1 ? 1 : shape.back();
 }
 
-std::string missing_message(const std::string& key, const std::string& op) {
-  return "Do not find the " + key + " in " + op + "!!!";
-}
-
-void require_int(const NodeDef& node, const char* key, int& value, const std::string& message) {
-  require_attr(read_int(node, key, value), message);
-}
-
-void require_float(const NodeDef& node, const char* key, float& value,
-                   const std::string& message) {
-  require_attr(read_float(node, key, value), message);
-}
-
-void require_float_list(const NodeDef& node, const char* key, std::vector<float>& values,
-                        const std::string& message) {
-  require_attr(read_float_list(node, key, values), message);
-}
-
-void require_int_list(const NodeDef& node, const char* key, std::vector<int>& values,
-                      const std::string& message) {
-  require_attr(read_int_list(node, key, values), message);
-}
-
-const Tensor* first_input(const std::vector<const Tensor*>& inputs, const std::string& op) {
+const Tensor* first_input(const std::vector<const Tensor*>& inputs, const char* op) {
   check_input_count(inputs, 1, op);
   check_input_not_scalar(inputs[0], op);
   return inputs[0];
 }
 
-void check_rank_3_to_5(const Tensor* input, const std::string& op) {
+void check_rank_3_to_5(const Tensor* input, const char* op) {
   const size_t rank = input->shape().size();
   if (rank < 3 || rank > 5) {
-    fatal("\"The shape of input only support 3D ,4D or 5D in " + op + "!!!\"");
+    fatal("\"The shape of input only support 3D ,4D or 5D in " + std::string(op) + "!!!\"");
   }
 }
 
 void check_rank_4(const Tensor* input, const std::string& message) {
-  op_check(input->shape().size() == 4, "input_tensor->shape().size() == 4", message);
+  KOVRA_ENSURE_MSG(input->shape().size() == 4, "input_tensor->shape().size() == 4", message);
 }
 
-void copy_codes(const Tensor* input, Tensor* output, const std::string& op) {
+void copy_codes(const Tensor* input, Tensor* output, const char* op) {
   check_min_size(output, input->size(), op);
   const float* x = input->data<float>();
   float* y = output->mutable_data<float>();
@@ -67,8 +44,7 @@ void round_and_clamp(float* y, long long count, float lo, float hi) {
   for (long long i = 0; i < count; ++i) y[i] = clamp_code(kvdl::tensorflow_round_cpu(y[i]), lo, hi);
 }
 
-void check_per_channel(const std::vector<float>& values, int channels, const std::string& key,
-                       const std::string& op) {
+void check_per_channel(const std::vector<float>& values, int channels, const char* key, const char* op) {
   check_attr_size(values.size(), channels, key, op);
 }
 

@@ -15,33 +15,22 @@ namespace kovraexecutor {
 // flat element i belongs to channel i mod C, C the last dimension.
 int channel_count(const Tensor* tensor);
 
-// "Do not find the <key> in <op>!!!" when `key` is absent (op as the message
-// spells it, e.g. " Z40Quantize" for the two-blank variants).
-void require_int(const NodeDef& node, const char* key, int& value, const std::string& message);
-void require_float(const NodeDef& node, const char* key, float& value, const std::string& message);
-void require_float_list(const NodeDef& node, const char* key, std::vector<float>& values,
-                        const std::string& message);
-void require_int_list(const NodeDef& node, const char* key, std::vector<int>& values,
-                      const std::string& message);
-std::string missing_message(const std::string& key, const std::string& op);
-
 // The first input of a one-input operator, present and of rank > 0
 // ("The shape of input is 0 in <op>!!!").
-const Tensor* first_input(const std::vector<const Tensor*>& inputs, const std::string& op);
+const Tensor* first_input(const std::vector<const Tensor*>& inputs, const char* op);
 
 // Quantize and dequantize take channels-last tensors of rank 3, 4 or 5 only.
-void check_rank_3_to_5(const Tensor* input, const std::string& op);
+void check_rank_3_to_5(const Tensor* input, const char* op);
 
 // The rank check of operators that take 4-D activations only:
 // "input_tensor->shape().size() == 4" with `message`.
 void check_rank_4(const Tensor* input, const std::string& message);
 
 // Operators that pass codes through unchanged copy them element for element.
-void copy_codes(const Tensor* input, Tensor* output, const std::string& op);
+void copy_codes(const Tensor* input, Tensor* output, const char* op);
 
 // A per-channel attribute must cover every channel before the loop reads it.
-void check_per_channel(const std::vector<float>& values, int channels, const std::string& key,
-                       const std::string& op);
+void check_per_channel(const std::vector<float>& values, int channels, const char* key, const char* op);
 
 // Upper bound first, then lower bound, as the accelerator's output stage does.
 inline float clamp_code(float q, float lo, float hi) {

@@ -34,13 +34,13 @@ bool int8_activation_uses_sum_scale(Int8Activation kind) {
 
 namespace {
 
-std::string missing(const char* key, const std::string& label) {
-  return std::string("Do not find the ") + key + " in " + label + "!!!";
+std::string missing(const char* key, const char* label) {
+  return std::string("Do not find the ") + key + " in " + std::string(label) + "!!!";
 }
 
 }  // namespace
 
-void parse_int8_output_param(const NodeDef& node, const std::string& label, bool require_bounds,
+void parse_int8_output_param(const NodeDef& node, const char* label, bool require_bounds,
                              Int8OutputParam* param) {
   std::string action = param->ActionType;
   read_string(node, "ActionType", action);
@@ -57,32 +57,32 @@ void parse_int8_output_param(const NodeDef& node, const std::string& label, bool
     require_attr(has_min, missing("minValue", label));
   }
   read_int(node, "offset", param->offset);
-  require_attr(read_float_list(node, "OUTPUTSCALE", param->OUTPUTSCALE), missing("OUTPUTSCALE", label));
+  require_float_list(node, "OUTPUTSCALE", param->OUTPUTSCALE, missing("OUTPUTSCALE", label));
   if (read_float_list(node, "SUMSCALE", param->SUMSCALE)) {
     read_float_list(node, "QSCALE", param->QSCALE);
   }
   read_int(node, "output_bitwidth", param->output_bitwidth);
 }
 
-void parse_int8_conv_param(const NodeDef& node, const std::string& label, Int8ConvBaseParam* param) {
+void parse_int8_conv_param(const NodeDef& node, const char* label, Int8ConvBaseParam* param) {
   parse_int8_output_param(node, label, false, param);
   read_int_list(node, "dilations", param->dilations);
   read_int(node, "input_bitwidth", param->input_bitwidth);
   read_int(node, "input_offset", param->input_offset);
-  require_attr(read_string(node, "padding", param->padding), missing("padding", label));
+  require_string(node, "padding", param->padding, missing("padding", label));
   read_int_list(node, "pads", param->pads);
   read_float(node, "pad_value", param->pad_value);
-  require_attr(read_int_list(node, "strides", param->strides), missing("strides", label));
+  require_int_list(node, "strides", param->strides, missing("strides", label));
 }
 
-int int8_multiplier(const Int8OutputParam& param, const std::string& op) {
+int int8_multiplier(const Int8OutputParam& param, const char* op) {
   const int m = param.multify_factor.empty() ? 0 : param.multify_factor[0];
-  op_check(m >= -126 && m <= 30, "multify_factor[0] <= 30",
-           op + ": multify_factor " + std::to_string(m) + " is out of range");
+  KOVRA_ENSURE_MSG(m >= -126 && m <= 30, "multify_factor[0] <= 30",
+                   std::string(op) + ": multify_factor " + std::to_string(m) + " is out of range");
   return static_cast<int>(std::exp2(static_cast<double>(m)));
 }
 
-void check_int8_output_param(const Int8OutputParam& param, int channels, const std::string& op) {
+void check_int8_output_param(const Int8OutputParam& param, int channels, const char* op) {
   const long long c = channels;
   check_attr_size(param.OUTPUTSCALE.size(), param.action == Int8Activation::kLeakyRelu ? 2 * c : c,
                   "OUTPUTSCALE", op);
@@ -93,9 +93,9 @@ void check_int8_output_param(const Int8OutputParam& param, int channels, const s
 }
 
 ConvGeometry int8_conv_shape(const Int8ConvBaseParam& param, const std::vector<int>& input_shape,
-                             int kernel_h, int kernel_w, int out_c, const std::string& op) {
-  op_check(input_shape.size() == 4, "input_tensor->shape().size() == 4",
-           "Wrong input shape in " + op + "!!!");
+                             int kernel_h, int kernel_w, int out_c, const char* op) {
+  KOVRA_ENSURE_MSG(input_shape.size() == 4, "input_tensor->shape().size() == 4",
+                   "Wrong input shape in " + std::string(op) + "!!!");
   const ConvSteps steps =
       conv_steps(param.strides, param.dilations, param.pads, param.padding, op);
   ConvGeometry g;
@@ -137,7 +137,7 @@ Int8KernelInputs::Int8KernelInputs(const std::vector<const Tensor*>& inputs, boo
   args_.push_back(&zero_bias_);
 }
 
-Int8FloatView::Int8FloatView(const Tensor* tensor, const std::string& op) {
+Int8FloatView::Int8FloatView(const Tensor* tensor, const char* op) {
   if (tensor->data_type() == Tensor::DT_INT32) {
     const int32_t* src = tensor->data<int32_t>();
     copy_.assign(src, src + tensor->size());
@@ -148,7 +148,7 @@ Int8FloatView::Int8FloatView(const Tensor* tensor, const std::string& op) {
   data_ = tensor->data<float>();
 }
 
-Int8OutputBuffer::Int8OutputBuffer(Tensor* output, const std::string& op) : output_(output) {
+Int8OutputBuffer::Int8OutputBuffer(Tensor* output, const char* op) : output_(output) {
   if (output->data_type() == Tensor::DT_INT32) {
     buffer_.assign(output->size(), 0.0f);
     data_ = buffer_.data();

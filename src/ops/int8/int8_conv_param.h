@@ -71,20 +71,19 @@ struct Int8ConvBaseParam : Int8OutputParam {
 
 // Reads the attributes shared by the three operators. A missing required
 // attribute stops with `Check failed: suc=="Do not find the KEY in <label>!!!"`.
-void parse_int8_output_param(const NodeDef& node, const std::string& label,
-                             bool require_bounds, Int8OutputParam* param);
-void parse_int8_conv_param(const NodeDef& node, const std::string& label, Int8ConvBaseParam* param);
+void parse_int8_output_param(const NodeDef& node, const char* label, bool require_bounds,
+                             Int8OutputParam* param);
+void parse_int8_conv_param(const NodeDef& node, const char* label, Int8ConvBaseParam* param);
 
 // The accumulator multiplier 2^m, truncated to an integer; m outside [-126, 30]
 // stops with a message naming `op`.
-int int8_multiplier(const Int8OutputParam& param, const std::string& op);
+int int8_multiplier(const Int8OutputParam& param, const char* op);
 
 // Scale lists must cover every output channel the activation reads.
-void check_int8_output_param(const Int8OutputParam& param, int channels, const std::string& op);
-
+void check_int8_output_param(const Int8OutputParam& param, int channels, const char* op);
 
 ConvGeometry int8_conv_shape(const Int8ConvBaseParam& param, const std::vector<int>& input_shape,
-                              int kernel_h, int kernel_w, int out_c, const std::string& op);
+                             int kernel_h, int kernel_w, int out_c, const char* op);
 
 // The kernel's inputs: data, weights and the node's bias, or `channels` zeros
 // standing in for it when the node has none.
@@ -103,7 +102,7 @@ class Int8KernelInputs {
 // converted copy (int32 models). Stops on any other element type.
 class Int8FloatView {
  public:
-  Int8FloatView(const Tensor* tensor, const std::string& op);
+  Int8FloatView(const Tensor* tensor, const char* op);
   const float* data() const { return data_; }
 
  private:
@@ -115,7 +114,7 @@ class Int8FloatView {
 // a float buffer converted to the tensor's int32 elements (saturated) by finish().
 class Int8OutputBuffer {
  public:
-  Int8OutputBuffer(Tensor* output, const std::string& op);
+  Int8OutputBuffer(Tensor* output, const char* op);
   float* data() { return data_; }
   void finish();
 

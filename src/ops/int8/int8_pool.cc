@@ -12,7 +12,7 @@ namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-void parse_pool_attrs(const NodeDef& node, const std::string& op, Int8PoolAttrs& a) {
+void parse_pool_attrs(const NodeDef& node, const char* op, Int8PoolAttrs& a) {
   require_int_list(node, "ksize", a.ksize, missing_message("ksize", op));
   read_int_list(node, "strides", a.strides);
   read_string(node, "padding", a.padding);
@@ -22,31 +22,32 @@ void parse_pool_attrs(const NodeDef& node, const std::string& op, Int8PoolAttrs&
 }
 
 PoolGeometry int8_pool_geometry(const std::vector<const Tensor*>& inputs, const Int8PoolAttrs& a,
-                                const std::string& op, const std::string& rank_message) {
+                                const char* op, const std::string& rank_message) {
   const Tensor* input = first_input(inputs, op);
   check_rank_4(input, rank_message);
-  op_check(a.ksize.size() > 2, "op_param_->ksize.size() > 2", "Wrong kernel size in " + op + "!!!");
-  op_check(a.strides.size() > 2, "op_param_->strides.size() > 2",
-           "Wrong strides size in " + op + "!!!");
+  KOVRA_ENSURE_MSG(a.ksize.size() > 2, "op_param_->ksize.size() > 2",
+                   "Wrong kernel size in " + std::string(op) + "!!!");
+  KOVRA_ENSURE_MSG(a.strides.size() > 2, "op_param_->strides.size() > 2",
+                   "Wrong strides size in " + std::string(op) + "!!!");
   PoolGeometry g;
   const std::vector<int>& s = input->shape();
   g.n = s[0], g.h = s[1], g.w = s[2], g.c = s[3];
   g.kernel_h = a.ksize[1], g.kernel_w = a.ksize[2];
   g.stride_h = a.strides[1], g.stride_w = a.strides[2];
-  op_check(g.kernel_h > 0 && g.kernel_w > 0 && g.stride_h > 0 && g.stride_w > 0,
-           "kernel > 0 && stride > 0", op + ": kernel and strides must be positive");
+  KOVRA_ENSURE_MSG(g.kernel_h > 0 && g.kernel_w > 0 && g.stride_h > 0 && g.stride_w > 0,
+                   "kernel > 0 && stride > 0", std::string(op) + ": kernel and strides must be positive");
   if (a.padding == "SAME") {
     g.out_h = (g.h + g.stride_h - 1) / g.stride_h;
     g.out_w = (g.w + g.stride_w - 1) / g.stride_w;
     g.pad_top = same_pad_begin(g.h, g.out_h, g.kernel_h, g.stride_h);
     g.pad_left = same_pad_begin(g.w, g.out_w, g.kernel_w, g.stride_w);
   } else if (a.padding == "VALID") {
-    op_check(a.pads.size() >= 4, "op_param_->pads.size() >= 4",
-             op + ": pads needs 4 entries (top, bottom, left, right)");
+    KOVRA_ENSURE_MSG(a.pads.size() >= 4, "op_param_->pads.size() >= 4",
+                     std::string(op) + ": pads needs 4 entries (top, bottom, left, right)");
     const long long span_h = static_cast<long long>(g.h) + a.pads[0] + a.pads[1] - g.kernel_h;
     const long long span_w = static_cast<long long>(g.w) + a.pads[2] + a.pads[3] - g.kernel_w;
-    op_check(span_h >= 0 && span_w >= 0 && a.pads[0] >= 0 && a.pads[2] >= 0,
-             "kernel <= padded input", op + ": the window is larger than the padded input");
+    KOVRA_ENSURE_MSG(span_h >= 0 && span_w >= 0 && a.pads[0] >= 0 && a.pads[2] >= 0, "kernel <= padded input",
+                     std::string(op) + ": the window is larger than the padded input");
     g.pad_top = a.pads[0];
     g.pad_left = a.pads[2];
     if (a.ceil_mode) {
@@ -59,7 +60,7 @@ PoolGeometry int8_pool_geometry(const std::vector<const Tensor*>& inputs, const 
       g.out_w = static_cast<int>(span_w / g.stride_w + 1);
     }
   } else {
-    op_check(false, "false", "Worng padding type.");
+    KOVRA_ENSURE_MSG(false, "false", "Worng padding type.");
   }
   return g;
 }

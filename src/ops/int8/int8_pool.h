@@ -25,16 +25,15 @@ struct Int8PoolAttrs {
 };
 
 // Reads the window attributes; "ksize", "maxValue" and "minValue" are required.
-void parse_pool_attrs(const NodeDef& node, const std::string& op, Int8PoolAttrs& attrs);
+void parse_pool_attrs(const NodeDef& node, const char* op, Int8PoolAttrs& attrs);
 
 // Checks the input (4-D, `rank_message`) and the window lists, then sizes the
 // output as the float pooling operators do: "SAME" gives ceil(H / stride) with
 // the padding split as in TensorFlow; "VALID" uses the explicit pads, rounding
 // the window count down, or up with "ceil_mode" as in ONNX (dropping a last
 // window that would start in the bottom or right padding).
-PoolGeometry int8_pool_geometry(const std::vector<const Tensor*>& inputs,
-                                const Int8PoolAttrs& attrs, const std::string& op,
-                                const std::string& rank_message);
+PoolGeometry int8_pool_geometry(const std::vector<const Tensor*>& inputs, const Int8PoolAttrs& attrs,
+                                const char* op, const std::string& rank_message);
 
 // Windows reaching outside the input see `pad_value` in their padded cells.
 void apply_pad_value(float* y, const PoolGeometry& g, float pad_value);

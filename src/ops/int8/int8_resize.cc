@@ -17,8 +17,8 @@ int scaled_size(int size, float scale) {
 }
 }  // namespace
 
-ResizeGeometry int8_resize_geometry(const std::vector<const Tensor*>& inputs, float scale,
-                                    const std::string& op, const std::string& rank_message) {
+ResizeGeometry int8_resize_geometry(const std::vector<const Tensor*>& inputs, float scale, const char* op,
+                                    const std::string& rank_message) {
   const Tensor* input = first_input(inputs, op);
   check_rank_4(input, rank_message);
   const std::vector<int>& d = input->shape();
@@ -26,8 +26,8 @@ ResizeGeometry int8_resize_geometry(const std::vector<const Tensor*>& inputs, fl
   g.n = d[0], g.h = d[1], g.w = d[2], g.c = d[3];
   g.out_h = scaled_size(d[1], scale);
   g.out_w = scaled_size(d[2], scale);
-  op_check(g.out_h > 0 && g.out_w > 0, "out_h > 0 && out_w > 0",
-           op + ": wh_scale " + std::to_string(scale) + " leaves no output");
+  KOVRA_ENSURE_MSG(g.out_h > 0 && g.out_w > 0, "out_h > 0 && out_w > 0",
+                   std::string(op) + ": wh_scale " + std::to_string(scale) + " leaves no output");
   return g;
 }
 

@@ -15,8 +15,8 @@ namespace kovraexecutor {
 // rounded half to even as the float resizes do, after the checks every
 // resize makes: a 4-D input ("input_tensor->shape().size() == 4" with
 // `rank_message`) and output sides of at least one.
-ResizeGeometry int8_resize_geometry(const std::vector<const Tensor*>& inputs, float scale,
-                                    const std::string& op, const std::string& rank_message);
+ResizeGeometry int8_resize_geometry(const std::vector<const Tensor*>& inputs, float scale, const char* op,
+                                    const std::string& rank_message);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit

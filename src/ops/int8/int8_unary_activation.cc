@@ -1,15 +1,15 @@
 #include "ops/int8/int8_unary_activation.h"
 
 #include "kvdl.h"
-#include "ops/int8/int8_common.h"
+#include "op_attr.h"
 #include "ops/common/op_checks.h"
+#include "ops/int8/int8_common.h"
 
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-void parse_unary_activation(const NodeDef& node, const std::string& op,
-                            Int8UnaryActivationParam& p) {
+void parse_unary_activation(const NodeDef& node, const char* op, Int8UnaryActivationParam& p) {
   require_float_list(node, "INPUTSCALE", p.input_scale, missing_message("INPUTSCALE", op));
   require_float_list(node, "OUTPUTSCALE", p.output_scale, missing_message("OUTPUTSCALE", op));
   require_int(node, "maxValue", p.max_value, missing_message("maxValue", op));
@@ -18,9 +18,8 @@ void parse_unary_activation(const NodeDef& node, const std::string& op,
   require_int(node, "offset", p.offset, missing_message("offset", op));
 }
 
-void run_unary_activation(const std::vector<const Tensor*>& inputs, Tensor* output,
-                          const std::string& op, const Int8UnaryActivationParam& p,
-                          double (*f)(double)) {
+void run_unary_activation(const std::vector<const Tensor*>& inputs, Tensor* output, const char* op,
+                          const Int8UnaryActivationParam& p, double (*f)(double)) {
   const Tensor* input = first_input(inputs, op);
   check_float(input, op);
   const int channels = channel_count(input);

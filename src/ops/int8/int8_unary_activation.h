@@ -19,15 +19,13 @@ struct Int8UnaryActivationParam : BaseParam {
   int offset = 0;
 };
 
-void parse_unary_activation(const NodeDef& node, const std::string& op,
-                            Int8UnaryActivationParam& param);
+void parse_unary_activation(const NodeDef& node, const char* op, Int8UnaryActivationParam& param);
 
 // y = (input_offset + x) * INPUTSCALE[c]; s = f(y) in double, narrowed to
 // float; q = clamp(round(s * OUTPUTSCALE[c]), minValue, maxValue); output
 // offset + q.
-void run_unary_activation(const std::vector<const Tensor*>& inputs, Tensor* output,
-                          const std::string& op, const Int8UnaryActivationParam& param,
-                          double (*f)(double));
+void run_unary_activation(const std::vector<const Tensor*>& inputs, Tensor* output, const char* op,
+                          const Int8UnaryActivationParam& param, double (*f)(double));
 
 }  // namespace kovraexecutor
 }  // namespace trenkit

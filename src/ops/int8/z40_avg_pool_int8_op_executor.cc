@@ -18,7 +18,7 @@ struct Z40AvgPoolInt8 : BaseParam {
 // half to even and clamped.
 class Z40AvgPoolInt8OpExecutor : public OpExecutor {
  public:
-  void parse_parameter(const NodeDef& node) override { parse_pool_attrs(node, kName, param_.attrs); }
+  void parse_parameter(const NodeDef& node) override { parse_pool_attrs(node, kName, op_param_.attrs); }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     const PoolGeometry g = geometry(inputs);
@@ -32,18 +32,18 @@ class Z40AvgPoolInt8OpExecutor : public OpExecutor {
     check_min_size(output, count, kName);
     float* y = output->mutable_data<float>();
     avg_pool_f32(inputs[0]->data<float>(), y, g);
-    round_and_clamp(y, count, static_cast<float>(param_.attrs.min_value),
-                    static_cast<float>(param_.attrs.max_value));
+    round_and_clamp(y, count, static_cast<float>(op_param_.attrs.min_value),
+                    static_cast<float>(op_param_.attrs.max_value));
     return true;
   }
 
  private:
   PoolGeometry geometry(const std::vector<const Tensor*>& inputs) const {
-    return int8_pool_geometry(inputs, param_.attrs, kName, "Wrong input shape in Z40AvgPoolInt8!!!");
+    return int8_pool_geometry(inputs, op_param_.attrs, kName, "Wrong input shape in Z40AvgPoolInt8!!!");
   }
 
   static constexpr const char* kName = "Z40AvgPoolInt8";
-  Z40AvgPoolInt8 param_;
+  Z40AvgPoolInt8 op_param_;
 };
 
 }  // namespace kovraexecutor

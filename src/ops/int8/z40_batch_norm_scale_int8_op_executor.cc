@@ -1,8 +1,9 @@
 #include <vector>
 
 #include "kvdl.h"
-#include "ops/int8/int8_common.h"
+#include "op_attr.h"
 #include "ops/common/op_checks.h"
+#include "ops/int8/int8_common.h"
 
 namespace kovra {
 namespace trenkit {
@@ -16,13 +17,13 @@ struct Z40BatchNormScaleInt8Param : BaseParam {
 
 // Per-channel affine step on codes: q = min(round(x * scale[c] + bias[c]),
 // maxValue), then the zero point is added, as in the quantizer.
-class Z40BatchNormScaleInt8OpExecutor : public OpExecutor {
+class Z40BatchNormScaleInt8OpExecutor : public ParamOpExecutor<Z40BatchNormScaleInt8Param> {
  public:
   void parse_parameter(const NodeDef& node) override {
-    require_float_list(node, "bias", param_.bias, missing_message("bias", kName));
-    require_float_list(node, "scale", param_.scale, missing_message("scale", kName));
-    require_int(node, "offset", param_.offset, missing_message("offset", kName));
-    require_int(node, "maxValue", param_.max_value, missing_message("maxValue", kName));
+    require_float_list(node, "bias", op_param_.bias, missing_message("bias", kName));
+    require_float_list(node, "scale", op_param_.scale, missing_message("scale", kName));
+    require_int(node, "offset", op_param_.offset, missing_message("offset", kName));
+    require_int(node, "maxValue", op_param_.max_value, missing_message("maxValue", kName));
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
@@ -36,15 +37,15 @@ class Z40BatchNormScaleInt8OpExecutor : public OpExecutor {
     check_rank_4(input, "Wrong input shape in z40 batch norm!!!");
     check_float(input, kName);
     const int channels = channel_count(input);
-    check_per_channel(param_.scale, channels, "scale", kName);
-    check_per_channel(param_.bias, channels, "bias", kName);
-    const float hi = static_cast<float>(param_.max_value);
-    const float offset = static_cast<float>(param_.offset);
+    check_per_channel(op_param_.scale, channels, "scale", kName);
+    check_per_channel(op_param_.bias, channels, "bias", kName);
+    const float hi = static_cast<float>(op_param_.max_value);
+    const float offset = static_cast<float>(op_param_.offset);
     const float* x = input->data<float>();
     float* y = output->mutable_data<float>();
     for (int base = 0, n = input->size(); base < n; base += channels) {
       for (int c = 0; c < channels; ++c) {
-        float q = kvdl::tensorflow_round_cpu(x[base + c] * param_.scale[c] + param_.bias[c]);
+        float q = kvdl::tensorflow_round_cpu(x[base + c] * op_param_.scale[c] + op_param_.bias[c]);
         if (q > hi) q = hi;
         y[base + c] = offset + q;
       }
@@ -54,7 +55,6 @@ class Z40BatchNormScaleInt8OpExecutor : public OpExecutor {
 
  private:
   static constexpr const char* kName = "Z40BatchNormScaleInt8";
-  Z40BatchNormScaleInt8Param param_;
 };
 
 }  // namespace kovraexecutor

@@ -18,12 +18,12 @@ struct Z40ChannelShuffleInt8Param : BaseParam {
 // Channel shuffle as in ShuffleNet / ONNX ChannelShuffle: the C channels,
 // seen as [groups, C / groups], are transposed to [C / groups, groups]. A
 // permutation leaves the codes and their scale unchanged.
-class Z40ChannelShuffleInt8OpExecutor : public OpExecutor {
+class Z40ChannelShuffleInt8OpExecutor : public ParamOpExecutor<Z40ChannelShuffleInt8Param> {
  public:
   void parse_parameter(const NodeDef& node) override {
-    require_int(node, "groups", param_.groups, missing_message("groups", kName));
+    require_int(node, "groups", op_param_.groups, missing_message("groups", kName));
     // The message names INPUT1SCALE although the key is INPUTSCALE; users know it so.
-    require_float_list(node, "INPUTSCALE", param_.input_scale,
+    require_float_list(node, "INPUTSCALE", op_param_.input_scale,
                        "Do not find the INPUT1SCALE in Z40ChannelShuffleInt8!!!");
   }
 
@@ -38,10 +38,10 @@ class Z40ChannelShuffleInt8OpExecutor : public OpExecutor {
     check_rank_4(input, "Wrong input_shape in channel shuffle!!!");
     check_float(input, kName);
     const int channels = input->shape()[3];
-    const int groups = param_.groups;
-    op_check(groups > 0 && channels % groups == 0, "channels % groups == 0",
-             std::string(kName) + ": " + std::to_string(channels) + " channels in " +
-                 std::to_string(groups) + " groups");
+    const int groups = op_param_.groups;
+    KOVRA_ENSURE_MSG(groups > 0 && channels % groups == 0, "channels % groups == 0",
+                     std::string(kName) + ": " + std::to_string(channels) + " channels in " +
+                         std::to_string(groups) + " groups");
     channel_shuffle_f32(input->data<float>(), output->mutable_data<float>(), input->shape(),
                         groups);
     return true;
@@ -49,7 +49,6 @@ class Z40ChannelShuffleInt8OpExecutor : public OpExecutor {
 
  private:
   static constexpr const char* kName = "Z40ChannelShuffleInt8";
-  Z40ChannelShuffleInt8Param param_;
 };
 
 }  // namespace kovraexecutor

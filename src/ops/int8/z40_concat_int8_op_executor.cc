@@ -26,10 +26,10 @@ struct Z40ConcatInt8Param : BaseParam {
 // Concatenation of codes with different scales: input k is brought to the
 // output scale, q = clamp(round((input_offset + x) * DEQSCALE[k] * QSCALE[k]),
 // minValue, maxValue) + offset, then the inputs are joined along "axis".
-class Z40ConcatInt8OpExecutor : public OpExecutor {
+class Z40ConcatInt8OpExecutor : public ParamOpExecutor<Z40ConcatInt8Param> {
  public:
   void parse_parameter(const NodeDef& node) override {
-    Z40ConcatInt8Param& p = param_;
+    Z40ConcatInt8Param& p = op_param_;
     read_int(node, "axis", p.axis);
     read_int(node, "input_bitwidth", p.input_bitwidth);
     read_int(node, "output_bitwidth", p.output_bitwidth);
@@ -49,9 +49,9 @@ class Z40ConcatInt8OpExecutor : public OpExecutor {
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
     int axis = 0;
     const std::vector<int> out_shape = output_shape(inputs, &axis);
-    op_check(out_shape.size() > 3, "output_shape.size() > 3", "Wrong output shape in concat.");
-    check_attr_size(param_.qscale.size(), inputs.size(), "QSCALE", kName);
-    check_attr_size(param_.deqscale.size(), inputs.size(), "DEQSCALE", kName);
+    KOVRA_ENSURE_MSG(out_shape.size() > 3, "output_shape.size() > 3", "Wrong output shape in concat.");
+    check_attr_size(op_param_.qscale.size(), inputs.size(), "QSCALE", kName);
+    check_attr_size(op_param_.deqscale.size(), inputs.size(), "DEQSCALE", kName);
     long long total = 0;
     for (const Tensor* t : inputs) {
       check_float(t, kName);
@@ -59,10 +59,10 @@ class Z40ConcatInt8OpExecutor : public OpExecutor {
     }
     check_min_size(output, total, kName);
 
-    const float in_off = static_cast<float>(param_.input_offset);
-    const float lo = static_cast<float>(param_.min_value);
-    const float hi = static_cast<float>(param_.max_value);
-    const float offset = static_cast<float>(param_.offset);
+    const float in_off = static_cast<float>(op_param_.input_offset);
+    const float lo = static_cast<float>(op_param_.min_value);
+    const float hi = static_cast<float>(op_param_.max_value);
+    const float offset = static_cast<float>(op_param_.offset);
     std::vector<std::vector<float>> requantized(inputs.size());
     std::vector<const float*> parts;
     std::vector<int> axis_sizes;
@@ -71,7 +71,8 @@ class Z40ConcatInt8OpExecutor : public OpExecutor {
       std::vector<float>& r = requantized[k];
       r.resize(inputs[k]->size());
       for (size_t i = 0; i < r.size(); ++i) {
-        const float q = kvdl::tensorflow_round_cpu((in_off + x[i]) * param_.deqscale[k] * param_.qscale[k]);
+        const float q =
+            kvdl::tensorflow_round_cpu((in_off + x[i]) * op_param_.deqscale[k] * op_param_.qscale[k]);
         r[i] = clamp_then_offset(q, lo, hi, offset);
       }
       parts.push_back(r.data());
@@ -84,22 +85,22 @@ class Z40ConcatInt8OpExecutor : public OpExecutor {
  private:
   // Every input has the first one's rank and sizes except along the axis.
   std::vector<int> output_shape(const std::vector<const Tensor*>& inputs, int* axis_out) const {
-    op_check(inputs.size() > 1, "inputs.size() > 1",
-             "Z40ConcatInt8 operator inputs must greater than 1.");
+    KOVRA_ENSURE_MSG(inputs.size() > 1, "inputs.size() > 1",
+                     "Z40ConcatInt8 operator inputs must greater than 1.");
     check_input_not_scalar(inputs[0], kName);
     std::vector<int> shape = inputs[0]->shape();
     const int rank = static_cast<int>(shape.size());
-    const int axis = param_.axis < 0 ? param_.axis + rank : param_.axis;
-    op_check(axis >= 0 && axis < rank, "0 <= axis < rank",
-             std::string(kName) + ": axis " + std::to_string(param_.axis) + " for rank " +
-                 std::to_string(rank));
+    const int axis = op_param_.axis < 0 ? op_param_.axis + rank : op_param_.axis;
+    KOVRA_ENSURE_MSG(axis >= 0 && axis < rank, "0 <= axis < rank",
+                     std::string(kName) + ": axis " + std::to_string(op_param_.axis) + " for rank " +
+                         std::to_string(rank));
     for (size_t k = 1; k < inputs.size(); ++k) {
       const std::vector<int>& s = inputs[k]->shape();
       bool match = static_cast<int>(s.size()) == rank;
       for (int d = 0; match && d < rank; ++d) match = d == axis || s[d] == shape[d];
-      op_check(match, "inputs agree off the axis",
-               std::string(kName) + ": input " + std::to_string(k) +
-                   " differs from input 0 off the concatenation axis");
+      KOVRA_ENSURE_MSG(match, "inputs agree off the axis",
+                       std::string(kName) + ": input " + std::to_string(k) +
+                           " differs from input 0 off the concatenation axis");
       shape[axis] += s[axis];
     }
     *axis_out = axis;
@@ -107,7 +108,6 @@ class Z40ConcatInt8OpExecutor : public OpExecutor {
   }
 
   static constexpr const char* kName = "Z40ConcatInt8";
-  Z40ConcatInt8Param param_;
 };
 
 }  // namespace kovraexecutor

@@ -26,15 +26,12 @@ struct Z40Conv2DInt8Param : Int8ConvBaseParam {
   std::shared_ptr<Int8FloatPackedWeights> packed_float_weights;
 };
 
-class Z40Conv2DInt8OpExecutor : public OpExecutor {
+class Z40Conv2DInt8OpExecutor : public ParamOpExecutor<Z40Conv2DInt8Param> {
  public:
   void parse_parameter(const NodeDef& node_def) override;
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override;
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override;
-  Z40Conv2DInt8Param* param() { return &param_; }
-
- private:
-  Z40Conv2DInt8Param param_;
+  Z40Conv2DInt8Param* param() { return &op_param_; }
 };
 
 }  // namespace kovraexecutor

@@ -16,14 +16,11 @@ struct Z40DepthwiseConv2dNativeInt8Param : Int8ConvBaseParam {
   bool post_training_quantization = false;
 };
 
-class Z40DepthwiseConv2dNativeInt8OpExecutor : public OpExecutor {
+class Z40DepthwiseConv2dNativeInt8OpExecutor : public ParamOpExecutor<Z40DepthwiseConv2dNativeInt8Param> {
  public:
   void parse_parameter(const NodeDef& node_def) override;
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override;
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override;
-
- private:
-  Z40DepthwiseConv2dNativeInt8Param param_;
 };
 
 }  // namespace kovraexecutor

@@ -17,12 +17,11 @@ struct Z40DequantizeParam : BaseParam {
 
 // Codes to real values: (offset + q) * QSCALE[c]; the model stores the
 // reciprocal scale here, so the scale multiplies in both directions.
-class Z40DequantizeOpExecutor : public OpExecutor {
+class Z40DequantizeOpExecutor : public ParamOpExecutor<Z40DequantizeParam> {
  public:
   void parse_parameter(const NodeDef& node) override {
-    require_float_list(node, "QSCALE", param_.qscale,
-                       "Do not find the QSCALE in  Z40Dequantize!!!");
-    require_int(node, "offset", param_.offset, "Do not find the offset in  Z40Dequantize!!!");
+    require_float_list(node, "QSCALE", op_param_.qscale, "Do not find the QSCALE in  Z40Dequantize!!!");
+    require_int(node, "offset", op_param_.offset, "Do not find the offset in  Z40Dequantize!!!");
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
@@ -36,15 +35,14 @@ class Z40DequantizeOpExecutor : public OpExecutor {
     check_rank_3_to_5(input, kName);
     check_float(input, kName);
     const int channels = channel_count(input);
-    check_per_channel(param_.qscale, channels, "QSCALE", kName);
+    check_per_channel(op_param_.qscale, channels, "QSCALE", kName);
     dequantize_f32(input->data<float>(), output->mutable_data<float>(), input->size(), channels,
-                   param_.qscale.data(), static_cast<float>(param_.offset));
+                   op_param_.qscale.data(), static_cast<float>(op_param_.offset));
     return true;
   }
 
  private:
   static constexpr const char* kName = "Z40Dequantize";
-  Z40DequantizeParam param_;
 };
 
 }  // namespace kovraexecutor

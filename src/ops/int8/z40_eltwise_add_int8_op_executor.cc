@@ -12,11 +12,9 @@ struct Z40EltwiseAddInt8Param : Int8BinaryRequantParam {};
 
 // Sum of two int8 tensors brought to the output scale, with an optional fused
 // activation.
-class Z40EltwiseAddInt8OpExecutor : public OpExecutor {
+class Z40EltwiseAddInt8OpExecutor : public ParamOpExecutor<Z40EltwiseAddInt8Param> {
  public:
-  void parse_parameter(const NodeDef& node) override {
-    parse_binary_requant(node, kName, true, param_);
-  }
+  void parse_parameter(const NodeDef& node) override { parse_binary_requant(node, kName, true, op_param_); }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     check_input_count(inputs, 2, kName);
@@ -25,13 +23,12 @@ class Z40EltwiseAddInt8OpExecutor : public OpExecutor {
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    run_int8_sum(inputs, output, kName, param_, false);
+    run_int8_sum(inputs, output, kName, op_param_, false);
     return true;
   }
 
  private:
   static constexpr const char* kName = "Z40EltwiseAddInt8";
-  Z40EltwiseAddInt8Param param_;
 };
 
 }  // namespace kovraexecutor

@@ -24,10 +24,10 @@ struct Z40EltwiseMulInt8Param : BaseParam {
 // Product of two int8 tensors: q = round((off1 + x1) * (off0 + x0) * O[c] + offset),
 // clamped with both bounds shifted by the offset. The second input repeats
 // cyclically, so a per-channel vector scales each channel.
-class Z40EltwiseMulInt8OpExecutor : public OpExecutor {
+class Z40EltwiseMulInt8OpExecutor : public ParamOpExecutor<Z40EltwiseMulInt8Param> {
  public:
   void parse_parameter(const NodeDef& node) override {
-    Z40EltwiseMulInt8Param& p = param_;
+    Z40EltwiseMulInt8Param& p = op_param_;
     require_int(node, "input0_offset", p.input0_offset, missing_message("input0_offset", kName));
     require_int(node, "input1_offset", p.input1_offset, missing_message("input1_offset", kName));
     require_int(node, "maxValue", p.max_value, missing_message("maxValue", kName));
@@ -49,15 +49,15 @@ class Z40EltwiseMulInt8OpExecutor : public OpExecutor {
     check_float(in0, kName);
     check_float(in1, kName);
     const int channels = channel_count(in0);
-    check_per_channel(param_.output_scale, channels, "OUTPUTSCALE", kName);
-    const float off0 = static_cast<float>(param_.input0_offset);
-    const float off1 = static_cast<float>(param_.input1_offset);
-    const float offset = static_cast<float>(param_.offset);
-    const float lo = static_cast<float>(static_cast<long long>(param_.min_value) + param_.offset);
-    const float hi = static_cast<float>(static_cast<long long>(param_.max_value) + param_.offset);
+    check_per_channel(op_param_.output_scale, channels, "OUTPUTSCALE", kName);
+    const float off0 = static_cast<float>(op_param_.input0_offset);
+    const float off1 = static_cast<float>(op_param_.input1_offset);
+    const float offset = static_cast<float>(op_param_.offset);
+    const float lo = static_cast<float>(static_cast<long long>(op_param_.min_value) + op_param_.offset);
+    const float hi = static_cast<float>(static_cast<long long>(op_param_.max_value) + op_param_.offset);
     const float* x0 = in0->data<float>();
     const float* x1 = in1->data<float>();
-    const float* o = param_.output_scale.data();
+    const float* o = op_param_.output_scale.data();
     float* y = output->mutable_data<float>();
     const int n = in0->size(), n1 = in1->size();
     for (int base = 0, j = 0; base < n; base += channels) {
@@ -80,7 +80,6 @@ class Z40EltwiseMulInt8OpExecutor : public OpExecutor {
   }
 
   static constexpr const char* kName = "Z40EltwiseMulInt8";
-  Z40EltwiseMulInt8Param param_;
 };
 
 }  // namespace kovraexecutor

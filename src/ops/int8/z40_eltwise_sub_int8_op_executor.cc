@@ -12,11 +12,9 @@ struct Z40EltwiseSubInt8Param : Int8BinaryRequantParam {};
 
 // Difference of two int8 tensors: the sum's arithmetic with the second term
 // negated, without activations.
-class Z40EltwiseSubInt8OpExecutor : public OpExecutor {
+class Z40EltwiseSubInt8OpExecutor : public ParamOpExecutor<Z40EltwiseSubInt8Param> {
  public:
-  void parse_parameter(const NodeDef& node) override {
-    parse_binary_requant(node, kName, false, param_);
-  }
+  void parse_parameter(const NodeDef& node) override { parse_binary_requant(node, kName, false, op_param_); }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     check_input_count(inputs, 2, kName);
@@ -25,13 +23,12 @@ class Z40EltwiseSubInt8OpExecutor : public OpExecutor {
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    run_int8_sum(inputs, output, kName, param_, true);
+    run_int8_sum(inputs, output, kName, op_param_, true);
     return true;
   }
 
  private:
   static constexpr const char* kName = "Z40EltwiseSubInt8";
-  Z40EltwiseSubInt8Param param_;
 };
 
 }  // namespace kovraexecutor

@@ -21,16 +21,15 @@ struct Z40GlobalAvgPoolInt8Param : BaseParam {
 // Sum over all spatial positions per channel, in float and in memory order;
 // "POOLSCALE" (which carries the 1 / (H*W)) scales it to the output codes.
 // Output [N, 1, 1, C] for a 4-D [N, H, W, C] or 3-D [N, L, C] input.
-class Z40GlobalAvgPoolInt8OpExecutor : public OpExecutor {
+class Z40GlobalAvgPoolInt8OpExecutor : public ParamOpExecutor<Z40GlobalAvgPoolInt8Param> {
  public:
   void parse_parameter(const NodeDef& node) override {
-    require_int(node, "maxValue", param_.max_value, missing_message("maxValue", kName));
+    require_int(node, "maxValue", op_param_.max_value, missing_message("maxValue", kName));
     // The capital O is in the text users search for.
-    require_int(node, "minValue", param_.min_value,
-                "DO not find the minValue in Z40GlobalAvgPoolInt8!!!");
-    require_float_list(node, "POOLSCALE", param_.pool_scale, missing_message("POOLSCALE", kName));
-    read_int_list(node, "output_shape", param_.output_shape);
-    read_int(node, "output_bitwidth", param_.output_bitwidth);
+    require_int(node, "minValue", op_param_.min_value, "DO not find the minValue in Z40GlobalAvgPoolInt8!!!");
+    require_float_list(node, "POOLSCALE", op_param_.pool_scale, missing_message("POOLSCALE", kName));
+    read_int_list(node, "output_shape", op_param_.output_shape);
+    read_int(node, "output_bitwidth", op_param_.output_bitwidth);
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
@@ -43,11 +42,11 @@ class Z40GlobalAvgPoolInt8OpExecutor : public OpExecutor {
     check_float(input, kName);
     const int batch = input->shape()[0];
     const int channels = input->shape().back();
-    check_per_channel(param_.pool_scale, channels, "POOLSCALE", kName);
+    check_per_channel(op_param_.pool_scale, channels, "POOLSCALE", kName);
     check_min_size(output, static_cast<long long>(batch) * channels, kName);
     const int spatial = batch > 0 && channels > 0 ? input->size() / (batch * channels) : 0;
-    const float lo = static_cast<float>(param_.min_value);
-    const float hi = static_cast<float>(param_.max_value);
+    const float lo = static_cast<float>(op_param_.min_value);
+    const float hi = static_cast<float>(op_param_.max_value);
     const float* x = input->data<float>();
     float* y = output->mutable_data<float>();
     std::vector<float> sum(channels);
@@ -58,7 +57,7 @@ class Z40GlobalAvgPoolInt8OpExecutor : public OpExecutor {
         for (int c = 0; c < channels; ++c) sum[c] += image[static_cast<long>(p) * channels + c];
       }
       for (int c = 0; c < channels; ++c) {
-        const float q = kvdl::tensorflow_round_cpu(sum[c] * param_.pool_scale[c]);
+        const float q = kvdl::tensorflow_round_cpu(sum[c] * op_param_.pool_scale[c]);
         y[static_cast<long>(n) * channels + c] = clamp_code(q, lo, hi);
       }
     }
@@ -69,13 +68,12 @@ class Z40GlobalAvgPoolInt8OpExecutor : public OpExecutor {
   const Tensor* checked_input(const std::vector<const Tensor*>& inputs) const {
     const Tensor* input = first_input(inputs, kName);
     const size_t rank = input->shape().size();
-    op_check(rank == 3 || rank == 4, "input_tensor->shape().size() == 3 || 4",
-             "Wrong input shape in Z40GlobalAvgPoolInt8!!!");
+    KOVRA_ENSURE_MSG(rank == 3 || rank == 4, "input_tensor->shape().size() == 3 || 4",
+                     "Wrong input shape in Z40GlobalAvgPoolInt8!!!");
     return input;
   }
 
   static constexpr const char* kName = "Z40GlobalAvgPoolInt8";
-  Z40GlobalAvgPoolInt8Param param_;
 };
 
 }  // namespace kovraexecutor

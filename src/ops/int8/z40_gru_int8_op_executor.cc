@@ -29,10 +29,10 @@ float scale_of(const std::vector<float>& scales, long long i, int channels) {
 }
 
 void check_scales(const std::vector<float>& scales, int channels, const char* key) {
-  op_check(scales.size() == 1 || static_cast<int>(scales.size()) >= channels,
-           "values.size() == 1 || values.size() >= channels",
-           std::string(kOp) + ": attribute " + key + " has " + std::to_string(scales.size()) +
-               " values, needs 1 or " + std::to_string(channels));
+  KOVRA_ENSURE_MSG(scales.size() == 1 || static_cast<int>(scales.size()) >= channels,
+                   "values.size() == 1 || values.size() >= channels",
+                   std::string(kOp) + ": attribute " + key + " has " + std::to_string(scales.size()) +
+                       " values, needs 1 or " + std::to_string(channels));
 }
 
 }  // namespace
@@ -48,7 +48,7 @@ class Z40GRUInt8OpExecutor : public Z40GRUOpExecutor {
     Z40GRUOpExecutor::parse_parameter(node);
     // Quantized models store the size as an integer.
     int hidden = 0;
-    if (read_int(node, "hidden_size", hidden) && hidden > 0) op_param_->hidden_size = hidden;
+    if (read_int(node, "hidden_size", hidden) && hidden > 0) op_param_.hidden_size = hidden;
     Z40GRUInt8Param& p = quant_;
     require_float_list(node, "QSCALE", p.qscale, missing_message("QSCALE", kOp));
     require_float_list(node, "DEQSCALE", p.deqscale, missing_message("DEQSCALE", kOp));

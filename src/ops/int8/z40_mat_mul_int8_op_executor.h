@@ -17,14 +17,11 @@ struct Z40MatMulInt8Param : Int8OutputParam {
   std::shared_ptr<Int8PackedWeights> packed_weights;
 };
 
-class Z40MatMulInt8OpExecutor : public OpExecutor {
+class Z40MatMulInt8OpExecutor : public ParamOpExecutor<Z40MatMulInt8Param> {
  public:
   void parse_parameter(const NodeDef& node_def) override;
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override;
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override;
-
- private:
-  Z40MatMulInt8Param param_;
 };
 
 }  // namespace kovraexecutor

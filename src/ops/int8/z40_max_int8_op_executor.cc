@@ -14,11 +14,9 @@ struct Z40MaxInt8Param : Int8BinaryRequantParam {};
 // Element-wise maximum: both inputs are brought to the output scale as in the
 // sum (off_k * (O*S_k) + (O*S_k) * x_k), the larger plus the zero point is
 // rounded and clamped to the offset-shifted bounds.
-class Z40MaxInt8OpExecutor : public OpExecutor {
+class Z40MaxInt8OpExecutor : public ParamOpExecutor<Z40MaxInt8Param> {
  public:
-  void parse_parameter(const NodeDef& node) override {
-    parse_binary_requant(node, kName, false, param_);
-  }
+  void parse_parameter(const NodeDef& node) override { parse_binary_requant(node, kName, false, op_param_); }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     check_input_count(inputs, 2, kName);
@@ -27,11 +25,11 @@ class Z40MaxInt8OpExecutor : public OpExecutor {
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    const int channels = check_binary_requant(inputs, kName, param_);
+    const int channels = check_binary_requant(inputs, kName, op_param_);
     check_rank_4(inputs[0], "Wrong input shape in Z40MaxInt8.");
     const int n = inputs[0]->size();
     check_min_size(inputs[1], n, kName);
-    const Int8BinaryRequantParam& p = param_;
+    const Int8BinaryRequantParam& p = op_param_;
     const float off0 = static_cast<float>(p.input0_offset);
     const float off1 = static_cast<float>(p.input1_offset);
     const float offset = static_cast<float>(p.offset);
@@ -56,7 +54,6 @@ class Z40MaxInt8OpExecutor : public OpExecutor {
 
  private:
   static constexpr const char* kName = "Z40MaxInt8";
-  Z40MaxInt8Param param_;
 };
 
 }  // namespace kovraexecutor

@@ -18,13 +18,13 @@ struct Z40MaxPoolInt8Param : BaseParam {
 };
 
 // Maximum pooling on codes; padded cells take "padValue"; the result is clamped.
-class Z40MaxPoolInt8OpExecutor : public OpExecutor {
+class Z40MaxPoolInt8OpExecutor : public ParamOpExecutor<Z40MaxPoolInt8Param> {
  public:
   void parse_parameter(const NodeDef& node) override {
-    parse_pool_attrs(node, kName, param_.attrs);
-    read_bool(node, "ceil_mode", param_.attrs.ceil_mode);
+    parse_pool_attrs(node, kName, op_param_.attrs);
+    read_bool(node, "ceil_mode", op_param_.attrs.ceil_mode);
     int pad_value = 0;
-    if (read_int(node, "padValue", pad_value)) param_.pad_value = static_cast<float>(pad_value);
+    if (read_int(node, "padValue", pad_value)) op_param_.pad_value = static_cast<float>(pad_value);
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
@@ -39,19 +39,18 @@ class Z40MaxPoolInt8OpExecutor : public OpExecutor {
     check_min_size(output, count, kName);
     float* y = output->mutable_data<float>();
     max_pool_f32(inputs[0]->data<float>(), y, g);
-    apply_pad_value(y, g, param_.pad_value);
-    round_and_clamp(y, count, static_cast<float>(param_.attrs.min_value),
-                    static_cast<float>(param_.attrs.max_value));
+    apply_pad_value(y, g, op_param_.pad_value);
+    round_and_clamp(y, count, static_cast<float>(op_param_.attrs.min_value),
+                    static_cast<float>(op_param_.attrs.max_value));
     return true;
   }
 
  private:
   PoolGeometry geometry(const std::vector<const Tensor*>& inputs) const {
-    return int8_pool_geometry(inputs, param_.attrs, kName, "Wrong input shape in Z40MaxPoolInt8!!!");
+    return int8_pool_geometry(inputs, op_param_.attrs, kName, "Wrong input shape in Z40MaxPoolInt8!!!");
   }
 
   static constexpr const char* kName = "Z40MaxPoolInt8";
-  Z40MaxPoolInt8Param param_;
 };
 
 }  // namespace kovraexecutor

@@ -18,15 +18,15 @@ struct Z40PadInt8Param : BaseParam {
 };
 
 // Constant padding of 4-D or 5-D codes with "padValue".
-class Z40PadInt8OpExecutor : public OpExecutor {
+class Z40PadInt8OpExecutor : public ParamOpExecutor<Z40PadInt8Param> {
  public:
   void parse_parameter(const NodeDef& node) override {
-    read_int_list(node, "output_shape", param_.output_shape);
-    require_int_list(node, "pads", param_.pads, missing_message("pads", kName));
-    read_int(node, "padValue", param_.pad_value);
-    read_string(node, "mode", param_.mode);
-    op_check(param_.mode == "constant", "op_param_->mode == \"constant\"",
-             "The mode only support constant in Z40PadInt8!!!");
+    read_int_list(node, "output_shape", op_param_.output_shape);
+    require_int_list(node, "pads", op_param_.pads, missing_message("pads", kName));
+    read_int(node, "padValue", op_param_.pad_value);
+    read_string(node, "mode", op_param_.mode);
+    KOVRA_ENSURE_MSG(op_param_.mode == "constant", "op_param_->mode == \"constant\"",
+                     "The mode only support constant in Z40PadInt8!!!");
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
@@ -41,9 +41,9 @@ class Z40PadInt8OpExecutor : public OpExecutor {
     for (int d : out_shape) count *= d;
     check_min_size(output, count, kName);
     const int rank = input->dims();
-    const std::vector<int> before(param_.pads.begin(), param_.pads.begin() + rank);
-    pad_constant_f32(input->data<float>(), input->shape(), before,
-                     static_cast<float>(param_.pad_value), output->mutable_data<float>(), out_shape);
+    const std::vector<int> before(op_param_.pads.begin(), op_param_.pads.begin() + rank);
+    pad_constant_f32(input->data<float>(), input->shape(), before, static_cast<float>(op_param_.pad_value),
+                     output->mutable_data<float>(), out_shape);
     return true;
   }
 
@@ -51,26 +51,26 @@ class Z40PadInt8OpExecutor : public OpExecutor {
   std::vector<int> padded_shape(const std::vector<const Tensor*>& inputs) const {
     const Tensor* input = first_input(inputs, kName);
     const int rank = input->dims();
-    op_check(rank == 4 || rank == 5,
-             "input_tensor->shape().size() == 4 || input_tensor->shape().size() == 5",
-             "The shape of input only support 4D or 5D in Z40PadInt8!!!");
+    KOVRA_ENSURE_MSG(rank == 4 || rank == 5,
+                     "input_tensor->shape().size() == 4 || input_tensor->shape().size() == 5",
+                     "The shape of input only support 4D or 5D in Z40PadInt8!!!");
     // Only non-negative amounts, one leading and one trailing per axis, make a
     // constant pad; anything else (cropping, other layouts) the model cannot ask for.
-    bool constant = static_cast<int>(param_.pads.size()) == 2 * rank;
-    for (size_t i = 0; constant && i < param_.pads.size(); ++i) constant = param_.pads[i] >= 0;
-    op_check(constant, "op_param_->pads.size() == 2 * rank",
-             "The model only support constant in Z40PadInt8!!!");
+    bool constant = static_cast<int>(op_param_.pads.size()) == 2 * rank;
+    for (size_t i = 0; constant && i < op_param_.pads.size(); ++i) constant = op_param_.pads[i] >= 0;
+    KOVRA_ENSURE_MSG(constant, "op_param_->pads.size() == 2 * rank",
+                     "The model only support constant in Z40PadInt8!!!");
     std::vector<int> shape = input->shape();
     for (int d = 0; d < rank; ++d) {
-      const long long size = static_cast<long long>(shape[d]) + param_.pads[d] + param_.pads[rank + d];
-      op_check(size < (1LL << 31), "padded size < 2^31", std::string(kName) + ": padded size too large");
+      const long long size = static_cast<long long>(shape[d]) + op_param_.pads[d] + op_param_.pads[rank + d];
+      KOVRA_ENSURE_MSG(size < (1LL << 31), "padded size < 2^31",
+                       std::string(kName) + ": padded size too large");
       shape[d] = static_cast<int>(size);
     }
     return shape;
   }
 
   static constexpr const char* kName = "Z40PadInt8";
-  Z40PadInt8Param param_;
 };
 
 }  // namespace kovraexecutor

@@ -21,15 +21,15 @@ struct Z40QuantizeParam : BaseParam {
 
 // Real values to codes: q = clamp(round(QSCALE[c] * x), minValue, maxValue),
 // and the zero point is added after the clamp.
-class Z40QuantizeOpExecutor : public OpExecutor {
+class Z40QuantizeOpExecutor : public ParamOpExecutor<Z40QuantizeParam> {
  public:
   void parse_parameter(const NodeDef& node) override {
-    require_float_list(node, "QSCALE", param_.qscale, "Do not find the QSCALE in  Z40Quantize!!!");
-    require_int(node, "offset", param_.offset, "Do not find the offset in  Z40Quantize!!!");
-    require_int(node, "maxValue", param_.max_value, "Do not find the maxValue in  Z40Quantize!!!");
-    require_int(node, "minValue", param_.min_value, "Do not find the minValue in  Z40Quantize!!!");
-    read_int(node, "input_bitwidth", param_.input_bitwidth);
-    read_int(node, "output_bitwidth", param_.output_bitwidth);
+    require_float_list(node, "QSCALE", op_param_.qscale, "Do not find the QSCALE in  Z40Quantize!!!");
+    require_int(node, "offset", op_param_.offset, "Do not find the offset in  Z40Quantize!!!");
+    require_int(node, "maxValue", op_param_.max_value, "Do not find the maxValue in  Z40Quantize!!!");
+    require_int(node, "minValue", op_param_.min_value, "Do not find the minValue in  Z40Quantize!!!");
+    read_int(node, "input_bitwidth", op_param_.input_bitwidth);
+    read_int(node, "output_bitwidth", op_param_.output_bitwidth);
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
@@ -43,16 +43,15 @@ class Z40QuantizeOpExecutor : public OpExecutor {
     check_rank_3_to_5(input, kName);
     check_float(input, kName);
     const int channels = channel_count(input);
-    check_per_channel(param_.qscale, channels, "QSCALE", kName);
+    check_per_channel(op_param_.qscale, channels, "QSCALE", kName);
     quantize_f32(input->data<float>(), output->mutable_data<float>(), input->size(), channels,
-                 param_.qscale.data(), static_cast<float>(param_.min_value),
-                 static_cast<float>(param_.max_value), static_cast<float>(param_.offset));
+                 op_param_.qscale.data(), static_cast<float>(op_param_.min_value),
+                 static_cast<float>(op_param_.max_value), static_cast<float>(op_param_.offset));
     return true;
   }
 
  private:
   static constexpr const char* kName = "Z40Quantize";
-  Z40QuantizeParam param_;
 };
 
 }  // namespace kovraexecutor

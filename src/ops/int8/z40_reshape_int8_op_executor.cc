@@ -19,18 +19,18 @@ struct Z40ReshapeInt8Param : BaseParam {
 // Reshape of the codes to "output_shape"; a model converted from ONNX
 // ("src_framework") reshapes in channels-first order, so the data are
 // reordered through that layout as the float reshape does.
-class Z40ReshapeInt8OpExecutor : public OpExecutor {
+class Z40ReshapeInt8OpExecutor : public ParamOpExecutor<Z40ReshapeInt8Param> {
  public:
   void parse_parameter(const NodeDef& node) override {
     // The text names "strides" although the key is "output_shape"; users know it so.
-    require_int_list(node, "output_shape", param_.output_shape,
+    require_int_list(node, "output_shape", op_param_.output_shape,
                      "Do not find the strides in Z40ReshapeInt8!!!");
-    read_string(node, "src_framework", param_.src_framework);
+    read_string(node, "src_framework", op_param_.src_framework);
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     checked_input(inputs);
-    shape = param_.output_shape;
+    shape = op_param_.output_shape;
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
@@ -39,9 +39,9 @@ class Z40ReshapeInt8OpExecutor : public OpExecutor {
     check_min_size(output, input->size(), kName);
     const float* x = input->data<float>();
     float* y = output->mutable_data<float>();
-    if (param_.src_framework == "ONNX") {
+    if (op_param_.src_framework == "ONNX") {
       std::vector<float> scratch(input->size());
-      onnx_reshape_reorder(x, input->shape(), y, param_.output_shape, scratch.data());
+      onnx_reshape_reorder(x, input->shape(), y, op_param_.output_shape, scratch.data());
     } else {
       std::copy(x, x + input->size(), y);
     }
@@ -53,18 +53,17 @@ class Z40ReshapeInt8OpExecutor : public OpExecutor {
     const Tensor* input = first_input(inputs, kName);
     long long count = 1;
     bool positive = true;
-    for (int d : param_.output_shape) {
+    for (int d : op_param_.output_shape) {
       positive = positive && d > 0;
       count = std::min(count * (positive ? d : 1), 1LL << 40);  // no overflow
     }
-    op_check(positive && count == input->size(), "product(output_shape) == input->size()",
-             std::string(kName) + ": output_shape does not hold the input's " +
-                 std::to_string(input->size()) + " elements");
+    KOVRA_ENSURE_MSG(positive && count == input->size(), "product(output_shape) == input->size()",
+                     std::string(kName) + ": output_shape does not hold the input's " +
+                         std::to_string(input->size()) + " elements");
     return input;
   }
 
   static constexpr const char* kName = "Z40ReshapeInt8";
-  Z40ReshapeInt8Param param_;
 };
 
 }  // namespace kovraexecutor

@@ -20,16 +20,15 @@ struct Z40ResizeBilinearInt8Param : BaseParam {
 
 // The float bilinear resize of the codes, rounded half to even and clamped to
 // the offset-shifted bounds [minValue + offset, maxValue + offset].
-class Z40ResizeBilinearInt8OpExecutor : public OpExecutor {
+class Z40ResizeBilinearInt8OpExecutor : public ParamOpExecutor<Z40ResizeBilinearInt8Param> {
  public:
   void parse_parameter(const NodeDef& node) override {
-    read_bool(node, "align_corners", param_.align_corners);
-    require_float(node, "wh_scale", param_.wh_scale, missing_message("wh_scale", kName));
+    read_bool(node, "align_corners", op_param_.align_corners);
+    require_float(node, "wh_scale", op_param_.wh_scale, missing_message("wh_scale", kName));
     // The text names another operator; it is the one users know.
-    require_int(node, "maxValue", param_.max_value,
-                "Do not find the maxValue in Z40EltwiseMulInt8!!!");
-    require_int(node, "minValue", param_.min_value, missing_message("minValue", kName));
-    require_int(node, "offset", param_.offset, missing_message("offset", kName));
+    require_int(node, "maxValue", op_param_.max_value, "Do not find the maxValue in Z40EltwiseMulInt8!!!");
+    require_int(node, "minValue", op_param_.min_value, missing_message("minValue", kName));
+    require_int(node, "offset", op_param_.offset, missing_message("offset", kName));
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
@@ -43,21 +42,20 @@ class Z40ResizeBilinearInt8OpExecutor : public OpExecutor {
     const long long count = static_cast<long long>(g.n) * g.out_h * g.out_w * g.c;
     check_min_size(output, count, kName);
     float* y = output->mutable_data<float>();
-    resize_bilinear_f32(inputs[0]->data<float>(), y, g, param_.align_corners);
-    const float lo = static_cast<float>(static_cast<long long>(param_.min_value) + param_.offset);
-    const float hi = static_cast<float>(static_cast<long long>(param_.max_value) + param_.offset);
+    resize_bilinear_f32(inputs[0]->data<float>(), y, g, op_param_.align_corners);
+    const float lo = static_cast<float>(static_cast<long long>(op_param_.min_value) + op_param_.offset);
+    const float hi = static_cast<float>(static_cast<long long>(op_param_.max_value) + op_param_.offset);
     round_and_clamp(y, count, lo, hi);
     return true;
   }
 
  private:
   ResizeGeometry geometry(const std::vector<const Tensor*>& inputs) const {
-    return int8_resize_geometry(inputs, param_.wh_scale, kName,
+    return int8_resize_geometry(inputs, op_param_.wh_scale, kName,
                                 "Wrong input shape in Z40ResizeBilinearInt8!!!");
   }
 
   static constexpr const char* kName = "Z40ResizeBilinearInt8";
-  Z40ResizeBilinearInt8Param param_;
 };
 
 }  // namespace kovraexecutor

@@ -18,11 +18,11 @@ struct Z40ResizeNearestNeighborInt8Param : BaseParam {
 
 // Nearest-neighbour resize as the float operator does it; codes are copied,
 // so nothing is rounded.
-class Z40ResizeNearestNeighborInt8OpExecutor : public OpExecutor {
+class Z40ResizeNearestNeighborInt8OpExecutor : public ParamOpExecutor<Z40ResizeNearestNeighborInt8Param> {
  public:
   void parse_parameter(const NodeDef& node) override {
-    require_float(node, "wh_scale", param_.wh_scale, missing_message("wh_scale", kName));
-    read_string(node, "mode", param_.mode);
+    require_float(node, "wh_scale", op_param_.wh_scale, missing_message("wh_scale", kName));
+    read_string(node, "mode", op_param_.mode);
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
@@ -40,12 +40,11 @@ class Z40ResizeNearestNeighborInt8OpExecutor : public OpExecutor {
 
  private:
   ResizeGeometry geometry(const std::vector<const Tensor*>& inputs) const {
-    return int8_resize_geometry(inputs, param_.wh_scale, kName,
+    return int8_resize_geometry(inputs, op_param_.wh_scale, kName,
                                 "Wrong input shape in Z40ResizeNearestNeighborInt8!!!");
   }
 
   static constexpr const char* kName = "Z40ResizeNearestNeighborInt8";
-  Z40ResizeNearestNeighborInt8Param param_;
 };
 
 }  // namespace kovraexecutor

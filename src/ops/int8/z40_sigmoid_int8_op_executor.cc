@@ -17,24 +17,21 @@ double sigmoid_of(double y) {
 }
 }  // namespace
 
-class Z40SigmoidInt8OpExecutor : public OpExecutor {
+class Z40SigmoidInt8OpExecutor : public ParamOpExecutor<Z40SigmoidInt8Param> {
  public:
-  void parse_parameter(const NodeDef& node) override {
-    parse_unary_activation(node, kName, param_);
-  }
+  void parse_parameter(const NodeDef& node) override { parse_unary_activation(node, kName, op_param_); }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     shape = first_input(inputs, kName)->shape();
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    run_unary_activation(inputs, output, kName, param_, sigmoid_of);
+    run_unary_activation(inputs, output, kName, op_param_, sigmoid_of);
     return true;
   }
 
  private:
   static constexpr const char* kName = "Z40SigmoidInt8";
-  Z40SigmoidInt8Param param_;
 };
 
 }  // namespace kovraexecutor

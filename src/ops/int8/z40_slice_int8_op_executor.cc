@@ -21,10 +21,10 @@ struct Z40SliceInt8Param : BaseParam {
 // Strided slice of 4-D or 5-D codes with ONNX Slice semantics: negative
 // starts and ends count from the end, both are clamped to the axis, "axes"
 // defaults to the leading axes and "steps" to 1.
-class Z40SliceInt8OpExecutor : public OpExecutor {
+class Z40SliceInt8OpExecutor : public ParamOpExecutor<Z40SliceInt8Param> {
  public:
   void parse_parameter(const NodeDef& node) override {
-    Z40SliceInt8Param& p = param_;
+    Z40SliceInt8Param& p = op_param_;
     read_int(node, "split", p.split);
     read_int(node, "axis", p.axis);
     require_int_list(node, "output_shape", p.output_shape, missing_message("output_shape", kName));
@@ -52,16 +52,16 @@ class Z40SliceInt8OpExecutor : public OpExecutor {
   SliceWindow window(const std::vector<const Tensor*>& inputs) const {
     const Tensor* input = first_input(inputs, kName);
     const int rank = input->dims();
-    op_check(rank == 4 || rank == 5,
-             "input_tensor->shape().size() == 4 || input_tensor->shape().size() == 5",
-             "The shape of input only support  4D or 5D  in Z40SliceInt8!!!");
-    const Z40SliceInt8Param& p = param_;
+    KOVRA_ENSURE_MSG(rank == 4 || rank == 5,
+                     "input_tensor->shape().size() == 4 || input_tensor->shape().size() == 5",
+                     "The shape of input only support  4D or 5D  in Z40SliceInt8!!!");
+    const Z40SliceInt8Param& p = op_param_;
     const size_t count = p.starts.size();
     const bool lists_fit = p.ends.size() == count && count <= static_cast<size_t>(rank) &&
                            (p.axes.empty() || p.axes.size() == count) &&
                            (p.steps.empty() || p.steps.size() == count);
-    op_check(lists_fit, "starts, ends, axes and steps agree",
-             std::string(kName) + ": starts, ends, axes and steps differ in length");
+    KOVRA_ENSURE_MSG(lists_fit, "starts, ends, axes and steps agree",
+                     std::string(kName) + ": starts, ends, axes and steps differ in length");
     const std::vector<int>& shape = input->shape();
     SliceWindow w;
     w.starts.assign(rank, 0);
@@ -72,8 +72,8 @@ class Z40SliceInt8OpExecutor : public OpExecutor {
       int axis = p.axes.empty() ? static_cast<int>(i) : p.axes[i];
       if (axis < 0) axis += rank;
       const int step = p.steps.empty() ? 1 : p.steps[i];
-      op_check(axis >= 0 && axis < rank && !seen[axis] && step != 0, "valid axis and step",
-               std::string(kName) + ": bad axis or zero step in entry " + std::to_string(i));
+      KOVRA_ENSURE_MSG(axis >= 0 && axis < rank && !seen[axis] && step != 0, "valid axis and step",
+                       std::string(kName) + ": bad axis or zero step in entry " + std::to_string(i));
       seen[axis] = true;
       const long long dim = shape[axis];
       long long start = p.starts[i], end = p.ends[i];
@@ -89,8 +89,8 @@ class Z40SliceInt8OpExecutor : public OpExecutor {
         end = std::min(std::max(end, -1LL), dim - 1);
         extent = start > end ? (start - end - step - 1) / -step : 0;
       }
-      op_check(extent > 0, "slice extent > 0",
-               std::string(kName) + ": empty slice on axis " + std::to_string(axis));
+      KOVRA_ENSURE_MSG(extent > 0, "slice extent > 0",
+                       std::string(kName) + ": empty slice on axis " + std::to_string(axis));
       w.starts[axis] = static_cast<int>(start);
       w.steps[axis] = step;
       w.out_shape[axis] = static_cast<int>(extent);
@@ -99,7 +99,6 @@ class Z40SliceInt8OpExecutor : public OpExecutor {
   }
 
   static constexpr const char* kName = "Z40SliceInt8";
-  Z40SliceInt8Param param_;
 };
 
 }  // namespace kovraexecutor

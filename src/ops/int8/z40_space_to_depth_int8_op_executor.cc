@@ -16,11 +16,10 @@ struct Z40SpaceToDepthInt8Param : BaseParam {
 
 // Space-to-depth of [N, H, W, C] codes as the float operator lays it out; the
 // block is H / OH of "output_shape" ([N, OH, OW, OC]).
-class Z40SpaceToDepthInt8OpExecutor : public OpExecutor {
+class Z40SpaceToDepthInt8OpExecutor : public ParamOpExecutor<Z40SpaceToDepthInt8Param> {
  public:
   void parse_parameter(const NodeDef& node) override {
-    require_int_list(node, "output_shape", param_.output_shape,
-                     missing_message("output_shape", kName));
+    require_int_list(node, "output_shape", op_param_.output_shape, missing_message("output_shape", kName));
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
@@ -43,17 +42,16 @@ class Z40SpaceToDepthInt8OpExecutor : public OpExecutor {
   int block_size(const Tensor* input) const {
     check_rank_4(input, "Wrong input shape in Z40SpaceToDepthInt8!!!");
     const std::vector<int>& s = input->shape();
-    const std::vector<int>& o = param_.output_shape;
+    const std::vector<int>& o = op_param_.output_shape;
     const bool fits = o.size() == 4 && o[1] > 0 && s[1] % o[1] == 0 &&
                       static_cast<long long>(o[2]) * (s[1] / o[1]) == s[2] &&
                       static_cast<long long>(s[3]) * (s[1] / o[1]) * (s[1] / o[1]) == o[3];
-    op_check(fits, "output_shape == space_to_depth(input_shape)",
-             std::string(kName) + ": output_shape does not fit the input by a square block");
+    KOVRA_ENSURE_MSG(fits, "output_shape == space_to_depth(input_shape)",
+                     std::string(kName) + ": output_shape does not fit the input by a square block");
     return s[1] / o[1];
   }
 
   static constexpr const char* kName = "Z40SpaceToDepthInt8";
-  Z40SpaceToDepthInt8Param param_;
 };
 
 }  // namespace kovraexecutor

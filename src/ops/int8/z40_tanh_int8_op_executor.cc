@@ -18,24 +18,21 @@ double tanh_of(double y) {
 }
 }  // namespace
 
-class Z40TanhInt8OpExecutor : public OpExecutor {
+class Z40TanhInt8OpExecutor : public ParamOpExecutor<Z40TanhInt8Param> {
  public:
-  void parse_parameter(const NodeDef& node) override {
-    parse_unary_activation(node, kName, param_);
-  }
+  void parse_parameter(const NodeDef& node) override { parse_unary_activation(node, kName, op_param_); }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     shape = first_input(inputs, kName)->shape();
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    run_unary_activation(inputs, output, kName, param_, tanh_of);
+    run_unary_activation(inputs, output, kName, op_param_, tanh_of);
     return true;
   }
 
  private:
   static constexpr const char* kName = "Z40TanhInt8";
-  Z40TanhInt8Param param_;
 };
 
 }  // namespace kovraexecutor

@@ -16,39 +16,37 @@ struct Z40TransposeInt8Param : BaseParam {
 };
 
 // Axis permutation of the codes through the shared transpose.
-class Z40TransposeInt8OpExecutor : public OpExecutor {
+class Z40TransposeInt8OpExecutor : public ParamOpExecutor<Z40TransposeInt8Param> {
  public:
   void parse_parameter(const NodeDef& node) override {
-    require_int_list(node, "perm", param_.perm, missing_message("perm", kName));
-    require_int_list(node, "output_shape", param_.output_shape,
-                     missing_message("output_shape", kName));
+    require_int_list(node, "perm", op_param_.perm, missing_message("perm", kName));
+    require_int_list(node, "output_shape", op_param_.output_shape, missing_message("output_shape", kName));
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     const Tensor* input = checked_input(inputs);
     shape.clear();
-    for (int axis : param_.perm) shape.push_back(input->shape()[axis]);
+    for (int axis : op_param_.perm) shape.push_back(input->shape()[axis]);
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
     const Tensor* input = checked_input(inputs);
     check_float(input, kName);
     check_min_size(output, input->size(), kName);
-    transpose(input->data<float>(), output->mutable_data<float>(), input->shape(), param_.perm);
+    transpose(input->data<float>(), output->mutable_data<float>(), input->shape(), op_param_.perm);
     return true;
   }
 
  private:
   const Tensor* checked_input(const std::vector<const Tensor*>& inputs) const {
     const Tensor* input = first_input(inputs, kName);
-    op_check(is_permutation_of_rank(param_.perm, input->dims()), "is_permutation(perm, rank)",
-             std::string(kName) + ": perm is not a permutation of the input's " +
-                 std::to_string(input->dims()) + " axes");
+    KOVRA_ENSURE_MSG(is_permutation_of_rank(op_param_.perm, input->dims()), "is_permutation(perm, rank)",
+                     std::string(kName) + ": perm is not a permutation of the input's " +
+                         std::to_string(input->dims()) + " axes");
     return input;
   }
 
   static constexpr const char* kName = "Z40TransposeInt8";
-  Z40TransposeInt8Param param_;
 };
 
 }  // namespace kovraexecutor

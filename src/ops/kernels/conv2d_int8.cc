@@ -37,22 +37,22 @@ ConvCall prepare_call(const std::vector<const Tensor*>& inputs, const Tensor* ou
   check_input_not_scalar(inputs[0], kOp);
   const Tensor* weight = inputs[1];
   const Tensor* bias = inputs[2];
-  op_check(weight->shape().size() == 4, "weight->shape().size() == 4",
-           "Wrong kernel shape in Z40Conv2DInt8!!!");
+  KOVRA_ENSURE_MSG(weight->shape().size() == 4, "weight->shape().size() == 4",
+                   "Wrong kernel shape in Z40Conv2DInt8!!!");
   check_float(weight, kOp);
   check_float(bias, kOp);
   const std::vector<int>& ws = weight->shape();
   ConvCall call;
   call.shape = int8_conv_shape(p, inputs[0]->shape(), ws[0], ws[1], ws[3], kOp);
   const ConvGeometry& s = call.shape;
-  op_check(p.groups >= 1 && s.in_c % p.groups == 0 && s.out_c % p.groups == 0,
-           "in_channels % groups == 0 && out_channels % groups == 0",
-           std::string(kOp) + ": " + std::to_string(s.in_c) + " input and " +
-               std::to_string(s.out_c) + " output channels do not split into " +
-               std::to_string(p.groups) + " groups");
-  op_check(ws[2] == s.in_c / p.groups, "weight->shape()[2] == in_channels / groups",
-           std::string(kOp) + ": weights take " + std::to_string(ws[2]) +
-               " input channels per group, the input gives " + std::to_string(s.in_c / p.groups));
+  KOVRA_ENSURE_MSG(p.groups >= 1 && s.in_c % p.groups == 0 && s.out_c % p.groups == 0,
+                   "in_channels % groups == 0 && out_channels % groups == 0",
+                   std::string(kOp) + ": " + std::to_string(s.in_c) + " input and " +
+                       std::to_string(s.out_c) + " output channels do not split into " +
+                       std::to_string(p.groups) + " groups");
+  KOVRA_ENSURE_MSG(ws[2] == s.in_c / p.groups, "weight->shape()[2] == in_channels / groups",
+                   std::string(kOp) + ": weights take " + std::to_string(ws[2]) +
+                       " input channels per group, the input gives " + std::to_string(s.in_c / p.groups));
   check_min_size(bias, s.out_c, kOp);
   check_int8_output_param(p, s.out_c, kOp);
   if (p.first_layer) {
@@ -60,8 +60,8 @@ ConvCall prepare_call(const std::vector<const Tensor*>& inputs, const Tensor* ou
     check_attr_size(p.input_var.size(), s.in_c, "input_var", kOp);
   }
   const std::vector<int> expected = {s.batch, s.out_h, s.out_w, s.out_c};
-  op_check(output->shape() == expected, "output->shape() == inferred shape",
-           std::string(kOp) + ": the output tensor does not have the inferred shape");
+  KOVRA_ENSURE_MSG(output->shape() == expected, "output->shape() == inferred shape",
+                   std::string(kOp) + ": the output tensor does not have the inferred shape");
   call.input = input.data();
   call.weight = weight->data<float>();
   call.bias = bias->data<float>();
@@ -202,7 +202,7 @@ void gemm_float_int8(float* out, const float* in, const float* weight, const flo
 void conv2d_avx_int8(const std::vector<const Tensor*>& inputs, Tensor* output,
                      Z40Conv2DInt8Param* param) {
   check_input_count(inputs, 3, kOp);
-  op_check(param->groups == 1, "groups == 1", "conv2d_avx_int8 computes ungrouped convolutions only");
+  KOVRA_ENSURE_MSG(param->groups == 1, "groups == 1", "conv2d_avx_int8 computes ungrouped convolutions only");
   const Int8FloatView input(inputs[0], kOp);
   const ConvCall call = prepare_call(inputs, output, *param, input);
   const ConvGeometry& s = call.shape;

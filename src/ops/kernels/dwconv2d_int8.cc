@@ -21,22 +21,22 @@ void dwconv2d_int8(const std::vector<const Tensor*>& inputs, Tensor* output,
   check_input_not_scalar(inputs[0], kOp);
   const Tensor* weight = inputs[1];
   const Tensor* bias = inputs[2];
-  op_check(weight->shape().size() == 4, "weight->shape().size() == 4",
-           "Wrong kernel shape in Z40DepthwiseConv2dNativeInt8!!!");
+  KOVRA_ENSURE_MSG(weight->shape().size() == 4, "weight->shape().size() == 4",
+                   "Wrong kernel shape in Z40DepthwiseConv2dNativeInt8!!!");
   check_float(weight, kOp);
   check_float(bias, kOp);
   const std::vector<int>& ws = weight->shape();
   const int multiplier_c = ws[3];
   const ConvGeometry s =
       int8_conv_shape(*param, inputs[0]->shape(), ws[0], ws[1], ws[2] * ws[3], kOp);
-  op_check(ws[2] == s.in_c, "weight->shape()[2] == in_channels",
-           std::string(kOp) + ": weights hold " + std::to_string(ws[2]) +
-               " channels, the input has " + std::to_string(s.in_c));
+  KOVRA_ENSURE_MSG(ws[2] == s.in_c, "weight->shape()[2] == in_channels",
+                   std::string(kOp) + ": weights hold " + std::to_string(ws[2]) +
+                       " channels, the input has " + std::to_string(s.in_c));
   check_min_size(bias, s.out_c, kOp);
   check_int8_output_param(*param, s.out_c, kOp);
   const std::vector<int> expected = {s.batch, s.out_h, s.out_w, s.out_c};
-  op_check(output->shape() == expected, "output->shape() == inferred shape",
-           std::string(kOp) + ": the output tensor does not have the inferred shape");
+  KOVRA_ENSURE_MSG(output->shape() == expected, "output->shape() == inferred shape",
+                   std::string(kOp) + ": the output tensor does not have the inferred shape");
 
   const Int8FloatView input(inputs[0], kOp);
   Int8OutputBuffer out(output, kOp);

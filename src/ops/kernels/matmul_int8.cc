@@ -20,23 +20,23 @@ void matmul_int8(const std::vector<const Tensor*>& inputs, Tensor* output, Z40Ma
   const Tensor* a = inputs[0];
   const Tensor* b = inputs[1];
   const Tensor* bias = inputs[2];
-  op_check(b->shape().size() == 2, "weight->shape().size() == 2",
-           "Wrong weight shape in Z40MatMulInt8!!!");
+  KOVRA_ENSURE_MSG(b->shape().size() == 2, "weight->shape().size() == 2",
+                   "Wrong weight shape in Z40MatMulInt8!!!");
   const int m = a->shape()[0];
   const int k = a->shape().back();
   const int n = b->shape()[1];
-  op_check(m > 0 && static_cast<long long>(m) * k == a->size(), "a->size() == rows * depth",
-           std::string(kOp) + ": input of " + std::to_string(a->size()) + " values is not " +
-               std::to_string(m) + " rows of " + std::to_string(k));
-  op_check(b->shape()[0] == k, "weight->shape()[0] == depth",
-           std::string(kOp) + ": weights have " + std::to_string(b->shape()[0]) +
-               " rows, the input has depth " + std::to_string(k));
+  KOVRA_ENSURE_MSG(m > 0 && static_cast<long long>(m) * k == a->size(), "a->size() == rows * depth",
+                   std::string(kOp) + ": input of " + std::to_string(a->size()) + " values is not " +
+                       std::to_string(m) + " rows of " + std::to_string(k));
+  KOVRA_ENSURE_MSG(b->shape()[0] == k, "weight->shape()[0] == depth",
+                   std::string(kOp) + ": weights have " + std::to_string(b->shape()[0]) +
+                       " rows, the input has depth " + std::to_string(k));
   check_float(b, kOp);
   check_float(bias, kOp);
   check_min_size(bias, n, kOp);
   check_int8_output_param(*param, n, kOp);
-  op_check(output->size() == static_cast<long long>(m) * n, "output->size() == rows * columns",
-           std::string(kOp) + ": the output tensor does not have the inferred shape");
+  KOVRA_ENSURE_MSG(output->size() == static_cast<long long>(m) * n, "output->size() == rows * columns",
+                   std::string(kOp) + ": the output tensor does not have the inferred shape");
 
   const Int8FloatView input(a, kOp);
   Int8OutputBuffer out(output, kOp);
