@@ -204,7 +204,7 @@ const ShapeCase kShapes[] = {
      "Z40ConcatInt8 operator inputs must greater than 1."},
     {"Z40PadInt8", {{1, 2, 2}}, "input_tensor->shape().size() == 4 || input_tensor->shape().size() == 5",
      "The shape of input only support 4D or 5D in Z40PadInt8!!!"},
-    {"Z40PadInt8", {{1, 1, 1, 1}}, "op_param_->pads.size() == 2 * rank",
+    {"Z40PadInt8", {{1, 1, 1, 1, 1}}, "op_param_->pads.size() == 2 * rank",
      "The model only support constant in Z40PadInt8!!!"},
     {"Z40SliceInt8", {{1, 2, 2}},
      "input_tensor->shape().size() == 4 || input_tensor->shape().size() == 5",

@@ -180,7 +180,7 @@ TEST(ConcatInt8Test, EachInputRequantizedThenJoined) {
 
 TEST(PadInt8Test, ConstantPaddingWithPadValue) {
   OneOpModel m("Z40PadInt8", 1);
-  set_attr_ints(m.node(), "pads", {0, 1, 0, 0, 0, 0, 1, 0});
+  set_attr_ints(m.node(), "pads", {0, 0, 1, 0, 0, 1, 0, 0});  // (before, after) per axis
   set_attr_i(m.node(), "padValue", -3);
   Tensor x = make_tensor({1, 1, 2, 1}, {1, 2});
   std::vector<int> shape;

@@ -1,11 +1,11 @@
-#include <memory>
 #include <string>
+#include <vector>
 
 #include "op_attr.h"
 #include "op_executor.h"
+#include "ops/common/op_checks.h"
 #include "ops/float/float_shape_checks.h"
 #include "ops/kernels/layout_kernels.h"
-#include "ops/common/op_checks.h"
 
 namespace kovra {
 namespace trenkit {
@@ -15,6 +15,10 @@ struct Z40PadParam : BaseParam {
   std::vector<int> output_shape;
   std::vector<int> pads;
   std::string mode = "constant";
+  bool constant_mode = true;
+  // Prepared by inference_shape for the input shape it was given.
+  std::vector<int> in_shape;
+  std::vector<int> before;
 };
 
 // "pads" pairs (before, after) per axis as TensorFlow's paddings do: eight
@@ -22,38 +26,24 @@ struct Z40PadParam : BaseParam {
 // right, as the pooling operators read them). Padded cells are 0.
 class Z40PadOpExecutor : public ParamOpExecutor<Z40PadParam> {
  public:
+  static constexpr const char* kName = "Z40Pad";
+
   void parse_parameter(const NodeDef& node) override {
     require_int_list(node, "output_shape", op_param_.output_shape,
                      "Do not find the strides in FloatZ40Pad!!!");
     read_int_list(node, "pads", op_param_.pads);
     read_string(node, "mode", op_param_.mode);
+    op_param_.constant_mode = op_param_.mode == "constant";
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
-    KOVRA_ENSURE_MSG(op_param_.mode == "constant", "op_param_->mode == \"constant\"",
+    KOVRA_ENSURE_MSG(op_param_.constant_mode, "op_param_->mode == \"constant\"",
                      "The mode only support constant in FloatZ40Pad!!!");
-    _before(inputs);
-    shape = op_param_.output_shape;
-  }
-
-  bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    KOVRA_ENSURE_MSG(op_param_.mode == "constant", "op_param_->mode == \"constant\"",
-                     "The model only support constant in FloatZ40Pad!!!");
-    const std::vector<int> before = _before(inputs);
-    check_output_shape(output, op_param_.output_shape, "Z40Pad");
-    if (inputs[0]->size() < 1) return true;
-    pad_constant_f32(inputs[0]->data<float>(), inputs[0]->shape(), before, 0.0f,
-                     output->mutable_data<float>(), op_param_.output_shape);
-    return true;
-  }
-
- private:
-  std::vector<int> _before(const std::vector<const Tensor*>& inputs) const {
-    check_input_count(inputs, 1, "Z40Pad");
+    check_input_count(inputs, 1, kName);
     const Tensor* input = inputs[0];
     KOVRA_ENSURE_MSG(input->dims() == 4, "input_tensor->shape().size() == 4",
                      "The shape of input only support 4D or 5D in FloatZ40Pad!!!");
-    check_float(input, "Z40Pad");
+    check_float(input, kName);
     const std::vector<int>& pads = op_param_.pads;
     KOVRA_ENSURE_MSG(
         pads.empty() || pads.size() == 4 || pads.size() == 8, "pads.size() is 0, 4 or 8",
@@ -73,7 +63,26 @@ class Z40PadOpExecutor : public ParamOpExecutor<Z40PadParam> {
     KOVRA_ENSURE_MSG(ok && padded == op_param_.output_shape, "output_shape == input shape + pads",
                      "Z40Pad: input " + shape_text(input->shape()) + " padded by " + shape_text(pads) +
                          " does not give output_shape " + shape_text(op_param_.output_shape));
-    return before;
+    op_param_.in_shape = input->shape();
+    op_param_.before = before;
+    shape = op_param_.output_shape;
+  }
+
+  bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
+    KOVRA_ENSURE_MSG(op_param_.constant_mode, "op_param_->mode == \"constant\"",
+                     "The model only support constant in FloatZ40Pad!!!");
+    check_input_count(inputs, 1, kName);
+    const Tensor* input = inputs[0];
+    KOVRA_ENSURE_MSG(!op_param_.in_shape.empty() && input->shape() == op_param_.in_shape,
+                     "input->shape() == prepared input shape",
+                     "Z40Pad: input " + shape_text(input->shape()) + " differs from the input " +
+                         shape_text(op_param_.in_shape) + " that inference_shape prepared for");
+    check_float(input, kName);
+    check_output_shape(output, op_param_.output_shape, kName);
+    if (input->size() < 1) return true;
+    pad_constant_f32(input->data<float>(), input->shape(), op_param_.before, 0.0f,
+                     output->mutable_data<float>(), op_param_.output_shape);
+    return true;
   }
 };
 

@@ -12,7 +12,7 @@ namespace trenkit {
 namespace kovraexecutor {
 
 struct Z40SliceInt8Param : BaseParam {
-  int split = 0;
+  std::vector<int> split;  // piece sizes of a split along "axis"
   int axis = 0;
   std::vector<int> output_shape;
   std::vector<int> starts, ends, axes, steps;
@@ -25,7 +25,7 @@ class Z40SliceInt8OpExecutor : public ParamOpExecutor<Z40SliceInt8Param> {
  public:
   void parse_parameter(const NodeDef& node) override {
     Z40SliceInt8Param& p = op_param_;
-    read_int(node, "split", p.split);
+    read_int_list(node, "split", p.split);
     read_int(node, "axis", p.axis);
     require_int_list(node, "output_shape", p.output_shape, missing_message("output_shape", kName));
     require_int_list(node, "starts", p.starts, missing_message("starts", kName));
@@ -69,7 +69,8 @@ class Z40SliceInt8OpExecutor : public ParamOpExecutor<Z40SliceInt8Param> {
     w.out_shape = shape;
     std::vector<bool> seen(rank, false);
     for (size_t i = 0; i < count; ++i) {
-      int axis = p.axes.empty() ? static_cast<int>(i) : p.axes[i];
+      // One output of a split slices along "axis", as the float slice does.
+      int axis = !p.axes.empty() ? p.axes[i] : p.split.empty() ? static_cast<int>(i) : p.axis;
       if (axis < 0) axis += rank;
       const int step = p.steps.empty() ? 1 : p.steps[i];
       KOVRA_ENSURE_MSG(axis >= 0 && axis < rank && !seen[axis] && step != 0, "valid axis and step",

@@ -132,12 +132,14 @@ void pad_constant_f32(const float* in, const std::vector<int>& in_shape, const s
   std::fill(out, out + out_count, value);
   const long long in_count = product(in_shape, 0, in_shape.size());
   if (in_count <= 0) return;
-  std::vector<long long> out_stride(rank, 1);
+  // Fixed arrays: the operators call this on every run and allocate nothing there.
+  long long out_stride[kMaxPadRank];
+  int index[kMaxPadRank] = {};
+  out_stride[rank - 1] = 1;
   for (int a = rank - 2; a >= 0; --a) out_stride[a] = out_stride[a + 1] * out_shape[a + 1];
   long long offset = 0;
   for (int a = 0; a < rank; ++a) offset += before[a] * out_stride[a];
   const int inner = in_shape[rank - 1];
-  std::vector<int> index(rank, 0);
   for (long long i = 0; i < in_count; i += inner) {
     std::memcpy(out + offset, in + i, sizeof(float) * inner);
     for (int a = rank - 2; a >= 0; --a) {

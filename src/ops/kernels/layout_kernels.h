@@ -35,7 +35,9 @@ void slice_f32(const float* in, const std::vector<int>& in_shape, const SliceWin
                float* out);
 
 // Constant padding: before[a] entries of `value` precede the input on axis a;
-// out_shape[a] - in_shape[a] - before[a] follow it.
+// out_shape[a] - in_shape[a] - before[a] follow it. Rank 1 to kMaxPadRank;
+// allocates nothing.
+constexpr int kMaxPadRank = 8;
 void pad_constant_f32(const float* in, const std::vector<int>& in_shape, const std::vector<int>& before,
                       float value, float* out, const std::vector<int>& out_shape);
 
