@@ -2,9 +2,9 @@
 
 #include "kvdl.h"
 #include "op_attr.h"
+#include "ops/common/op_checks.h"
 #include "ops/int8/int8_common.h"
 #include "ops/kernels/int8_eltwise_kernels.h"
-#include "ops/common/op_checks.h"
 
 namespace kovra {
 namespace trenkit {

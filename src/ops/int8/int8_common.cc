@@ -41,10 +41,11 @@ void check_rank_4(const Tensor* input, const char* message) {
 }
 
 void prepared_shape_failed(const Tensor* input, const std::vector<int>& prepared, const char* op) {
-  if (input == nullptr) check_failed_quoted("input->shape() == prepared", std::string(op) + ": an input is missing");
+  if (input == nullptr)
+    check_failed_quoted("input->shape() == prepared", std::string(op) + ": an input is missing");
   check_failed_quoted("input->shape() == prepared", std::string(op) + ": " + input->name() + " has shape " +
-                                                        shape_text(input->shape()) + " but was prepared for " +
-                                                        shape_text(prepared));
+                                                        shape_text(input->shape()) +
+                                                        " but was prepared for " + shape_text(prepared));
 }
 
 const Tensor* prepared_input(const std::vector<const Tensor*>& inputs, const std::vector<int>& prepared,

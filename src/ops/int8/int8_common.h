@@ -32,9 +32,11 @@ void check_rank_4(const Tensor* input, const char* message);
 // factors and geometry still fit it. Fails with "input->shape() == prepared"
 // and "<op>: <tensor> has shape [..] but was prepared for [..]" (for [] when
 // execute comes before inference_shape).
-[[noreturn]] void prepared_shape_failed(const Tensor* input, const std::vector<int>& prepared, const char* op);
+[[noreturn]] void prepared_shape_failed(const Tensor* input, const std::vector<int>& prepared,
+                                        const char* op);
 inline void check_prepared(const Tensor* input, const std::vector<int>& prepared, const char* op) {
-  if (KOVRA_UNLIKELY(input == nullptr || input->shape() != prepared)) prepared_shape_failed(input, prepared, op);
+  if (KOVRA_UNLIKELY(input == nullptr || input->shape() != prepared))
+    prepared_shape_failed(input, prepared, op);
 }
 
 // The common head of execute for one-input operators: the input is there,

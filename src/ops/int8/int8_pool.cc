@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "op_attr.h"
-#include "ops/int8/int8_common.h"
 #include "ops/common/op_checks.h"
+#include "ops/int8/int8_common.h"
 
 namespace kovra {
 namespace trenkit {

@@ -1,8 +1,8 @@
 #include "ops/int8/int8_resize.h"
 
 #include "kvdl.h"
-#include "ops/int8/int8_common.h"
 #include "ops/common/op_checks.h"
+#include "ops/int8/int8_common.h"
 
 namespace kovra {
 namespace trenkit {

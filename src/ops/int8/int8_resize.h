@@ -17,7 +17,7 @@ struct Int8ResizePlan {
   std::vector<int> input_shape;
   ResizeGeometry geometry;
   long long out_count = 0;
-  std::vector<int> rows, cols;             // nearest
+  std::vector<int> rows, cols;                // nearest
   std::vector<LinearTap> row_taps, col_taps;  // bilinear
 };
 

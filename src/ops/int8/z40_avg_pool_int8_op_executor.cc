@@ -1,8 +1,8 @@
 #include <vector>
 
+#include "ops/common/op_checks.h"
 #include "ops/int8/int8_common.h"
 #include "ops/int8/int8_pool.h"
-#include "ops/common/op_checks.h"
 #include "ops/kernels/pool_kernels.h"
 
 namespace kovra {

@@ -3,8 +3,8 @@
 
 #include "kvdl.h"
 #include "op_attr.h"
-#include "ops/int8/int8_common.h"
 #include "ops/common/op_checks.h"
+#include "ops/int8/int8_common.h"
 
 namespace kovra {
 namespace trenkit {
@@ -50,13 +50,15 @@ class Z40ConcatInt8OpExecutor : public ParamOpExecutor<Z40ConcatInt8Param> {
   // Every input has the first one's rank and sizes except along the axis.
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     Z40ConcatInt8Param& p = op_param_;
-    KOVRA_ENSURE_MSG(inputs.size() > 1, "inputs.size() > 1", "Z40ConcatInt8 operator inputs must greater than 1.");
+    KOVRA_ENSURE_MSG(inputs.size() > 1, "inputs.size() > 1",
+                     "Z40ConcatInt8 operator inputs must greater than 1.");
     check_input_not_scalar(inputs[0], kName);
     shape = inputs[0]->shape();
     const int rank = static_cast<int>(shape.size());
     const int axis = p.axis < 0 ? p.axis + rank : p.axis;
-    KOVRA_ENSURE_MSG(axis >= 0 && axis < rank, "0 <= axis < rank",
-                     std::string(kName) + ": axis " + std::to_string(p.axis) + " for rank " + std::to_string(rank));
+    KOVRA_ENSURE_MSG(
+        axis >= 0 && axis < rank, "0 <= axis < rank",
+        std::string(kName) + ": axis " + std::to_string(p.axis) + " for rank " + std::to_string(rank));
     for (size_t k = 1; k < inputs.size(); ++k) {
       const std::vector<int>& s = inputs[k]->shape();
       bool match = static_cast<int>(s.size()) == rank;
@@ -85,7 +87,8 @@ class Z40ConcatInt8OpExecutor : public ParamOpExecutor<Z40ConcatInt8Param> {
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
     const Z40ConcatInt8Param& p = op_param_;
-    KOVRA_ENSURE_MSG(inputs.size() > 1, "inputs.size() > 1", "Z40ConcatInt8 operator inputs must greater than 1.");
+    KOVRA_ENSURE_MSG(inputs.size() > 1, "inputs.size() > 1",
+                     "Z40ConcatInt8 operator inputs must greater than 1.");
     KOVRA_ENSURE_MSG(inputs.size() == p.input_shapes.size(), "inputs.size() == prepared inputs",
                      std::string(kName) + ": " + std::to_string(inputs.size()) + " inputs but prepared for " +
                          std::to_string(p.input_shapes.size()));

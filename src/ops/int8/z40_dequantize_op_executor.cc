@@ -1,9 +1,9 @@
 #include <vector>
 
 #include "op_attr.h"
+#include "ops/common/op_checks.h"
 #include "ops/int8/int8_common.h"
 #include "ops/kernels/int8_eltwise_kernels.h"
-#include "ops/common/op_checks.h"
 
 namespace kovra {
 namespace trenkit {
@@ -37,8 +37,8 @@ class Z40DequantizeOpExecutor : public ParamOpExecutor<Z40DequantizeParam> {
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    const Tensor* input = prepared_input(inputs, op_param_.input_shape, output,
-                                         shape_count(op_param_.input_shape), kName);
+    const Tensor* input =
+        prepared_input(inputs, op_param_.input_shape, output, shape_count(op_param_.input_shape), kName);
     dequantize_f32(input->data<float>(), output->mutable_data<float>(), input->size(), op_param_.channels,
                    op_param_.qscale.data(), static_cast<float>(op_param_.offset));
     return true;

@@ -1,7 +1,7 @@
 #include <vector>
 
-#include "ops/int8/int8_binary_requant.h"
 #include "ops/common/op_checks.h"
+#include "ops/int8/int8_binary_requant.h"
 
 namespace kovra {
 namespace trenkit {

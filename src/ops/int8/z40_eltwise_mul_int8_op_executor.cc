@@ -4,8 +4,8 @@
 #include "common.h"
 #include "kvdl.h"
 #include "op_attr.h"
-#include "ops/int8/int8_common.h"
 #include "ops/common/op_checks.h"
+#include "ops/int8/int8_common.h"
 
 namespace kovra {
 namespace trenkit {

@@ -3,8 +3,8 @@
 
 #include "kvdl.h"
 #include "op_attr.h"
-#include "ops/int8/int8_common.h"
 #include "ops/common/op_checks.h"
+#include "ops/int8/int8_common.h"
 
 namespace kovra {
 namespace trenkit {
@@ -66,7 +66,8 @@ class Z40GlobalAvgPoolInt8OpExecutor : public ParamOpExecutor<Z40GlobalAvgPoolIn
         for (int c = 0; c < channels; ++c) sum[c] += image[static_cast<long>(q) * channels + c];
       }
       for (int c = 0; c < channels; ++c) {
-        y[static_cast<long>(n) * channels + c] = clamp_code(kvdl::tensorflow_round_cpu(sum[c] * p.pool_scale[c]), lo, hi);
+        y[static_cast<long>(n) * channels + c] =
+            clamp_code(kvdl::tensorflow_round_cpu(sum[c] * p.pool_scale[c]), lo, hi);
       }
     }
     return true;

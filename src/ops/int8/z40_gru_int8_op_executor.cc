@@ -3,9 +3,9 @@
 
 #include "kvdl.h"
 #include "op_attr.h"
-#include "ops/int8/int8_common.h"
 #include "ops/common/op_checks.h"
 #include "ops/float/z40_gru_op_executor.h"
+#include "ops/int8/int8_common.h"
 
 namespace kovra {
 namespace trenkit {
@@ -80,7 +80,8 @@ class Z40GRUInt8OpExecutor : public Z40GRUOpExecutor {
 
  private:
   // One scale for every channel, or one per channel; spread to one per channel.
-  static void _spread(const std::vector<float>& scales, int channels, const char* key, std::vector<float>& out) {
+  static void _spread(const std::vector<float>& scales, int channels, const char* key,
+                      std::vector<float>& out) {
     KOVRA_ENSURE_MSG(scales.size() == 1 || static_cast<int>(scales.size()) >= channels,
                      "values.size() == 1 || values.size() >= channels",
                      std::string(kName) + ": attribute " + key + " has " + std::to_string(scales.size()) +

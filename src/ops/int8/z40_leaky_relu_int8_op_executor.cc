@@ -1,8 +1,8 @@
 #include <cstring>
 #include <vector>
 
-#include "ops/int8/int8_common.h"
 #include "ops/common/op_checks.h"
+#include "ops/int8/int8_common.h"
 
 namespace kovra {
 namespace trenkit {

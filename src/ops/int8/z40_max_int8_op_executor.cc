@@ -1,9 +1,9 @@
 #include <vector>
 
 #include "kvdl.h"
+#include "ops/common/op_checks.h"
 #include "ops/int8/int8_binary_requant.h"
 #include "ops/int8/int8_common.h"
-#include "ops/common/op_checks.h"
 
 namespace kovra {
 namespace trenkit {

@@ -1,9 +1,9 @@
 #include <vector>
 
 #include "op_attr.h"
+#include "ops/common/op_checks.h"
 #include "ops/int8/int8_common.h"
 #include "ops/kernels/int8_eltwise_kernels.h"
-#include "ops/common/op_checks.h"
 
 namespace kovra {
 namespace trenkit {
@@ -45,8 +45,8 @@ class Z40QuantizeOpExecutor : public ParamOpExecutor<Z40QuantizeParam> {
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    const Tensor* input = prepared_input(inputs, op_param_.input_shape, output,
-                                         shape_count(op_param_.input_shape), kName);
+    const Tensor* input =
+        prepared_input(inputs, op_param_.input_shape, output, shape_count(op_param_.input_shape), kName);
     quantize_f32(input->data<float>(), output->mutable_data<float>(), input->size(), op_param_.channels,
                  op_param_.qscale.data(), static_cast<float>(op_param_.min_value),
                  static_cast<float>(op_param_.max_value), static_cast<float>(op_param_.offset));

@@ -2,9 +2,9 @@
 #include <vector>
 
 #include "op_attr.h"
+#include "ops/common/op_checks.h"
 #include "ops/int8/int8_common.h"
 #include "ops/int8/int8_resize.h"
-#include "ops/common/op_checks.h"
 #include "ops/kernels/resize_kernels.h"
 
 namespace kovra {

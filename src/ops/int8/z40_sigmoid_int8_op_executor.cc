@@ -12,9 +12,7 @@ struct Z40SigmoidInt8Param : Int8UnaryActivationParam {};
 
 namespace {
 // Logistic function of the real value, with the firmware's e^x.
-double sigmoid_of(double y) {
-  return 1.0 / (kvdl::Exp(-y) + 1.0);
-}
+double sigmoid_of(double y) { return 1.0 / (kvdl::Exp(-y) + 1.0); }
 }  // namespace
 
 class Z40SigmoidInt8OpExecutor : public ParamOpExecutor<Z40SigmoidInt8Param> {

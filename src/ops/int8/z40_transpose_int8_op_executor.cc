@@ -2,8 +2,8 @@
 #include <vector>
 
 #include "op_attr.h"
-#include "ops/int8/int8_common.h"
 #include "ops/common/op_checks.h"
+#include "ops/int8/int8_common.h"
 #include "ops/kernels/transpose.h"
 
 namespace kovra {

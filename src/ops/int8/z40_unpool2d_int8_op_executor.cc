@@ -3,8 +3,8 @@
 
 #include "kvdl.h"
 #include "op_attr.h"
-#include "ops/int8/int8_common.h"
 #include "ops/common/op_checks.h"
+#include "ops/int8/int8_common.h"
 #include "ops/int8/int8_resize.h"
 #include "ops/kernels/resize_kernels.h"
 

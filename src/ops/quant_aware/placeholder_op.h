@@ -25,15 +25,15 @@ class PlaceholderOpExecutor : public ParamOpExecutor<Param> {
 }  // namespace kovra
 
 // Declares <Stem>Param and <Stem>OpExecutor and registers the operator as "<Stem>".
-#define KOVRA_PLACEHOLDER_OP(Stem)                                                  \
-  namespace kovra {                                                                 \
-  namespace trenkit {                                                               \
-  namespace kovraexecutor {                                                         \
-  struct Stem##Param : BaseParam {};                                                \
-  class Stem##OpExecutor : public PlaceholderOpExecutor<Stem##Param> {};            \
-  }                                                                                 \
-  }                                                                                 \
-  }                                                                                 \
+#define KOVRA_PLACEHOLDER_OP(Stem)                                       \
+  namespace kovra {                                                      \
+  namespace trenkit {                                                    \
+  namespace kovraexecutor {                                              \
+  struct Stem##Param : BaseParam {};                                     \
+  class Stem##OpExecutor : public PlaceholderOpExecutor<Stem##Param> {}; \
+  }                                                                      \
+  }                                                                      \
+  }                                                                      \
   KOVRA_REGISTER_OP(Stem)
 
 #endif  // KOVRAEXECUTOR_OPS_PLACEHOLDER_OP_H_
