@@ -59,6 +59,7 @@ struct DirectCase {
   const char* op;
   float (*reference)(const SumAttrs& a, size_t c, float x0, float x1);
 };
+void PrintTo(const DirectCase& c, std::ostream* os) { *os << c.op; }
 
 const DirectCase kDirect[] = {
     {"Z40EltwiseAddInt8",

@@ -37,6 +37,7 @@ struct MissingCase {
   const char* key;
   const char* message;
 };
+void PrintTo(const MissingCase& c, std::ostream* os) { *os << c.message; }
 
 const MissingCase kMissing[] = {
     {"Z40Quantize", "QSCALE", "Do not find the QSCALE in  Z40Quantize!!!"},
@@ -164,6 +165,7 @@ struct CheckCase {
   const char* message;
   Tweak tweak = nullptr;  // changes to the complete node
 };
+void PrintTo(const CheckCase& c, std::ostream* os) { *os << c.op << ": " << c.message; }
 
 const CheckCase kChecks[] = {
     // Ranks and empty inputs.
@@ -430,6 +432,7 @@ struct ChangedInputCase {
   const char* message;
   Tweak tweak = nullptr;
 };
+void PrintTo(const ChangedInputCase& c, std::ostream* os) { *os << c.message; }
 
 void set_identity_lists(NodeDef* n) {
   set_attr_ints(n, "perm", {0, 1, 2, 3});

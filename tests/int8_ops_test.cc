@@ -1,11 +1,30 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdlib>
+#include <new>
 #include <numeric>
 #include <string>
 #include <vector>
 
+#include "ops/kernels/avx_common.h"
 #include "support/int8_graph.h"
+
+// Counts the heap allocations made while `g_count_allocations` is set, so a
+// test can tell that execute allocates nothing.
+namespace {
+bool g_count_allocations = false;
+long g_allocations = 0;
+}  // namespace
+
+// Out of line, so the compiler pairs each delete with this new and not with malloc.
+__attribute__((noinline)) void* operator new(std::size_t size) {
+  if (g_count_allocations) ++g_allocations;
+  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
+  throw std::bad_alloc();
+}
+__attribute__((noinline)) void operator delete(void* p) noexcept { std::free(p); }
+__attribute__((noinline)) void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace kovra_test {
 namespace {
@@ -33,6 +52,7 @@ struct HandCase {
   std::vector<float> expected;
   std::vector<int> shape;
 };
+void PrintTo(const HandCase& c, std::ostream* os) { *os << c.name; }
 
 // Sum, difference and maximum: scales 0.5 / 0.25, output scale 2, offsets
 // 1 / -2, output offset 3, so the sum is 3 + (x0 + 0.5 x1) and the difference
@@ -87,6 +107,18 @@ const Input kIota24 = {{2, 2, 2, 3}, iota_values(24, -12.0f)};
 const Input kSlice12 = {{1, 2, 3, 2}, iota_values(12)};
 
 const HandCase kHandCases[] = {
+    // QSCALE 1, offset 128, bounds [-128, 127]: 300 -> 127 + 128; -300 -> -128 + 128; 2.5 rounds
+    // to 2; -0.5 to -0; 3.5 to 4: the zero point is added after the clamp.
+    {"QuantizeClampsBeforeTheOffset", "Z40Quantize",
+     [](NodeDef* n) {
+       set_attr_floats(n, "QSCALE", {1.0f});
+       set_attr_i(n, "offset", 128), set_attr_i(n, "maxValue", 127), set_attr_i(n, "minValue", -128);
+     },
+     {{{1, 5, 1}, {300, -300, 2.5f, -0.5f, 3.5f}}}, {255, 0, 130, 128, 132}, {1, 5, 1}},
+    // (offset + q) * QSCALE with offset -128, QSCALE 0.5: 130 -> 1; 0 -> -64; 255 -> 63.5.
+    {"DequantizeAddsTheOffsetFirst", "Z40Dequantize",
+     [](NodeDef* n) { set_attr_floats(n, "QSCALE", {0.5f}), set_attr_i(n, "offset", -128); },
+     {{{1, 1, 3, 1}, {130, 0, 255}}}, {1, -64, 63.5f}, {1, 1, 3, 1}},
     // 15; 6.5 -> 6; 7.5 -> 8; -17 -> 0 although minValue is -128; 203 -> 103; -0.5 -> 0.
     // "None", "Relu" and "Relu6" keep the direct requantization.
     {"AddClampsAtZeroAndMaxPlusOffset", "Z40EltwiseAddInt8", requant_attrs,
@@ -142,6 +174,18 @@ const HandCase kHandCases[] = {
        set_attr_i(n, "offset", -50);
      },
      {{{1, 1, 1, 1}, {-5}}}, {0}, {1, 1, 1, 1}},
+    // -5 + 5 = 0: tanh 0 = 0, plus the offset -50; 15 * 0.1 = 1.5: tanh 0.905148 * 101 = 91.42 -> 91,
+    // clamped to maxValue 90, minus 50.
+    {"TanhAtZeroAndClamped", "Z40TanhInt8",
+     [](NodeDef* n) {
+       set_attr_floats(n, "INPUTSCALE", {0.1f});
+       set_attr_floats(n, "OUTPUTSCALE", {101.0f});
+       set_attr_i(n, "maxValue", 90);
+       set_attr_i(n, "minValue", -128);
+       set_attr_i(n, "input_offset", 5);
+       set_attr_i(n, "offset", -50);
+     },
+     {{{1, 1, 2, 1}, {-5, 10}}}, {-50, 40}, {1, 1, 2, 1}},
     // 2.5 -> 2; 5; 51 -> 20; 197 -> 20; -49 (no lower bound); -5; each plus 10.
     {"BatchNormClampedAboveOnly", "Z40BatchNormScaleInt8",
      [](NodeDef* n) {
@@ -312,6 +356,34 @@ TEST(PowInt8Test, FractionalExponentInDouble) {
   EXPECT_TRUE(std::isnan(roots[1]));
 }
 
+// Once prepared, execute allocates nothing. The operators of other families
+// in the table are left to their own tests, and the portable kernels run:
+// the AVX-512 element-wise kernels build a table of repeated factors on each
+// call when there are fewer than 16 channels, which is their family's affair.
+TEST_P(HandWorkedTest, ExecuteAllocatesNothing) {
+  const HandCase& c = GetParam();
+  if (std::string(c.op) == "Z40BatchNormScaleInt8" || std::string(c.op) == "Z40PadInt8") GTEST_SKIP();
+  NodeDef node;
+  if (c.attrs != nullptr) c.attrs(&node);
+  auto op = make_op(c.op);
+  op->parse_parameter(node);
+  std::vector<Tensor> tensors;
+  for (const Input& in : c.inputs) tensors.push_back(make_tensor(in.shape, in.values));
+  std::vector<const Tensor*> inputs;
+  for (const Tensor& t : tensors) inputs.push_back(&t);
+  std::vector<int> shape;
+  op->inference_shape(inputs, shape);
+  Tensor output = make_tensor(shape, c.expected);
+  kovra::trenkit::kovraexecutor::force_isa(kovra::trenkit::kovraexecutor::KernelIsa::kPortable);
+  g_allocations = 0;
+  g_count_allocations = true;
+  op->execute(inputs, &output);
+  g_count_allocations = false;
+  kovra::trenkit::kovraexecutor::reset_isa();
+  EXPECT_EQ(g_allocations, 0) << c.op;
+  EXPECT_EQ(tensor_values(output), c.expected);
+}
+
 // One executor prepared again for other input shapes (as the graph does when
 // its inputs change) computes what a fresh executor computes: nothing of the
 // first preparation (channel factors, geometry, tables, offsets) is left over.
@@ -320,6 +392,7 @@ struct ReprepareCase {
   Attrs attrs;
   std::vector<Input> first, second;
 };
+void PrintTo(const ReprepareCase& c, std::ostream* os) { *os << c.op; }
 
 std::vector<float> run_direct(kovra::trenkit::kovraexecutor::OpExecutor* op, const std::vector<Input>& ins) {
   std::vector<Tensor> tensors;
