@@ -68,6 +68,11 @@ void requant_attrs(NodeDef* n) {
   set_attr_i(n, "minValue", -128);
 }
 
+void requant_action(NodeDef* n, const char* action) {
+  requant_attrs(n);
+  set_attr_s(n, "ActionType", action);
+}
+
 // With O = 0.75 and a one-element second input the shortcut round(O x0 + x1) runs.
 void shortcut_attrs(NodeDef* n) {
   requant_attrs(n);
@@ -123,11 +128,11 @@ const HandCase kHandCases[] = {
     // "None", "Relu" and "Relu6" keep the direct requantization.
     {"AddClampsAtZeroAndMaxPlusOffset", "Z40EltwiseAddInt8", requant_attrs,
      kSumInputs, {15, 6, 8, 0, 103, 0}, {1, 1, 6, 1}},
-    {"AddNone", "Z40EltwiseAddInt8", [](NodeDef* n) { requant_attrs(n), set_attr_s(n, "ActionType", "None"); },
+    {"AddNone", "Z40EltwiseAddInt8", [](NodeDef* n) { requant_action(n, "None"); },
      kSumInputs, {15, 6, 8, 0, 103, 0}, {1, 1, 6, 1}},
-    {"AddRelu", "Z40EltwiseAddInt8", [](NodeDef* n) { requant_attrs(n), set_attr_s(n, "ActionType", "Relu"); },
+    {"AddRelu", "Z40EltwiseAddInt8", [](NodeDef* n) { requant_action(n, "Relu"); },
      kSumInputs, {15, 6, 8, 0, 103, 0}, {1, 1, 6, 1}},
-    {"AddRelu6", "Z40EltwiseAddInt8", [](NodeDef* n) { requant_attrs(n), set_attr_s(n, "ActionType", "Relu6"); },
+    {"AddRelu6", "Z40EltwiseAddInt8", [](NodeDef* n) { requant_action(n, "Relu6"); },
      kSumInputs, {15, 6, 8, 0, 103, 0}, {1, 1, 6, 1}},
     // 5 + 10 - 2 = 13; 5 + 2 - 1.5 = 5.5 -> 6; -15 -> 0; 205 -> 103.
     {"SubDifferences", "Z40EltwiseSubInt8", requant_attrs,
@@ -152,7 +157,8 @@ const HandCase kHandCases[] = {
        set_attr_i(n, "maxValue", 100);
        set_attr_i(n, "minValue", -10);
      },
-     {{{1, 1, 5, 1}, {3, 2, -1, 100, -40}}, {{1, 1, 5, 1}, {5, 5, 7, 100, 12}}}, {9, 8, 3, 103, -7}, {1, 1, 5, 1}},
+     {{{1, 1, 5, 1}, {3, 2, -1, 100, -40}}, {{1, 1, 5, 1}, {5, 5, 7, 100, 12}}},
+     {9, 8, 3, 103, -7}, {1, 1, 5, 1}},
     // The short second input repeats: channel 0 x * 2; channel 1 x * 3 * 0.25 (1.5 -> 2, 3, 4.5 -> 4).
     {"MulShortSecondInputRepeats", "Z40EltwiseMulInt8",
      [](NodeDef* n) {
@@ -252,7 +258,8 @@ const HandCase kHandCases[] = {
      {{{1, 2, 2, 3}, {1, 1, 100, 2, 1, 100, 3, 1, 100, 4, 2, 100}}}, {2, 1, 100}, {1, 1, 1, 3}},
     // Source rows/columns -0.25 (-> 0), 0.25, 0.75, 1.25; values above 22 clamp.
     {"BilinearHalfPixelCentres", "Z40ResizeBilinearInt8", [](NodeDef* n) { bilinear_attrs(n, 2.0f, false); },
-     {{{1, 2, 2, 1}, {0, 10, 20, 30}}}, {0, 2, 8, 10, 5, 8, 12, 15, 15, 18, 22, 22, 20, 22, 22, 22}, {1, 4, 4, 1}},
+     {{{1, 2, 2, 1}, {0, 10, 20, 30}}},
+     {0, 2, 8, 10, 5, 8, 12, 15, 15, 18, 22, 22, 20, 22, 22, 22}, {1, 4, 4, 1}},
     // Corners aligned, 3 = round(2 * 1.5): sources 0, 0.5, 1.
     {"BilinearAlignedCorners", "Z40ResizeBilinearInt8", [](NodeDef* n) { bilinear_attrs(n, 1.5f, true); },
      {{{1, 2, 2, 1}, {0, 10, 20, 30}}}, {0, 5, 10, 10, 15, 20, 20, 22, 22}, {1, 3, 3, 1}},
@@ -260,7 +267,8 @@ const HandCase kHandCases[] = {
     {"NearestFloorOfTheScaledIndex", "Z40ResizeNearestNeighborInt8",
      [](NodeDef* n) { set_attr_f(n, "wh_scale", 1.5f); }, {{{1, 2, 2, 1}, {1, 2, 3, 4}}},
      {1, 1, 2, 1, 1, 2, 3, 3, 4}, {1, 3, 3, 1}},
-    {"UnpoolRepeatsOverTheKernel", "Z40Unpool2DInt8", [](NodeDef* n) { set_attr_ints(n, "kernel_size", {2, 3}); },
+    {"UnpoolRepeatsOverTheKernel", "Z40Unpool2DInt8",
+     [](NodeDef* n) { set_attr_ints(n, "kernel_size", {2, 3}); },
      {{{1, 1, 2, 1}, {5, 6}}}, {5, 5, 5, 6, 6, 6, 5, 5, 5, 6, 6, 6}, {1, 2, 6, 1}},
     // 4 * 0.5 * 2 = 4; -19 -> -5; 3 * 3 * 0.5 = 4.5 -> 4; each plus 10.
     {"ConcatRequantizesEachInput", "Z40ConcatInt8",
@@ -426,23 +434,16 @@ void two_channel_requant(NodeDef* n) {
 
 const std::vector<float> kA = {7, -3, 12, 5, -8, 2, 9, -1}, kB = {4, 6, -2, 3, 1, -5, 0, 8};
 
+// clang-format off
 const ReprepareCase kReprepare[] = {
-    {"Z40EltwiseAddInt8",
-     two_channel_requant,
-     {{{1, 1, 2, 1}, {1, 2}}, {{1, 1, 2, 1}, {3, 4}}},
+    {"Z40EltwiseAddInt8", two_channel_requant, {{{1, 1, 2, 1}, {1, 2}}, {{1, 1, 2, 1}, {3, 4}}},
      {{{1, 2, 2, 2}, kA}, {{1, 2, 2, 2}, kB}}},
-    {"Z40EltwiseSubInt8",
-     two_channel_requant,
-     {{{1, 1, 2, 1}, {1, 2}}, {{1}, {3}}},
+    {"Z40EltwiseSubInt8", two_channel_requant, {{{1, 1, 2, 1}, {1, 2}}, {{1}, {3}}},
      {{{1, 2, 2, 2}, kA}, {{1, 2, 2, 2}, kB}}},
-    {"Z40MaxInt8",
-     two_channel_requant,
-     {{{1, 1, 1, 1}, {1}}, {{1, 1, 1, 1}, {2}}},
+    {"Z40MaxInt8", two_channel_requant, {{{1, 1, 1, 1}, {1}}, {{1, 1, 1, 1}, {2}}},
      {{{1, 1, 4, 2}, kA}, {{1, 1, 4, 2}, kB}}},
-    {"Z40EltwiseMulInt8",
-     hand_attrs("MulShortSecondInputRepeats"),
-     {{{1, 1, 4, 1}, {1, 2, 3, 4}}, {{1}, {3}}},
-     {{{1, 2, 2, 2}, kA}, {{2}, {2, 3}}}},
+    {"Z40EltwiseMulInt8", hand_attrs("MulShortSecondInputRepeats"),
+     {{{1, 1, 4, 1}, {1, 2, 3, 4}}, {{1}, {3}}}, {{{1, 2, 2, 2}, kA}, {{2}, {2, 3}}}},
     {"Z40Quantize",
      [](NodeDef* n) {
        set_attr_floats(n, "QSCALE", {1.0f, 0.5f});
@@ -450,52 +451,32 @@ const ReprepareCase kReprepare[] = {
      },
      {{{1, 8, 1}, kA}},
      {{{1, 4, 2}, kA}}},
-    {"Z40GlobalAvgPoolInt8",
-     hand_attrs("GlobalAvgPoolSumTimesPoolScale"),
-     {{{1, 1, 1, 3}, {1, 2, 3}}},
+    {"Z40GlobalAvgPoolInt8", hand_attrs("GlobalAvgPoolSumTimesPoolScale"), {{{1, 1, 1, 3}, {1, 2, 3}}},
      {{{1, 2, 2, 2}, kA}}},
-    {"Z40AvgPoolInt8",
-     hand_attrs("AvgPoolSameCountsOnlyInputCells"),
-     {{{1, 3, 3, 1}, iota_values(9)}},
+    {"Z40AvgPoolInt8", hand_attrs("AvgPoolSameCountsOnlyInputCells"), {{{1, 3, 3, 1}, iota_values(9)}},
      {{{1, 2, 4, 1}, kA}}},
-    {"Z40MaxPoolInt8",
-     hand_attrs("MaxPoolCeilMode"),
-     {{{1, 4, 4, 1}, iota_values(16)}},
+    {"Z40MaxPoolInt8", hand_attrs("MaxPoolCeilMode"), {{{1, 4, 4, 1}, iota_values(16)}},
      {{{1, 3, 4, 2}, iota_values(24, -5.0f)}}},
-    {"Z40ResizeBilinearInt8",
-     hand_attrs("BilinearHalfPixelCentres"),
-     {{{1, 2, 2, 1}, {0, 10, 20, 30}}},
+    {"Z40ResizeBilinearInt8", hand_attrs("BilinearHalfPixelCentres"), {{{1, 2, 2, 1}, {0, 10, 20, 30}}},
      {{{1, 1, 4, 2}, kA}}},
-    {"Z40ResizeNearestNeighborInt8",
-     hand_attrs("NearestFloorOfTheScaledIndex"),
-     {{{1, 2, 2, 1}, {1, 2, 3, 4}}},
-     {{{1, 1, 4, 2}, kA}}},
-    {"Z40Unpool2DInt8",
-     hand_attrs("UnpoolRepeatsOverTheKernel"),
-     {{{1, 1, 2, 1}, {5, 6}}},
+    {"Z40ResizeNearestNeighborInt8", hand_attrs("NearestFloorOfTheScaledIndex"),
+     {{{1, 2, 2, 1}, {1, 2, 3, 4}}}, {{{1, 1, 4, 2}, kA}}},
+    {"Z40Unpool2DInt8", hand_attrs("UnpoolRepeatsOverTheKernel"), {{{1, 1, 2, 1}, {5, 6}}},
      {{{1, 2, 2, 2}, kA}}},
-    {"Z40ConcatInt8",
-     hand_attrs("ConcatRequantizesEachInput"),
+    {"Z40ConcatInt8", hand_attrs("ConcatRequantizesEachInput"),
      {{{1, 1, 1, 2}, {3, -20}}, {{1, 1, 1, 1}, {2}}},
      {{{1, 2, 1, 2}, {1, 2, 3, 4}}, {{1, 2, 1, 3}, {5, 6, 7, 8, 9, 10}}}},
-    {"Z40ChannelShuffleInt8",
-     hand_attrs("ShuffleTwoGroups"),
-     {{{1, 1, 2, 6}, iota_values(12)}},
+    {"Z40ChannelShuffleInt8", hand_attrs("ShuffleTwoGroups"), {{{1, 1, 2, 6}, iota_values(12)}},
      {{{1, 1, 2, 4}, kA}}},
     {"Z40SliceInt8", hand_attrs("SliceStepsAndClampedEnds"), {kSlice12}, {{{1, 2, 4, 1}, kA}}},
-    {"Z40TransposeInt8",
-     hand_attrs("TransposePermutesAxes"),
-     {{{1, 2, 3, 1}, iota_values(6)}},
+    {"Z40TransposeInt8", hand_attrs("TransposePermutesAxes"), {{{1, 2, 3, 1}, iota_values(6)}},
      {{{2, 2, 2, 1}, kA}}},
-    {"Z40ReshapeInt8",
-     hand_attrs("ReshapeOnnxBackToChannelsLast"),
-     {{{1, 2, 2, 1}, {0, 1, 2, 3}}},
+    {"Z40ReshapeInt8", hand_attrs("ReshapeOnnxBackToChannelsLast"), {{{1, 2, 2, 1}, {0, 1, 2, 3}}},
      {{{1, 1, 1, 4}, {0, 1, 2, 3}}}},
-    {"Z40SpaceToDepthInt8",
-     hand_attrs("SpaceToDepthMovesBlocksIntoChannels"),
-     {{{1, 2, 4, 1}, iota_values(8)}},
-     {{{1, 2, 4, 1}, kA}}},
+    {"Z40SpaceToDepthInt8", hand_attrs("SpaceToDepthMovesBlocksIntoChannels"),
+     {{{1, 2, 4, 1}, iota_values(8)}}, {{{1, 2, 4, 1}, kA}}},
 };
+// clang-format on
 
 class ReprepareTest : public ::testing::TestWithParam<ReprepareCase> {};
 
