@@ -41,8 +41,9 @@ void check_rank_4(const Tensor* input, const char* message) {
 }
 
 void prepared_shape_failed(const Tensor* input, const std::vector<int>& prepared, const char* op) {
-  if (input == nullptr)
+  if (input == nullptr) {
     check_failed_quoted("input->shape() == prepared", std::string(op) + ": an input is missing");
+  }
   check_failed_quoted("input->shape() == prepared", std::string(op) + ": " + input->name() + " has shape " +
                                                         shape_text(input->shape()) +
                                                         " but was prepared for " + shape_text(prepared));
