@@ -364,6 +364,22 @@ TEST(PowInt8Test, FractionalExponentInDouble) {
   EXPECT_TRUE(std::isnan(roots[1]));
 }
 
+// Nine axes of two, reversed: output k reads input bit-reverse(k), through
+// the odometer kept in the record for plans of more than eight axes.
+TEST(TransposeInt8Test, ManyAxesReversed) {
+  OneOpModel m("Z40TransposeInt8", 1);
+  set_attr_ints(m.node(), "perm", {8, 7, 6, 5, 4, 3, 2, 1, 0});
+  set_attr_ints(m.node(), "output_shape", std::vector<int>(9, 2));
+  Tensor x = make_tensor(std::vector<int>(9, 2), iota_values(512));
+  const std::vector<float> got = m.run({&x});
+  ASSERT_EQ(got.size(), 512u);
+  for (int k = 0; k < 512; ++k) {
+    int reversed = 0;
+    for (int bit = 0; bit < 9; ++bit) reversed |= ((k >> bit) & 1) << (8 - bit);
+    EXPECT_EQ(got[k], static_cast<float>(reversed)) << k;
+  }
+}
+
 // Once prepared, execute allocates nothing. The operators of other families
 // in the table are left to their own tests, and the portable kernels run:
 // the AVX-512 element-wise kernels build a table of repeated factors on each

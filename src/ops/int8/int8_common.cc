@@ -94,19 +94,68 @@ std::vector<long long> row_major_strides(const std::vector<int>& shape) {
   return stride;
 }
 
+void plan_gather(const std::vector<int>& extent, const std::vector<long long>& stride, long long base,
+                 GatherPlan& plan) {
+  plan.extent.clear();
+  plan.stride.clear();
+  for (size_t a = 0; a < extent.size(); ++a) {
+    if (extent[a] == 1) continue;
+    plan.extent.push_back(extent[a]);
+    plan.stride.push_back(stride[a]);
+  }
+  // Merge from the innermost axis outwards: outer axis a continues inner axis
+  // b when stride[a] == stride[b] * extent[b].
+  for (int a = static_cast<int>(plan.extent.size()) - 2; a >= 0; --a) {
+    if (plan.stride[a] != plan.stride[a + 1] * plan.extent[a + 1]) continue;
+    plan.extent[a + 1] *= plan.extent[a];
+    plan.extent.erase(plan.extent.begin() + a);
+    plan.stride.erase(plan.stride.begin() + a);
+  }
+  plan.base = base;
+  plan.count = shape_count(extent);
+  plan.index.assign(plan.extent.size(), 0);
+}
+
 void plan_transpose(const std::vector<int>& in_shape, const std::vector<int>& perm, GatherPlan& plan) {
   const std::vector<long long> in_stride = row_major_strides(in_shape);
-  const size_t rank = in_shape.size();
-  plan.extent.resize(rank);
-  plan.stride.resize(rank);
-  for (size_t i = 0; i < rank; ++i) {
-    plan.extent[i] = in_shape[perm[i]];
-    plan.stride[i] = in_stride[perm[i]];
+  std::vector<int> extent(in_shape.size());
+  std::vector<long long> stride(in_shape.size());
+  for (size_t i = 0; i < in_shape.size(); ++i) {
+    extent[i] = in_shape[perm[i]];
+    stride[i] = in_stride[perm[i]];
   }
-  plan.base = 0;
-  plan.count = shape_count(in_shape);
-  plan.index.assign(rank, 0);
+  plan_gather(extent, stride, 0, plan);
 }
+
+namespace {
+
+// The odometer over every axis but the last; the last is one strided run.
+// Inlined with the axes in local arrays, so the stores to `out` cannot be
+// taken to change them.
+inline __attribute__((always_inline)) void gather_rows(const float* in, float* out, long long count,
+                                                       long long base, int rank, const int* extent,
+                                                       const long long* stride, int* index) {
+  for (int a = 0; a < rank; ++a) index[a] = 0;
+  const int inner = extent[rank - 1];
+  const long long inner_stride = stride[rank - 1];
+  long long offset = base;
+  for (long long o = 0; o < count; o += inner) {
+    const float* src = in + offset;
+    if (inner_stride == 1) {
+      std::memcpy(out + o, src, sizeof(float) * inner);
+    } else {
+      for (int j = 0; j < inner; ++j) out[o + j] = src[j * inner_stride];
+    }
+    for (int a = rank - 2; a >= 0; --a) {
+      offset += stride[a];
+      if (++index[a] < extent[a]) break;
+      offset -= stride[a] * extent[a];
+      index[a] = 0;
+    }
+  }
+}
+
+}  // namespace
 
 void run_gather(const float* in, float* out, GatherPlan& plan) {
   const int rank = static_cast<int>(plan.extent.size());
@@ -115,25 +164,16 @@ void run_gather(const float* in, float* out, GatherPlan& plan) {
     out[0] = in[plan.base];
     return;
   }
-  // Odometer over every axis but the last; the last is one strided run.
-  std::fill(plan.index.begin(), plan.index.end(), 0);
-  const int inner = plan.extent[rank - 1];
-  const long long inner_stride = plan.stride[rank - 1];
-  long long offset = plan.base;
-  for (long long o = 0; o < plan.count; o += inner) {
-    const float* src = in + offset;
-    if (inner_stride == 1) {
-      std::memcpy(out + o, src, sizeof(float) * inner);
-    } else {
-      for (int j = 0; j < inner; ++j) out[o + j] = src[j * inner_stride];
-    }
-    for (int a = rank - 2; a >= 0; --a) {
-      offset += plan.stride[a];
-      if (++plan.index[a] < plan.extent[a]) break;
-      offset -= plan.stride[a] * plan.extent[a];
-      plan.index[a] = 0;
-    }
+  constexpr int kLocalAxes = 8;
+  if (rank > kLocalAxes) {
+    gather_rows(in, out, plan.count, plan.base, rank, plan.extent.data(), plan.stride.data(),
+                plan.index.data());
+    return;
   }
+  int extent[kLocalAxes], index[kLocalAxes];
+  long long stride[kLocalAxes];
+  for (int a = 0; a < rank; ++a) extent[a] = plan.extent[a], stride[a] = plan.stride[a];
+  gather_rows(in, out, plan.count, plan.base, rank, extent, stride, index);
 }
 
 }  // namespace kovraexecutor

@@ -41,16 +41,13 @@ class Z40SliceInt8OpExecutor : public ParamOpExecutor<Z40SliceInt8Param> {
     const SliceWindow w = window(inputs);
     const std::vector<int>& in_shape = inputs[0]->shape();
     const std::vector<long long> in_stride = row_major_strides(in_shape);
-    GatherPlan& plan = op_param_.plan;
-    plan.extent = w.out_shape;
-    plan.stride.resize(in_shape.size());
-    plan.base = 0;
+    std::vector<long long> stride(in_shape.size());
+    long long base = 0;
     for (size_t a = 0; a < in_shape.size(); ++a) {
-      plan.base += w.starts[a] * in_stride[a];
-      plan.stride[a] = static_cast<long long>(w.steps[a]) * in_stride[a];
+      base += w.starts[a] * in_stride[a];
+      stride[a] = static_cast<long long>(w.steps[a]) * in_stride[a];
     }
-    plan.count = shape_count(w.out_shape);
-    plan.index.assign(in_shape.size(), 0);
+    plan_gather(w.out_shape, stride, base, op_param_.plan);
     op_param_.input_shape = in_shape;
     shape = w.out_shape;
   }

@@ -33,7 +33,8 @@ class Z40TransposeInt8OpExecutor : public ParamOpExecutor<Z40TransposeInt8Param>
                          std::to_string(input->dims()) + " axes");
     op_param_.input_shape = input->shape();
     plan_transpose(input->shape(), op_param_.perm, op_param_.plan);
-    shape = op_param_.plan.extent;
+    shape.clear();
+    for (int axis : op_param_.perm) shape.push_back(input->shape()[axis]);
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
