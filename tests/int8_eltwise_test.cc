@@ -1,3 +1,5 @@
+#include <gtest/gtest.h>
+
 #include <cmath>
 #include <cstring>
 #include <functional>
@@ -5,8 +7,6 @@
 #include <random>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "ops/kernels/avx_common.h"
 #include "ops/kernels/int8_eltwise_kernels.h"
@@ -37,45 +37,9 @@ OneOpModel sum_model(const std::string& op, const SumAttrs& a, const std::string
   return m;
 }
 
-// Scales 0.5 / 0.25, output scale 2, offsets 1 / -2, output offset 3: the sum
-// is 3 + (x0 + 0.5 x1) and the difference 5 + (x0 - 0.5 x1).
-const SumAttrs kHand = {{0.5f}, {0.25f}, {2.0f}, 1, -2, 3, 100, -128};
-
-TEST(EltwiseAddInt8Test, HandWorkedSumsClampAtZeroAndMaxPlusOffset) {
-  Tensor x0 = make_tensor({1, 1, 6, 1}, {10, 2, 3, -20, 200, -3});
-  Tensor x1 = make_tensor({1, 1, 6, 1}, {4, 3, 3, 0, 0, -1});
-  // 15; 6.5 -> 6; 7.5 -> 8; -17 -> 0 although minValue is -128; 203 -> 103; -0.5 -> 0.
-  const std::vector<float> expected = {15, 6, 8, 0, 103, 0};
-  for (const char* action : {"", "None", "Relu", "Relu6"}) {
-    EXPECT_EQ(sum_model("Z40EltwiseAddInt8", kHand, action).run({&x0, &x1}), expected) << action;
-  }
-}
-
-TEST(EltwiseSubInt8Test, HandWorkedDifferences) {
-  Tensor x0 = make_tensor({1, 1, 4, 1}, {10, 2, -20, 200});
-  Tensor x1 = make_tensor({1, 1, 4, 1}, {4, 3, 0, 0});
-  // 5 + 10 - 2 = 13; 5 + 2 - 1.5 = 5.5 -> 6; -15 -> 0; 205 -> 103.
-  EXPECT_EQ(sum_model("Z40EltwiseSubInt8", kHand).run({&x0, &x1}),
-            (std::vector<float>{13, 6, 0, 103}));
-}
-
-TEST(EltwiseAddInt8Test, OneElementShortcutClampsAtMinValue) {
-  SumAttrs a = kHand;
-  a.o = {0.75f};
-  Tensor x0 = make_tensor({1, 1, 4, 1}, {2, -2, -300, 300});
-  Tensor x1 = make_tensor({1}, {5});
-  // 1.5 + 5 = 6.5 -> 6; -1.5 + 5 = 3.5 -> 4; -220 -> -128 (minValue); 230 -> 103.
-  EXPECT_EQ(sum_model("Z40EltwiseAddInt8", a).run({&x0, &x1}),
-            (std::vector<float>{6, 4, -128, 103}));
-  // The difference subtracts the scalar: 1.5 - 5 = -3.5 -> -4.
-  EXPECT_EQ(sum_model("Z40EltwiseSubInt8", a).run({&x0, &x1}),
-            (std::vector<float>{-4, -6, -128, 103}));
-}
-
 // Per-channel parameters on a 4-D tensor of 3 channels, random codes.
 struct PerChannelData {
-  SumAttrs attrs{{0.02f, 0.05f, 0.11f}, {0.03f, 0.07f, 0.013f}, {9.0f, 4.5f, 12.25f},
-                 -5, 7, 2, 120, -128};
+  SumAttrs attrs{{0.02f, 0.05f, 0.11f}, {0.03f, 0.07f, 0.013f}, {9.0f, 4.5f, 12.25f}, -5, 7, 2, 120, -128};
   std::vector<float> x0, x1;
   PerChannelData() {
     std::mt19937 rng(11);
@@ -89,18 +53,49 @@ struct PerChannelData {
 
 float clamp_sum(float q, float hi) { return q > hi ? hi : (q < 0 ? 0 : q); }
 
-TEST(EltwiseAddInt8Test, PerChannelDirectRequantizationOn4D) {
+// The direct requantization of the sum, the difference and the maximum,
+// written out per element: os_k = O * S_k, and the three grouped as stated.
+struct DirectCase {
+  const char* op;
+  float (*reference)(const SumAttrs& a, size_t c, float x0, float x1);
+};
+void PrintTo(const DirectCase& c, std::ostream* os) { *os << c.op; }
+
+const DirectCase kDirect[] = {
+    {"Z40EltwiseAddInt8",
+     [](const SumAttrs& a, size_t c, float x0, float x1) {
+       const float os0 = a.o[c] * a.s0[c], os1 = a.o[c] * a.s1[c];
+       const float v = a.off0 * os0 + a.off1 * os1 + a.offset + (os0 * x0 + os1 * x1);
+       return clamp_sum(std::nearbyint(v), 122.0f);
+     }},
+    {"Z40EltwiseSubInt8",
+     [](const SumAttrs& a, size_t c, float x0, float x1) {
+       const float os0 = a.o[c] * a.s0[c], os1 = a.o[c] * a.s1[c];
+       const float v = a.off0 * os0 - a.off1 * os1 + a.offset + (os0 * x0 - os1 * x1);
+       return clamp_sum(std::nearbyint(v), 122.0f);
+     }},
+    {"Z40MaxInt8",
+     [](const SumAttrs& a, size_t c, float x0, float x1) {
+       const float os0 = a.o[c] * a.s0[c], os1 = a.o[c] * a.s1[c];
+       const float v = std::max(a.off0 * os0 + os0 * x0, a.off1 * os1 + os1 * x1) + a.offset;
+       return std::min(std::max(std::nearbyint(v), -126.0f), 122.0f);  // [minValue, maxValue] + offset
+     }},
+};
+
+class DirectRequantTest : public ::testing::TestWithParam<DirectCase> {};
+
+TEST_P(DirectRequantTest, PerChannelOn4D) {
   PerChannelData d;
-  const SumAttrs& a = d.attrs;
   Tensor x0 = make_tensor({2, 3, 4, 3}, d.x0), x1 = make_tensor({2, 3, 4, 3}, d.x1);
-  const std::vector<float> got = sum_model("Z40EltwiseAddInt8", a).run({&x0, &x1});
+  const std::vector<float> got = sum_model(GetParam().op, d.attrs).run({&x0, &x1});
+  ASSERT_EQ(got.size(), d.x0.size());
   for (size_t i = 0; i < got.size(); ++i) {
-    const size_t c = i % 3;
-    const float os0 = a.o[c] * a.s0[c], os1 = a.o[c] * a.s1[c];
-    const float v = a.off0 * os0 + a.off1 * os1 + a.offset + (os0 * d.x0[i] + os1 * d.x1[i]);
-    EXPECT_EQ(got[i], clamp_sum(std::nearbyint(v), 122.0f)) << i;
+    EXPECT_EQ(got[i], GetParam().reference(d.attrs, i % 3, d.x0[i], d.x1[i])) << GetParam().op << " " << i;
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(SumDifferenceMaximum, DirectRequantTest, ::testing::ValuesIn(kDirect),
+                         [](const auto& info) { return std::string(info.param.op); });
 
 // Each fused activation written out from its formula.
 struct ActivationCase {
@@ -124,8 +119,7 @@ const ActivationCase kActivations[] = {
     {"Tanh", [](float y) { return static_cast<float>(tanh_approx(y)); }},
     {"Sigmoid", [](float y) { return static_cast<float>(1.0 / (std::exp(-double(y)) + 1.0)); }},
     {"Hsigmoid", [](float y) { return std::min(1.0f, std::max(0.0f, y * kHsA + kHsB)); }},
-    {"Swish",
-     [](float y) { return static_cast<float>(y / (std::exp(-double(y * kSwishBeta)) + 1.0)); }},
+    {"Swish", [](float y) { return static_cast<float>(y / (std::exp(-double(y * kSwishBeta)) + 1.0)); }},
     {"Elu", [](float y) { return y < 0 ? float((std::exp(double(y)) - 1) * kEluAlpha) : y; }},
     {"Selu",
      [](float y) {
@@ -177,41 +171,6 @@ TEST_P(EltwiseActivationTest, RealValuedPathPerChannel) {
 INSTANTIATE_TEST_SUITE_P(AllBranches, EltwiseActivationTest, ::testing::ValuesIn(kActivations),
                          [](const auto& info) { return std::string(info.param.name); });
 
-TEST(EltwiseMulInt8Test, HandWorkedProductsWithShiftedBounds) {
-  OneOpModel m("Z40EltwiseMulInt8", 2);
-  set_attr_i(m.node(), "input0_offset", 1);
-  set_attr_i(m.node(), "input1_offset", -2);
-  set_attr_floats(m.node(), "OUTPUTSCALE", {0.5f});
-  set_attr_i(m.node(), "offset", 3);
-  set_attr_i(m.node(), "maxValue", 100);
-  set_attr_i(m.node(), "minValue", -10);
-  Tensor x0 = make_tensor({1, 1, 5, 1}, {3, 2, -1, 100, -40});
-  Tensor x1 = make_tensor({1, 1, 5, 1}, {5, 5, 7, 100, 12});
-  // 4*3*0.5+3 = 9; 3*3*0.5+3 = 7.5 -> 8; 0 -> 3; 4952 -> 103; -192 -> -7 (minValue + offset).
-  EXPECT_EQ(m.run({&x0, &x1}), (std::vector<float>{9, 8, 3, 103, -7}));
-}
-
-TEST(EltwiseMulInt8Test, ShortSecondInputRepeatsPerChannel) {
-  OneOpModel m("Z40EltwiseMulInt8", 2);
-  set_attr_i(m.node(), "input0_offset", 0);
-  set_attr_i(m.node(), "input1_offset", 0);
-  set_attr_floats(m.node(), "OUTPUTSCALE", {1.0f, 0.25f});
-  set_attr_i(m.node(), "maxValue", 127);
-  set_attr_i(m.node(), "minValue", -128);
-  Tensor x0 = make_tensor({1, 1, 3, 2}, {1, 2, 3, 4, 5, 6});
-  Tensor x1 = make_tensor({2}, {2, 3});
-  // channel 0: x * 2; channel 1: x * 3 * 0.25 (1.5 -> 2, 3, 4.5 -> 4).
-  EXPECT_EQ(m.run({&x0, &x1}), (std::vector<float>{2, 2, 6, 3, 10, 4}));
-}
-
-TEST(MaxInt8Test, LargerOfTheRequantizedInputs) {
-  OneOpModel m = sum_model("Z40MaxInt8", {{0.5f}, {0.25f}, {2.0f}, 1, -2, 3, 100, -10});
-  Tensor x0 = make_tensor({1, 1, 4, 1}, {10, -5, -50, 200});
-  Tensor x1 = make_tensor({1, 1, 4, 1}, {4, 9, -50, 0});
-  // max(11, 1) + 3 = 14; max(-4, 3.5) + 3 = 6.5 -> 6; -23 -> -7; 204 -> 103.
-  EXPECT_EQ(m.run({&x0, &x1}), (std::vector<float>{14, 6, -7, 103}));
-}
-
 struct UnaryCase {
   const char* op;
   std::function<double(double)> f;
@@ -249,48 +208,23 @@ TEST_P(UnaryActivationTest, PerChannelScalesClampThenOffset) {
 
 INSTANTIATE_TEST_SUITE_P(SigmoidAndTanh, UnaryActivationTest, ::testing::ValuesIn(kUnary));
 
-TEST(UnaryActivationTest, HandWorkedSigmoidAtZero) {
-  OneOpModel m("Z40SigmoidInt8", 1);
-  set_attr_floats(m.node(), "INPUTSCALE", {0.1f});
-  set_attr_floats(m.node(), "OUTPUTSCALE", {101.0f});
-  set_attr_i(m.node(), "maxValue", 127);
-  set_attr_i(m.node(), "minValue", -128);
-  set_attr_i(m.node(), "input_offset", 5);
-  set_attr_i(m.node(), "offset", -50);
-  // -5 + 5 = 0: sigmoid 0.5 * 101 = 50.5 -> 50, plus the offset -50.
-  Tensor x = make_tensor({1, 1, 1, 1}, {-5});
-  EXPECT_EQ(m.run({&x}), (std::vector<float>{0}));
-}
-
-TEST(BatchNormScaleInt8Test, PerChannelAffineClampedAboveOnly) {
-  OneOpModel m("Z40BatchNormScaleInt8", 1);
-  set_attr_floats(m.node(), "scale", {0.5f, 2.0f});
-  set_attr_floats(m.node(), "bias", {1.0f, -3.0f});
-  set_attr_i(m.node(), "offset", 10);
-  set_attr_i(m.node(), "maxValue", 20);
-  Tensor x = make_tensor({1, 1, 3, 2}, {3, 4, 100, 100, -100, -1});
-  // 2.5 -> 2; 5; 51 -> 20; 197 -> 20; -49 (no lower bound); -5; each plus 10.
-  EXPECT_EQ(m.run({&x}), (std::vector<float>{12, 15, 30, 30, -39, 5}));
-}
-
-TEST(PowInt8Test, DoublePowerOfTheFirstExponentWithoutRounding) {
-  OneOpModel m("Z40PowInt8", 2);
-  Tensor x = make_tensor({1, 1, 1, 4}, {2, -3, 0.5f, 5});
-  Tensor e = make_tensor({2}, {3, 9});
-  EXPECT_EQ(m.run({&x, &e}), (std::vector<float>{8, -27, 0.125f, 125}));
-  Tensor half = make_tensor({1}, {0.5f});
-  const std::vector<float> roots = m.run({&x, &half});
-  EXPECT_EQ(roots[0], static_cast<float>(std::sqrt(2.0)));
-  EXPECT_TRUE(std::isnan(roots[1]));
-}
-
 // The vector kernels against the straightforward loops, bit for bit, on
 // values that include ties, negative zero, tiny negatives and non-finite ones.
 std::vector<float> kernel_data(int n, unsigned seed) {
   std::mt19937 rng(seed);
   std::uniform_real_distribution<float> dist(-300.0f, 300.0f);
-  const float specials[] = {0.5f, -0.5f, 2.5f, -2.5f, -0.0f, 0.0f, -0.25f, 1e-30f, -1e-30f,
-                            1e30f, -1e30f, std::numeric_limits<float>::infinity(),
+  const float specials[] = {0.5f,
+                            -0.5f,
+                            2.5f,
+                            -2.5f,
+                            -0.0f,
+                            0.0f,
+                            -0.25f,
+                            1e-30f,
+                            -1e-30f,
+                            1e30f,
+                            -1e30f,
+                            std::numeric_limits<float>::infinity(),
                             -std::numeric_limits<float>::infinity()};
   std::vector<float> v(n);
   for (int i = 0; i < n; ++i) {
@@ -330,15 +264,13 @@ TEST_P(Int8KernelIsaTest, VectorKernelsGiveTheSameBits) {
   kx::dequantize_f32_portable(x0.data(), y0.data(), n, channels, s.data(), -128);
   kx::dequantize_f32_avx512(x0.data(), y1.data(), n, channels, s.data(), -128);
   EXPECT_TRUE(same_bits(y0, y1));
-  kx::sum_requant_f32_portable(x0.data(), x1.data(), y0.data(), n, channels, s.data(), b.data(),
-                               k.data(), 130);
-  kx::sum_requant_f32_avx512(x0.data(), x1.data(), y1.data(), n, channels, s.data(), b.data(),
-                             k.data(), 130);
+  kx::sum_requant_f32_portable(x0.data(), x1.data(), y0.data(), n, channels, s.data(), b.data(), k.data(),
+                               130);
+  kx::sum_requant_f32_avx512(x0.data(), x1.data(), y1.data(), n, channels, s.data(), b.data(), k.data(), 130);
   EXPECT_TRUE(same_bits(y0, y1));
 }
 
-INSTANTIATE_TEST_SUITE_P(ChannelCounts, Int8KernelIsaTest,
-                         ::testing::Values(1, 3, 5, 16, 24, 64, 67));
+INSTANTIATE_TEST_SUITE_P(ChannelCounts, Int8KernelIsaTest, ::testing::Values(1, 3, 5, 16, 24, 64, 67));
 
 }  // namespace
 }  // namespace kovra_test

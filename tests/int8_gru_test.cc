@@ -1,9 +1,9 @@
+#include <gtest/gtest.h>
+
 #include <cmath>
 #include <random>
 
-#include <gtest/gtest.h>
-
-#include "support/test_util.h"
+#include "support/int8_graph.h"
 
 namespace kovra_test {
 namespace {
@@ -48,14 +48,16 @@ TEST(Int8GruTest, DequantizesRunsTheRecurrenceAndRequantizesExactly) {
   const std::vector<float> q = {40.0f, 25.0f};
   for (const std::string direction : {"forward", "reverse", "bidirectional"}) {
     std::vector<float> codes(kSeq * kBatch * kInput);
-    for (size_t i = 0; i < codes.size(); ++i) codes[i] = static_cast<float>(static_cast<int>(i * 37 % 61) - 30);
+    for (size_t i = 0; i < codes.size(); ++i)
+      codes[i] = static_cast<float>(static_cast<int>(i * 37 % 61) - 30);
     std::vector<float> real(codes.size());
     for (size_t i = 0; i < codes.size(); ++i) real[i] = codes[i] * deq[i % kInput];
     Tensor x_codes = make_tensor({kSeq, kBatch, kInput}, codes);
     Tensor x_real = make_tensor({kSeq, kBatch, kInput}, real);
     const std::vector<float> y = run_single_op(gru_model("Z40GRU", direction, {}, {}, 0), x_real, "gru");
     std::vector<int> shape;
-    const std::vector<float> got = run_single_op(gru_model("Z40GRUInt8", direction, deq, q, 3), x_codes, "gru", &shape);
+    const std::vector<float> got =
+        run_single_op(gru_model("Z40GRUInt8", direction, deq, q, 3), x_codes, "gru", &shape);
     ASSERT_EQ(got.size(), y.size());
     EXPECT_EQ(shape.back(), kHidden);
     int clamped = 0;
@@ -83,6 +85,31 @@ TEST(Int8GruDeathTest, MessagesAndScaleLengths) {
   Tensor scalar;
   EXPECT_CHECK_FAILED(run_single_op(gru_model("Z40GRUInt8", "forward", {0.1f}, {1.0f}, 0), scalar, "gru"),
                       "input_tensor->shape().size() > 0", "The shape of input is 0 in FloatZ40GRU!!!");
+}
+
+// Called directly, execute refuses an x other than the one shapes were inferred for.
+TEST(Int8GruDeathTest, ExecuteOnAnotherXThanPrepared) {
+  GraphDef graph = gru_model("Z40GRUInt8", "forward", {0.1f}, {1.0f}, 0);
+  auto op = make_op("Z40GRUInt8");
+  op->parse_parameter(graph.node(4));
+  auto weight = [&](int k) {
+    std::vector<int> shape;
+    for (const auto& d : graph.node(k).attr().at("value").tensor().tensor_shape().dim())
+      shape.push_back(d.size());
+    int n = 1;
+    for (int d : shape) n *= d;
+    return make_tensor(shape, random_values(n, k, 0.5f));
+  };
+  Tensor w = weight(1), r = weight(2), b = weight(3);
+  Tensor x = make_tensor({kSeq, kBatch, kInput}, std::vector<float>(kSeq * kBatch * kInput, 1.0f), "x");
+  Tensor longer =
+      make_tensor({kSeq + 1, kBatch, kInput}, std::vector<float>((kSeq + 1) * kBatch * kInput, 1.0f), "x");
+  std::vector<int> shape;
+  op->inference_shape({&x, &w, &r, &b}, shape);
+  Tensor out = make_tensor(shape, std::vector<float>(shape[0] * shape[1] * shape[2] * shape[3], 0.0f), "gru");
+  op->execute({&x, &w, &r, &b}, &out);
+  EXPECT_CHECK_FAILED(op->execute({&longer, &w, &r, &b}, &out), "input->shape() == prepared",
+                      "Z40GRUInt8: x has shape [4, 2, 3] but was prepared for [3, 2, 3]");
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "support/int8_graph.h"
 
@@ -14,16 +14,16 @@ NodeDef full_node(const std::string& op) {
   NodeDef n;
   n.set_name("n");
   n.set_op(op);
-  for (const char* key : {"QSCALE", "DEQSCALE", "INPUTSCALE", "INPUT0SCALE", "INPUT1SCALE",
-                          "OUTPUTSCALE", "POOLSCALE", "scale", "bias"}) {
+  for (const char* key : {"QSCALE", "DEQSCALE", "INPUTSCALE", "INPUT0SCALE", "INPUT1SCALE", "OUTPUTSCALE",
+                          "POOLSCALE", "scale", "bias"}) {
     set_attr_floats(&n, key, {1.0f});
   }
-  for (const char* key : {"offset", "input_offset", "input0_offset", "input1_offset", "maxValue",
-                          "minValue", "groups", "axis", "hidden_size"}) {
+  for (const char* key : {"offset", "input_offset", "input0_offset", "input1_offset", "maxValue", "minValue",
+                          "groups", "axis", "hidden_size"}) {
     set_attr_i(&n, key, 1);
   }
-  for (const char* key : {"ksize", "strides", "pads", "output_shape", "perm", "starts", "ends",
-                          "kernel_size"}) {
+  for (const char* key :
+       {"ksize", "strides", "pads", "output_shape", "perm", "starts", "ends", "kernel_size"}) {
     set_attr_ints(&n, key, {1, 1, 1, 1});
   }
   set_attr_f(&n, "fake_scale", 1.0f);
@@ -37,7 +37,9 @@ struct MissingCase {
   const char* key;
   const char* message;
 };
+void PrintTo(const MissingCase& c, std::ostream* os) { *os << c.message; }
 
+// clang-format off
 const MissingCase kMissing[] = {
     {"Z40Quantize", "QSCALE", "Do not find the QSCALE in  Z40Quantize!!!"},
     {"Z40Quantize", "offset", "Do not find the offset in  Z40Quantize!!!"},
@@ -117,6 +119,7 @@ const MissingCase kMissing[] = {
     {"Z40SpaceToDepthInt8", "output_shape",
      "Do not find the output_shape in Z40SpaceToDepthInt8!!!"},
 };
+// clang-format on
 
 class MissingAttributeTest : public ::testing::TestWithParam<MissingCase> {};
 
@@ -128,30 +131,61 @@ TEST_P(MissingAttributeTest, AbortsWithTheOperatorsMessage) {
   EXPECT_CHECK_FAILED(op->parse_parameter(node), "suc", c.message);
 }
 
-TEST_P(MissingAttributeTest, CompleteNodeParses) {
-  auto op = make_op(GetParam().op);
-  op->parse_parameter(full_node(GetParam().op));
+TEST(MissingAttributeTest, CompleteNodesParse) {
+  for (const MissingCase& c : kMissing) make_op(c.op)->parse_parameter(full_node(c.op));
 }
 
 INSTANTIATE_TEST_SUITE_P(Int8Operators, MissingAttributeTest, ::testing::ValuesIn(kMissing));
 
-// Input checks of shape inference (and of execute where only it can tell).
-struct ShapeCase {
+// A model's tensors of the given shapes, filled with ones and named t0, t1, ...
+// (a shape of no elements stands for a tensor without a buffer).
+struct Inputs {
+  std::vector<Tensor> tensors;
+  std::vector<const Tensor*> ptrs;
+  explicit Inputs(const std::vector<std::vector<int>>& shapes) {
+    for (size_t i = 0; i < shapes.size(); ++i) {
+      int n = 1;
+      for (int d : shapes[i]) n *= d;
+      tensors.push_back(shapes[i].empty() || n == 0 ? Tensor()
+                                                    : make_tensor(shapes[i], std::vector<float>(n, 1.0f)));
+      tensors.back().set_name("t" + std::to_string(i));
+    }
+    for (const Tensor& t : tensors) ptrs.push_back(&t);
+  }
+};
+
+// Both steps as a node takes them: shape inference, an output of that shape, execute.
+void infer_and_execute(kovra::trenkit::kovraexecutor::OpExecutor* op,
+                       const std::vector<const Tensor*>& inputs) {
+  std::vector<int> shape;
+  op->inference_shape(inputs, shape);
+  int n = 1;
+  for (int d : shape) n *= d;
+  Tensor output = make_tensor(shape, std::vector<float>(n, 0.0f));
+  op->execute(inputs, &output);
+}
+
+using Tweak = void (*)(NodeDef*);
+
+// Inputs, and attribute values, that an operator refuses: each case gives the
+// operator's own message, whichever of the two steps detects it.
+struct CheckCase {
   const char* op;
   std::vector<std::vector<int>> shapes;  // one tensor per entry
   const char* condition;                 // empty: a plain "Error:" line
   const char* message;
+  Tweak tweak = nullptr;  // changes to the complete node
 };
+void PrintTo(const CheckCase& c, std::ostream* os) { *os << c.op << ": " << c.message; }
 
-const ShapeCase kShapes[] = {
-    {"Z40Quantize", {{1, 4}}, "",
-     "\"The shape of input only support 3D ,4D or 5D in Z40Quantize!!!\""},
+// clang-format off
+const CheckCase kChecks[] = {
+    // Ranks and empty inputs.
+    {"Z40Quantize", {{1, 4}}, "", "\"The shape of input only support 3D ,4D or 5D in Z40Quantize!!!\""},
     {"Z40Quantize", {{1, 1, 1, 1, 1, 1}}, "",
      "\"The shape of input only support 3D ,4D or 5D in Z40Quantize!!!\""},
-    {"Z40Dequantize", {{4}}, "",
-     "\"The shape of input only support 3D ,4D or 5D in Z40Dequantize!!!\""},
-    {"Z40Quantize", {{}}, "input_tensor->shape().size() > 0",
-     "The shape of input is 0 in Z40Quantize!!!"},
+    {"Z40Dequantize", {{4}}, "", "\"The shape of input only support 3D ,4D or 5D in Z40Dequantize!!!\""},
+    {"Z40Quantize", {{}}, "input_tensor->shape().size() > 0", "The shape of input is 0 in Z40Quantize!!!"},
     {"Z40Dequantize", {{}}, "input_tensor->shape().size() > 0",
      "The shape of input is 0 in Z40Dequantize!!!"},
     {"Z40KovraFakeQuantFeature", {{}}, "input_tensor->shape().size() > 0",
@@ -160,8 +194,7 @@ const ShapeCase kShapes[] = {
      "The shape of input is 0 in Z40EltwiseAddInt8!!!"},
     {"Z40EltwiseSubInt8", {{}, {1}}, "input_tensor->shape().size() > 0",
      "The shape of input is 0 in Z40EltwiseSubInt8!!!"},
-    {"Z40EltwiseAddInt8", {{1, 2}}, "inputs.size() >= 2",
-     "Z40EltwiseAddInt8 needs 2 inputs but has 1"},
+    {"Z40EltwiseAddInt8", {{1, 2}}, "inputs.size() >= 2", "Z40EltwiseAddInt8 needs 2 inputs but has 1"},
     {"Z40Quantize", {}, "inputs.size() >= 1", "Z40Quantize needs 1 inputs but has 0"},
     {"Z40CloneInt8", {{1, 2, 3}}, "input_tensor->shape().size() == 4",
      "Wrong input shape in Z40CloneInt8!!!"},
@@ -181,10 +214,8 @@ const ShapeCase kShapes[] = {
      "The shape of input is 0 in Z40FlattenInt8!!!"},
     {"Z40SigmoidInt8", {{}}, "input_tensor->shape().size() > 0",
      "The shape of input is 0 in Z40SigmoidInt8!!!"},
-    {"Z40TanhInt8", {{}}, "input_tensor->shape().size() > 0",
-     "The shape of input is 0 in Z40TanhInt8!!!"},
-    {"Z40PowInt8", {{}, {1}}, "input_tensor->shape().size() > 0",
-     "The shape of input is 0 in Z40PowInt8!!!"},
+    {"Z40TanhInt8", {{}}, "input_tensor->shape().size() > 0", "The shape of input is 0 in Z40TanhInt8!!!"},
+    {"Z40PowInt8", {{}, {1}}, "input_tensor->shape().size() > 0", "The shape of input is 0 in Z40PowInt8!!!"},
     {"Z40PowInt8", {{1, 2}}, "inputs.size() >= 2", "Z40PowInt8 needs 2 inputs but has 1"},
     {"Z40AvgPoolInt8", {{1, 2, 2}}, "input_tensor->shape().size() == 4",
      "Wrong input shape in Z40AvgPoolInt8!!!"},
@@ -202,57 +233,19 @@ const ShapeCase kShapes[] = {
      "Wrong input shape in Z40SpaceToDepthInt8!!!"},
     {"Z40ConcatInt8", {{1, 1, 1, 2}}, "inputs.size() > 1",
      "Z40ConcatInt8 operator inputs must greater than 1."},
+    {"Z40ConcatInt8", {{1, 2, 3}, {1, 2, 3}}, "output_shape.size() > 3", "Wrong output shape in concat."},
     {"Z40PadInt8", {{1, 2, 2}}, "input_tensor->shape().size() == 4 || input_tensor->shape().size() == 5",
      "The shape of input only support 4D or 5D in Z40PadInt8!!!"},
     {"Z40PadInt8", {{1, 1, 1, 1, 1}}, "op_param_->pads.size() == 2 * rank",
      "The model only support constant in Z40PadInt8!!!"},
-    {"Z40SliceInt8", {{1, 2, 2}},
-     "input_tensor->shape().size() == 4 || input_tensor->shape().size() == 5",
+    {"Z40SliceInt8", {{1, 2, 2}}, "input_tensor->shape().size() == 4 || input_tensor->shape().size() == 5",
      "The shape of input only support  4D or 5D  in Z40SliceInt8!!!"},
     {"Z40ReshapeInt8", {{1, 2, 2, 2}}, "product(output_shape) == input->size()",
      "Z40ReshapeInt8: output_shape does not hold the input's 8 elements"},
     {"Z40TransposeInt8", {{1, 2, 2, 2}}, "is_permutation(perm, rank)",
      "Z40TransposeInt8: perm is not a permutation of the input's 4 axes"},
-};
-
-class ShapeCheckTest : public ::testing::TestWithParam<ShapeCase> {};
-
-TEST_P(ShapeCheckTest, AbortsWithTheOperatorsMessage) {
-  const ShapeCase& c = GetParam();
-  auto op = make_op(c.op);
-  op->parse_parameter(full_node(c.op));
-  std::vector<Tensor> tensors;
-  for (const auto& shape : c.shapes) {
-    int n = 1;
-    for (int d : shape) n *= d;
-    // A rank-0 tensor holds no buffer at all.
-    tensors.push_back(shape.empty() ? Tensor() : make_tensor(shape, std::vector<float>(n, 1.0f)));
-  }
-  std::vector<const Tensor*> inputs;
-  for (const Tensor& t : tensors) inputs.push_back(&t);
-  std::vector<int> out;
-  if (std::string(c.condition).empty()) {
-    EXPECT_FATAL(op->inference_shape(inputs, out), c.message);
-  } else {
-    EXPECT_CHECK_FAILED(op->inference_shape(inputs, out), c.condition, c.message);
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(Int8Operators, ShapeCheckTest, ::testing::ValuesIn(kShapes));
-
-// Execute-time checks: parameter vectors and inputs shorter than the data.
-struct ExecuteCase {
-  const char* op;
-  std::vector<std::vector<int>> shapes;
-  const char* condition;
-  const char* message;
-  const char* int_key = nullptr;  // an integer attribute set differently
-  int int_value = 0;
-};
-
-const ExecuteCase kExecute[] = {
-    {"Z40Quantize", {{1, 2, 3}}, "values.size() >= 3",
-     "Z40Quantize: attribute QSCALE has 1 values, needs 3"},
+    // Per-channel attributes shorter than the channels, and inputs shorter than the data.
+    {"Z40Quantize", {{1, 2, 3}}, "values.size() >= 3", "Z40Quantize: attribute QSCALE has 1 values, needs 3"},
     {"Z40Dequantize", {{1, 2, 2, 4}}, "values.size() >= 4",
      "Z40Dequantize: attribute QSCALE has 1 values, needs 4"},
     {"Z40EltwiseAddInt8", {{1, 1, 2, 2}, {1, 1, 2, 2}}, "values.size() >= 2",
@@ -271,98 +264,182 @@ const ExecuteCase kExecute[] = {
      "Z40BatchNormScaleInt8: attribute scale has 1 values, needs 2"},
     {"Z40PowInt8", {{1, 2}, {0}}, "tensor->data_type() == DT_FLOAT",
      "Z40PowInt8 reads t1 as float but it holds type 0"},
-    {"Z40ChannelShuffleInt8", {{1, 1, 1, 6}}, "channels % groups == 0",
-     "Z40ChannelShuffleInt8: 6 channels in 4 groups", "groups", 4},
-    {"Z40ChannelShuffleInt8", {{1, 1, 1, 6}}, "channels % groups == 0",
-     "Z40ChannelShuffleInt8: 6 channels in 0 groups", "groups", 0},
-    {"Z40ConcatInt8", {{1, 2, 3}, {1, 2, 3}}, "output_shape.size() > 3",
-     "Wrong output shape in concat."},
     {"Z40GlobalAvgPoolInt8", {{1, 2, 2, 3}}, "values.size() >= 3",
      "Z40GlobalAvgPoolInt8: attribute POOLSCALE has 1 values, needs 3"},
+    {"Z40ConcatInt8", {{1, 1, 1, 1}, {1, 1, 1, 1}}, "values.size() >= 2",
+     "Z40ConcatInt8: attribute DEQSCALE has 1 values, needs 2",
+     [](NodeDef* n) { set_attr_floats(n, "QSCALE", {1, 1}); }},
+    {"Z40ConcatInt8", {{1, 1, 1, 1}, {1, 1, 2, 1}}, "inputs agree off the axis",
+     "Z40ConcatInt8: input 1 differs from input 0 off the concatenation axis"},
+    // Attribute values the operators refuse.
+    {"Z40ChannelShuffleInt8", {{1, 1, 1, 6}}, "channels % groups == 0",
+     "Z40ChannelShuffleInt8: 6 channels in 4 groups", [](NodeDef* n) { set_attr_i(n, "groups", 4); }},
+    {"Z40ChannelShuffleInt8", {{1, 1, 1, 6}}, "channels % groups == 0",
+     "Z40ChannelShuffleInt8: 6 channels in 0 groups", [](NodeDef* n) { set_attr_i(n, "groups", 0); }},
+    {"Z40AvgPoolInt8", {{1, 2, 2, 1}}, "op_param_->ksize.size() > 2",
+     "Wrong kernel size in Z40AvgPoolInt8!!!",
+     [](NodeDef* n) { set_attr_ints(n, "ksize", {1, 2}); }},
+    {"Z40AvgPoolInt8", {{1, 2, 2, 1}}, "op_param_->strides.size() > 2",
+     "Wrong strides size in Z40AvgPoolInt8!!!",
+     [](NodeDef* n) { set_attr_ints(n, "strides", {1, 2}); }},
+    {"Z40MaxPoolInt8", {{1, 2, 2, 1}}, "op_param_->ksize.size() > 2",
+     "Wrong kernel size in Z40MaxPoolInt8!!!",
+     [](NodeDef* n) { set_attr_ints(n, "ksize", {2}); }},
+    {"Z40AvgPoolInt8", {{1, 2, 2, 1}}, "false", "Worng padding type.",
+     [](NodeDef* n) { set_attr_s(n, "padding", "FULL"); }},
+    {"Z40MaxPoolInt8", {{1, 2, 2, 1}}, "kernel <= padded input",
+     "Z40MaxPoolInt8: the window is larger than the padded input",
+     [](NodeDef* n) { set_attr_ints(n, "ksize", {1, 5, 5, 1}); }},
+    {"Z40PadInt8", {{1, 2, 2, 1}}, "op_param_->mode == \"constant\"",
+     "The mode only support constant in Z40PadInt8!!!",
+     [](NodeDef* n) { set_attr_s(n, "mode", "reflect"); }},
+    {"Z40SliceInt8", {{1, 2, 2, 1}}, "slice extent > 0", "Z40SliceInt8: empty slice on axis 0"},
+    {"Z40Unpool2DInt8", {{1, 2, 2, 1}}, "kernel_size == [kernel_h, kernel_w] > 0",
+     "Z40Unpool2DInt8: kernel_size is not two positive factors",
+     [](NodeDef* n) { set_attr_ints(n, "kernel_size", {2, 0}); }},
+    {"Z40SpaceToDepthInt8", {{1, 2, 2, 1}}, "output_shape == space_to_depth(input_shape)",
+     "Z40SpaceToDepthInt8: output_shape does not fit the input by a square block",
+     [](NodeDef* n) { set_attr_ints(n, "output_shape", {1, 1, 1, 3}); }},
 };
+// clang-format on
 
-class ExecuteCheckTest : public ::testing::TestWithParam<ExecuteCase> {};
+class InputCheckTest : public ::testing::TestWithParam<CheckCase> {};
 
-TEST_P(ExecuteCheckTest, AbortsBeforeReadingOutOfBounds) {
-  const ExecuteCase& c = GetParam();
-  auto op = make_op(c.op);
+TEST_P(InputCheckTest, AbortsWithTheOperatorsMessage) {
+  const CheckCase& c = GetParam();
   NodeDef node = full_node(c.op);
-  if (c.int_key != nullptr) set_attr_i(&node, c.int_key, c.int_value);
-  op->parse_parameter(node);
-  std::vector<Tensor> tensors;
-  for (size_t i = 0; i < c.shapes.size(); ++i) {
-    int n = 1;
-    for (int d : c.shapes[i]) n *= d;
-    // A tensor without elements cannot be allocated; an empty one stands in.
-    tensors.push_back(n == 0 ? Tensor() : make_tensor(c.shapes[i], std::vector<float>(n, 1.0f)));
-    tensors.back().set_name("t" + std::to_string(i));
-  }
-  std::vector<const Tensor*> inputs;
-  for (const Tensor& t : tensors) inputs.push_back(&t);
-  std::vector<int> shape;
-  op->inference_shape(inputs, shape);
-  int n = 1;
-  for (int d : shape) n *= d;
-  Tensor output = make_tensor(shape, std::vector<float>(n, 0.0f));
-  EXPECT_CHECK_FAILED(op->execute(inputs, &output), c.condition, c.message);
-}
-
-INSTANTIATE_TEST_SUITE_P(Int8Operators, ExecuteCheckTest, ::testing::ValuesIn(kExecute));
-
-// Attribute values the operators refuse, at parse time or when shaping.
-struct BadValueCase {
-  const char* op;
-  std::vector<int> shape;
-  const char* key;
-  std::vector<int> list;    // an integer list for `key`, or
-  const char* text;         // a string for `key`
-  const char* condition;
-  const char* message;
-};
-
-const BadValueCase kBadValues[] = {
-    {"Z40AvgPoolInt8", {1, 2, 2, 1}, "ksize", {1, 2}, nullptr, "op_param_->ksize.size() > 2",
-     "Wrong kernel size in Z40AvgPoolInt8!!!"},
-    {"Z40AvgPoolInt8", {1, 2, 2, 1}, "strides", {1, 2}, nullptr, "op_param_->strides.size() > 2",
-     "Wrong strides size in Z40AvgPoolInt8!!!"},
-    {"Z40MaxPoolInt8", {1, 2, 2, 1}, "ksize", {2}, nullptr, "op_param_->ksize.size() > 2",
-     "Wrong kernel size in Z40MaxPoolInt8!!!"},
-    {"Z40AvgPoolInt8", {1, 2, 2, 1}, "padding", {}, "FULL", "false", "Worng padding type."},
-    {"Z40MaxPoolInt8", {1, 2, 2, 1}, "ksize", {1, 5, 5, 1}, nullptr, "kernel <= padded input",
-     "Z40MaxPoolInt8: the window is larger than the padded input"},
-    {"Z40PadInt8", {1, 2, 2, 1}, "mode", {}, "reflect", "op_param_->mode == \"constant\"",
-     "The mode only support constant in Z40PadInt8!!!"},
-    {"Z40SliceInt8", {1, 2, 2, 1}, "ends", {1, 1, 1, 1}, nullptr, "slice extent > 0",
-     "Z40SliceInt8: empty slice on axis 0"},
-    {"Z40Unpool2DInt8", {1, 2, 2, 1}, "kernel_size", {2, 0}, nullptr,
-     "kernel_size == [kernel_h, kernel_w] > 0",
-     "Z40Unpool2DInt8: kernel_size is not two positive factors"},
-    {"Z40SpaceToDepthInt8", {1, 2, 2, 1}, "output_shape", {1, 1, 1, 3}, nullptr,
-     "output_shape == space_to_depth(input_shape)",
-     "Z40SpaceToDepthInt8: output_shape does not fit the input by a square block"},
-};
-
-class BadValueTest : public ::testing::TestWithParam<BadValueCase> {};
-
-TEST_P(BadValueTest, AbortsWithTheOperatorsMessage) {
-  const BadValueCase& c = GetParam();
-  NodeDef node = full_node(c.op);
-  if (c.text != nullptr) {
-    set_attr_s(&node, c.key, c.text);
-  } else {
-    set_attr_ints(&node, c.key, c.list);
-  }
-  Tensor x = make_tensor(c.shape, std::vector<float>(c.shape[0] * c.shape[1] * c.shape[2] * c.shape[3], 1.0f));
+  if (c.tweak != nullptr) c.tweak(&node);
+  Inputs inputs(c.shapes);
   auto run = [&] {
     auto op = make_op(c.op);
     op->parse_parameter(node);
-    std::vector<int> out;
-    op->inference_shape({&x}, out);
+    infer_and_execute(op.get(), inputs.ptrs);
   };
-  EXPECT_CHECK_FAILED(run(), c.condition, c.message);
+  if (std::string(c.condition).empty()) {
+    EXPECT_FATAL(run(), c.message);
+  } else {
+    EXPECT_CHECK_FAILED(run(), c.condition, c.message);
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(Int8Operators, BadValueTest, ::testing::ValuesIn(kBadValues));
+INSTANTIATE_TEST_SUITE_P(Int8Operators, InputCheckTest, ::testing::ValuesIn(kChecks));
+
+// A caller that runs execute on inputs other than those inference_shape
+// prepared for (larger, or with other channels) is stopped before the
+// prepared factors or geometry are applied to them.
+struct ChangedInputCase {
+  const char* op;
+  std::vector<std::vector<int>> prepared;
+  std::vector<std::vector<int>> run;
+  const char* message;
+  Tweak tweak = nullptr;
+};
+void PrintTo(const ChangedInputCase& c, std::ostream* os) { *os << c.message; }
+
+void set_identity_lists(NodeDef* n) {
+  set_attr_ints(n, "perm", {0, 1, 2, 3});
+  set_attr_ints(n, "starts", {0, 0, 0, 0});
+  set_attr_ints(n, "kernel_size", {1, 1});
+  set_attr_floats(n, "QSCALE", {1, 1});
+  set_attr_floats(n, "DEQSCALE", {1, 1});
+}
+
+// clang-format off
+const ChangedInputCase kChangedInputs[] = {
+    {"Z40Quantize", {{1, 2, 1}}, {{1, 3, 1}},
+     "Z40Quantize: t0 has shape [1, 3, 1] but was prepared for [1, 2, 1]"},
+    {"Z40Dequantize", {{1, 2, 1}}, {{2, 2, 1}},
+     "Z40Dequantize: t0 has shape [2, 2, 1] but was prepared for [1, 2, 1]"},
+    {"Z40EltwiseAddInt8", {{1, 2, 1}, {1, 2, 1}}, {{1, 2, 1}, {1}},
+     "Z40EltwiseAddInt8: t1 has shape [1] but was prepared for [1, 2, 1]"},
+    {"Z40EltwiseSubInt8", {{1, 2, 1}, {1}}, {{1, 4, 1}, {1}},
+     "Z40EltwiseSubInt8: t0 has shape [1, 4, 1] but was prepared for [1, 2, 1]"},
+    {"Z40EltwiseMulInt8", {{1, 2, 1}, {1}}, {{1, 2, 1}, {2}},
+     "Z40EltwiseMulInt8: t1 has shape [2] but was prepared for [1]"},
+    {"Z40MaxInt8", {{1, 1, 2, 1}, {1, 1, 2, 1}}, {{1, 1, 4, 1}, {1, 1, 4, 1}},
+     "Z40MaxInt8: t0 has shape [1, 1, 4, 1] but was prepared for [1, 1, 2, 1]"},
+    {"Z40PowInt8", {{2}, {1}}, {{3}, {1}}, "Z40PowInt8: t0 has shape [3] but was prepared for [2]"},
+    {"Z40SigmoidInt8", {{1, 2, 1}}, {{1, 2, 2}},
+     "Z40SigmoidInt8: t0 has shape [1, 2, 2] but was prepared for [1, 2, 1]"},
+    {"Z40TanhInt8", {{1, 2, 1}}, {{1, 3, 1}},
+     "Z40TanhInt8: t0 has shape [1, 3, 1] but was prepared for [1, 2, 1]"},
+    {"Z40CloneInt8", {{1, 1, 1, 1}}, {{1, 2, 1, 1}},
+     "Z40CloneInt8: t0 has shape [1, 2, 1, 1] but was prepared for [1, 1, 1, 1]"},
+    {"Z40LeakyReluInt8", {{2}}, {{3}}, "Z40LeakyReluInt8: t0 has shape [3] but was prepared for [2]"},
+    {"Z40FlattenInt8", {{1, 2}}, {{2, 2}}, "Z40FlattenInt8: t0 has shape [2, 2] but was prepared for [1, 2]"},
+    {"Z40ChannelShuffleInt8", {{1, 1, 1, 2}}, {{1, 2, 1, 2}},
+     "Z40ChannelShuffleInt8: t0 has shape [1, 2, 1, 2] but was prepared for [1, 1, 1, 2]"},
+    {"Z40AvgPoolInt8", {{1, 2, 2, 1}}, {{1, 3, 3, 1}},
+     "Z40AvgPoolInt8: t0 has shape [1, 3, 3, 1] but was prepared for [1, 2, 2, 1]"},
+    {"Z40MaxPoolInt8", {{1, 2, 2, 1}}, {{1, 2, 2, 2}},
+     "Z40MaxPoolInt8: t0 has shape [1, 2, 2, 2] but was prepared for [1, 2, 2, 1]"},
+    {"Z40GlobalAvgPoolInt8", {{1, 2, 2, 1}}, {{1, 4, 4, 1}},
+     "Z40GlobalAvgPoolInt8: t0 has shape [1, 4, 4, 1] but was prepared for [1, 2, 2, 1]"},
+    {"Z40ResizeBilinearInt8", {{1, 2, 2, 1}}, {{1, 3, 3, 1}},
+     "Z40ResizeBilinearInt8: t0 has shape [1, 3, 3, 1] but was prepared for [1, 2, 2, 1]"},
+    {"Z40ResizeNearestNeighborInt8", {{1, 2, 2, 1}}, {{1, 2, 3, 1}},
+     "Z40ResizeNearestNeighborInt8: t0 has shape [1, 2, 3, 1] but was prepared for [1, 2, 2, 1]"},
+    {"Z40Unpool2DInt8", {{1, 2, 2, 1}}, {{2, 2, 2, 1}},
+     "Z40Unpool2DInt8: t0 has shape [2, 2, 2, 1] but was prepared for [1, 2, 2, 1]", set_identity_lists},
+    {"Z40ConcatInt8", {{1, 1, 1, 1}, {1, 1, 1, 1}}, {{1, 1, 1, 1}, {1, 1, 1, 3}},
+     "Z40ConcatInt8: t1 has shape [1, 1, 1, 3] but was prepared for [1, 1, 1, 1]", set_identity_lists},
+    {"Z40SliceInt8", {{1, 1, 1, 1}}, {{1, 1, 1, 2}},
+     "Z40SliceInt8: t0 has shape [1, 1, 1, 2] but was prepared for [1, 1, 1, 1]", set_identity_lists},
+    {"Z40TransposeInt8", {{1, 1, 1, 1}}, {{1, 1, 2, 1}},
+     "Z40TransposeInt8: t0 has shape [1, 1, 2, 1] but was prepared for [1, 1, 1, 1]", set_identity_lists},
+    {"Z40ReshapeInt8", {{1, 1, 1, 1}}, {{2, 1, 1, 1}},
+     "Z40ReshapeInt8: t0 has shape [2, 1, 1, 1] but was prepared for [1, 1, 1, 1]"},
+    {"Z40SpaceToDepthInt8", {{1, 1, 1, 1}}, {{1, 2, 2, 1}},
+     "Z40SpaceToDepthInt8: t0 has shape [1, 2, 2, 1] but was prepared for [1, 1, 1, 1]"},
+    // execute without inference_shape: nothing was prepared.
+    {"Z40Quantize", {}, {{1, 2, 1}}, "Z40Quantize: t0 has shape [1, 2, 1] but was prepared for []"},
+};
+// clang-format on
+
+class ChangedInputTest : public ::testing::TestWithParam<ChangedInputCase> {};
+
+TEST_P(ChangedInputTest, ExecuteStopsBeforeUsingThePreparedRecord) {
+  const ChangedInputCase& c = GetParam();
+  NodeDef node = full_node(c.op);
+  if (c.tweak != nullptr) c.tweak(&node);
+  auto op = make_op(c.op);
+  op->parse_parameter(node);
+  Inputs prepared(c.prepared), changed(c.run);
+  std::vector<int> shape;
+  if (!c.prepared.empty()) op->inference_shape(prepared.ptrs, shape);
+  // An output large enough for anything the operator could write.
+  Tensor output = make_tensor({1 << 12}, std::vector<float>(1 << 12, 0.0f));
+  EXPECT_CHECK_FAILED(op->execute(changed.ptrs, &output), "input->shape() == prepared", c.message);
+  // The prepared inputs still run.
+  if (!c.prepared.empty()) op->execute(prepared.ptrs, &output);
+}
+
+INSTANTIATE_TEST_SUITE_P(Int8Operators, ChangedInputTest, ::testing::ValuesIn(kChangedInputs));
+
+TEST(ChangedInputTest, ConcatWithAnotherInputCount) {
+  NodeDef node = full_node("Z40ConcatInt8");
+  set_attr_floats(&node, "QSCALE", {1, 1, 1});
+  set_attr_floats(&node, "DEQSCALE", {1, 1, 1});
+  auto op = make_op("Z40ConcatInt8");
+  op->parse_parameter(node);
+  Inputs two({{1, 1, 1, 1}, {1, 1, 1, 1}}), three({{1, 1, 1, 1}, {1, 1, 1, 1}, {1, 1, 1, 1}});
+  std::vector<int> shape;
+  op->inference_shape(two.ptrs, shape);
+  Tensor output = make_tensor({3}, {0, 0, 0});
+  EXPECT_CHECK_FAILED(op->execute(three.ptrs, &output), "inputs.size() == prepared inputs",
+                      "Z40ConcatInt8: 3 inputs but prepared for 2");
+}
+
+TEST(ChangedInputTest, OutputSmallerThanPrepared) {
+  auto op = make_op("Z40Quantize");
+  op->parse_parameter(full_node("Z40Quantize"));
+  Inputs x({{1, 4, 1}});
+  std::vector<int> shape;
+  op->inference_shape(x.ptrs, shape);
+  Tensor output = make_tensor({2}, {0, 0}, "out");
+  EXPECT_CHECK_FAILED(op->execute(x.ptrs, &output), "tensor->size() >= 4",
+                      "Z40Quantize: out has 2 elements, needs 4");
+}
 
 }  // namespace
 }  // namespace kovra_test

@@ -2,9 +2,9 @@
 
 #include "kvdl.h"
 #include "op_attr.h"
+#include "ops/common/op_checks.h"
 #include "ops/int8/int8_common.h"
 #include "ops/kernels/int8_eltwise_kernels.h"
-#include "ops/common/op_checks.h"
 
 namespace kovra {
 namespace trenkit {
@@ -34,22 +34,37 @@ void parse_binary_requant(const NodeDef& node, const char* op, bool with_activat
   read_float(node, "hswish_mul_scalar_value", k.hswish_mul_scalar_value);
 }
 
-int check_binary_requant(const std::vector<const Tensor*>& inputs, const char* op,
-                         const Int8BinaryRequantParam& p) {
+void prepare_binary_requant(const std::vector<const Tensor*>& inputs, const char* op, bool difference,
+                            bool scalar_allowed, Int8BinaryRequantParam& p) {
   check_input_count(inputs, 2, op);
   check_input_not_scalar(inputs[0], op);
-  check_float(inputs[0], op);
-  check_float(inputs[1], op);
   const int channels = channel_count(inputs[0]);
   check_per_channel(p.input0_scale, channels, "INPUT0SCALE", op);
   check_per_channel(p.input1_scale, channels, "INPUT1SCALE", op);
   check_per_channel(p.output_scale, channels, "OUTPUTSCALE", op);
-  return channels;
+  if (!scalar_allowed || inputs[1]->size() != 1) check_min_size(inputs[1], inputs[0]->size(), op);
+  p.input0_shape = inputs[0]->shape();
+  p.input1_shape = inputs[1]->shape();
+  p.channels = channels;
+  make_sum_requant(p.input0_scale, p.input1_scale, p.output_scale, p.input0_offset, p.input1_offset, p.offset,
+                   channels, difference, p.requant);
+}
+
+void check_binary_prepared(const std::vector<const Tensor*>& inputs, const Tensor* output, const char* op,
+                           const Int8BinaryRequantParam& p) {
+  check_input_count(inputs, 2, op);
+  check_input_not_scalar(inputs[0], op);
+  check_prepared(inputs[0], p.input0_shape, op);
+  check_prepared(inputs[1], p.input1_shape, op);
+  check_float(inputs[0], op);
+  check_float(inputs[1], op);
+  check_min_size(output, inputs[0]->size(), op);
 }
 
 void run_int8_sum(const std::vector<const Tensor*>& inputs, Tensor* output, const char* op,
                   const Int8BinaryRequantParam& p, bool difference) {
-  const int channels = check_binary_requant(inputs, op, p);
+  check_binary_prepared(inputs, output, op, p);
+  const int channels = p.channels;
   const Tensor* in0 = inputs[0];
   const Tensor* in1 = inputs[1];
   const int n = in0->size();
@@ -71,12 +86,9 @@ void run_int8_sum(const std::vector<const Tensor*>& inputs, Tensor* output, cons
     }
     return;
   }
-  check_min_size(in1, n, op);
 
   if (p.activation == EltwiseActivation::kLinear) {
-    const SumRequant r = make_sum_requant(p.input0_scale, p.input1_scale, p.output_scale,
-                                          p.input0_offset, p.input1_offset, p.offset, channels,
-                                          difference);
+    const SumRequant& r = p.requant;
     sum_requant_f32(x0, x1, y, n, channels, r.a.data(), r.b.data(), r.k.data(), hi);
     return;
   }

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "common.h"
 #include "op_executor.h"
 #include "tensor.h"
 
@@ -24,10 +25,26 @@ void check_rank_3_to_5(const Tensor* input, const char* op);
 
 // The rank check of operators that take 4-D activations only:
 // "input_tensor->shape().size() == 4" with `message`.
-void check_rank_4(const Tensor* input, const std::string& message);
+void check_rank_4(const Tensor* input, const char* message);
 
-// Operators that pass codes through unchanged copy them element for element.
-void copy_codes(const Tensor* input, Tensor* output, const char* op);
+// execute's guard against inputs that changed after inference_shape: the
+// input has exactly the shape the record was prepared for, so the prepared
+// factors and geometry still fit it. Fails with "input->shape() == prepared"
+// and "<op>: <tensor> has shape [..] but was prepared for [..]" (for [] when
+// execute comes before inference_shape).
+[[noreturn]] void prepared_shape_failed(const Tensor* input, const std::vector<int>& prepared,
+                                        const char* op);
+inline void check_prepared(const Tensor* input, const std::vector<int>& prepared, const char* op) {
+  if (KOVRA_UNLIKELY(input == nullptr || input->shape() != prepared))
+    prepared_shape_failed(input, prepared, op);
+}
+
+// The common head of execute for one-input operators: the input is there,
+// holds floats and has the prepared shape; the output holds `out_count` codes.
+const Tensor* prepared_input(const std::vector<const Tensor*>& inputs, const std::vector<int>& prepared,
+                             const Tensor* output, long long out_count, const char* op);
+
+long long shape_count(const std::vector<int>& shape);
 
 // A per-channel attribute must cover every channel before the loop reads it.
 void check_per_channel(const std::vector<float>& values, int channels, const char* key, const char* op);
@@ -51,13 +68,34 @@ inline float clamp_then_offset(float q, float lo, float hi, float offset) {
 //   q = round(off0 * (O*S0) + off1 * (O*S1) + offset + ((O*S0) * x0 + (O*S1) * x1)),
 // hoisted out of the element loop without changing the grouping: a = O*S0,
 // b = O*S1 and k = off0*a + off1*b + offset. A difference uses b negated,
-// which is exact.
+// which is exact. Filled once per input shape, into the operator's record.
 struct SumRequant {
   std::vector<float> a, b, k;
 };
-SumRequant make_sum_requant(const std::vector<float>& s0, const std::vector<float>& s1,
-                            const std::vector<float>& out_scale, int off0, int off1, int offset,
-                            int channels, bool difference);
+void make_sum_requant(const std::vector<float>& s0, const std::vector<float>& s1,
+                      const std::vector<float>& out_scale, int off0, int off1, int offset, int channels,
+                      bool difference, SumRequant& r);
+
+// A gather that data-movement operators prepare once: output element
+// (i_0, ..., i_r-1), in row-major order over `extent`, reads
+// in[base + sum_a i_a * stride[a]]. Slices, transposes and channel-order
+// reshapes are all such gathers; running one allocates nothing.
+struct GatherPlan {
+  // Axes of one entry are dropped and axes that continue each other merged,
+  // so rows are as long as the layout allows.
+  std::vector<int> extent;
+  std::vector<long long> stride;
+  long long base = 0;
+  long long count = 0;
+  std::vector<int> index;  // the odometer of plans with many axes
+};
+void plan_gather(const std::vector<int>& extent, const std::vector<long long>& stride, long long base,
+                 GatherPlan& plan);
+// Strides of a row-major array of `shape`.
+std::vector<long long> row_major_strides(const std::vector<int>& shape);
+// The transpose of `in_shape`: output axis i is input axis perm[i].
+void plan_transpose(const std::vector<int>& in_shape, const std::vector<int>& perm, GatherPlan& plan);
+void run_gather(const float* in, float* out, GatherPlan& plan);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit

@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "op_attr.h"
-#include "ops/int8/int8_common.h"
 #include "ops/common/op_checks.h"
+#include "ops/int8/int8_common.h"
 
 namespace kovra {
 namespace trenkit {
@@ -21,8 +21,9 @@ void parse_pool_attrs(const NodeDef& node, const char* op, Int8PoolAttrs& a) {
   require_int(node, "minValue", a.min_value, missing_message("minValue", op));
 }
 
-PoolGeometry int8_pool_geometry(const std::vector<const Tensor*>& inputs, const Int8PoolAttrs& a,
-                                const char* op, const std::string& rank_message) {
+void prepare_pool(const std::vector<const Tensor*>& inputs, const char* op, const char* rank_message,
+                  Int8PoolParam& param, std::vector<int>& shape) {
+  const Int8PoolAttrs& a = param.attrs;
   const Tensor* input = first_input(inputs, op);
   check_rank_4(input, rank_message);
   KOVRA_ENSURE_MSG(a.ksize.size() > 2, "op_param_->ksize.size() > 2",
@@ -62,7 +63,10 @@ PoolGeometry int8_pool_geometry(const std::vector<const Tensor*>& inputs, const 
   } else {
     KOVRA_ENSURE_MSG(false, "false", "Worng padding type.");
   }
-  return g;
+  param.input_shape = s;
+  param.geometry = g;
+  param.out_count = static_cast<long long>(g.n) * g.out_h * g.out_w * g.c;
+  shape = {g.n, g.out_h, g.out_w, g.c};
 }
 
 void apply_pad_value(float* y, const PoolGeometry& g, float pad_value) {

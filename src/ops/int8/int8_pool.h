@@ -27,13 +27,24 @@ struct Int8PoolAttrs {
 // Reads the window attributes; "ksize", "maxValue" and "minValue" are required.
 void parse_pool_attrs(const NodeDef& node, const char* op, Int8PoolAttrs& attrs);
 
+// The record of both int8 poolings: the attributes and what inference_shape
+// prepares from them.
+struct Int8PoolParam : BaseParam {
+  Int8PoolAttrs attrs;
+  std::vector<int> input_shape;
+  PoolGeometry geometry;
+  long long out_count = 0;
+};
+
 // Checks the input (4-D, `rank_message`) and the window lists, then sizes the
 // output as the float pooling operators do: "SAME" gives ceil(H / stride) with
 // the padding split as in TensorFlow; "VALID" uses the explicit pads, rounding
 // the window count down, or up with "ceil_mode" as in ONNX (dropping a last
-// window that would start in the bottom or right padding).
-PoolGeometry int8_pool_geometry(const std::vector<const Tensor*>& inputs, const Int8PoolAttrs& attrs,
-                                const char* op, const std::string& rank_message);
+// window that would start in the bottom or right padding). Fills the
+// geometry, the input shape and the output count into `param`; `shape`
+// receives the output shape.
+void prepare_pool(const std::vector<const Tensor*>& inputs, const char* op, const char* rank_message,
+                  Int8PoolParam& param, std::vector<int>& shape);
 
 // Windows reaching outside the input see `pad_value` in their padded cells.
 void apply_pad_value(float* y, const PoolGeometry& g, float pad_value);

@@ -17,9 +17,17 @@ struct Int8UnaryActivationParam : BaseParam {
   int min_value = 0;
   int input_offset = 0;
   int offset = 0;
+  // Prepared: the input shape and its channel count.
+  std::vector<int> input_shape;
+  int channels = 1;
 };
 
 void parse_unary_activation(const NodeDef& node, const char* op, Int8UnaryActivationParam& param);
+
+// inference_shape's part: checks the input and the per-channel scales and
+// records the shape; returns the output shape (the input's).
+const std::vector<int>& prepare_unary_activation(const std::vector<const Tensor*>& inputs, const char* op,
+                                                 Int8UnaryActivationParam& param);
 
 // y = (input_offset + x) * INPUTSCALE[c]; s = f(y) in double, narrowed to
 // float; q = clamp(round(s * OUTPUTSCALE[c]), minValue, maxValue); output

@@ -2,9 +2,9 @@
 #include <vector>
 
 #include "op_attr.h"
+#include "ops/common/op_checks.h"
 #include "ops/int8/int8_common.h"
 #include "ops/kernels/layout_kernels.h"
-#include "ops/common/op_checks.h"
 
 namespace kovra {
 namespace trenkit {
@@ -13,6 +13,7 @@ namespace kovraexecutor {
 struct Z40ChannelShuffleInt8Param : BaseParam {
   int groups = 1;
   std::vector<float> input_scale;
+  std::vector<int> input_shape;  // prepared
 };
 
 // Channel shuffle as in ShuffleNet / ONNX ChannelShuffle: the C channels,
@@ -30,20 +31,19 @@ class Z40ChannelShuffleInt8OpExecutor : public ParamOpExecutor<Z40ChannelShuffle
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     const Tensor* input = first_input(inputs, kName);
     check_rank_4(input, "Wrong input_shape in channel shuffle!!!");
-    shape = input->shape();
-  }
-
-  bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    const Tensor* input = first_input(inputs, kName);
-    check_rank_4(input, "Wrong input_shape in channel shuffle!!!");
-    check_float(input, kName);
     const int channels = input->shape()[3];
     const int groups = op_param_.groups;
     KOVRA_ENSURE_MSG(groups > 0 && channels % groups == 0, "channels % groups == 0",
                      std::string(kName) + ": " + std::to_string(channels) + " channels in " +
                          std::to_string(groups) + " groups");
-    channel_shuffle_f32(input->data<float>(), output->mutable_data<float>(), input->shape(),
-                        groups);
+    op_param_.input_shape = input->shape();
+    shape = input->shape();
+  }
+
+  bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
+    const std::vector<int>& shape = op_param_.input_shape;
+    const Tensor* input = prepared_input(inputs, shape, output, shape_count(shape), kName);
+    channel_shuffle_f32(input->data<float>(), output->mutable_data<float>(), shape, op_param_.groups);
     return true;
   }
 

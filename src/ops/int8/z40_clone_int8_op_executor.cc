@@ -1,27 +1,40 @@
+#include <cstring>
 #include <vector>
 
-#include "ops/int8/int8_common.h"
 #include "ops/common/op_checks.h"
+#include "ops/int8/int8_common.h"
 
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-struct Z40CloneInt8Param : BaseParam {};
+struct Z40CloneInt8Param : BaseParam {
+  // Prepared: the input's shape and element count.
+  std::vector<int> input_shape;
+  long long count = 0;
+};
 
 // A second reference to a 4-D activation: the codes unchanged.
-class Z40CloneInt8OpExecutor : public OpExecutor {
+class Z40CloneInt8OpExecutor : public ParamOpExecutor<Z40CloneInt8Param> {
  public:
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
-    const Tensor* input = first_input(inputs, "Z40CloneInt8");
+    const Tensor* input = first_input(inputs, kName);
     check_rank_4(input, "Wrong input shape in Z40CloneInt8!!!");
+    op_param_.input_shape = input->shape();
+    op_param_.count = input->size();
     shape = input->shape();
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    copy_codes(first_input(inputs, "Z40CloneInt8"), output, "Z40CloneInt8");
+    const Tensor* input = prepared_input(inputs, op_param_.input_shape, output, op_param_.count, kName);
+    if (op_param_.count > 0) {
+      std::memcpy(output->mutable_data<float>(), input->data<float>(), sizeof(float) * op_param_.count);
+    }
     return true;
   }
+
+ private:
+  static constexpr const char* kName = "Z40CloneInt8";
 };
 
 }  // namespace kovraexecutor

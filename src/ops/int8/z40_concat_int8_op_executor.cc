@@ -3,9 +3,8 @@
 
 #include "kvdl.h"
 #include "op_attr.h"
-#include "ops/int8/int8_common.h"
-#include "ops/kernels/layout_kernels.h"
 #include "ops/common/op_checks.h"
+#include "ops/int8/int8_common.h"
 
 namespace kovra {
 namespace trenkit {
@@ -21,11 +20,18 @@ struct Z40ConcatInt8Param : BaseParam {
   int input_offset = 0;
   std::vector<float> qscale;    // one per input
   std::vector<float> deqscale;  // one per input
+
+  // Prepared: every input's shape, and the output seen as `outer` rows in
+  // which input k contributes `chunk[k]` consecutive codes.
+  std::vector<std::vector<int>> input_shapes;
+  std::vector<long long> chunk;
+  long long outer = 0;
+  long long out_count = 0;
 };
 
 // Concatenation of codes with different scales: input k is brought to the
 // output scale, q = clamp(round((input_offset + x) * DEQSCALE[k] * QSCALE[k]),
-// minValue, maxValue) + offset, then the inputs are joined along "axis".
+// minValue, maxValue) + offset, and written straight to its place along "axis".
 class Z40ConcatInt8OpExecutor : public ParamOpExecutor<Z40ConcatInt8Param> {
  public:
   void parse_parameter(const NodeDef& node) override {
@@ -41,59 +47,18 @@ class Z40ConcatInt8OpExecutor : public ParamOpExecutor<Z40ConcatInt8Param> {
     require_float_list(node, "DEQSCALE", p.deqscale, missing_message("DEQSCALE", kName));
   }
 
-  void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
-    int axis = 0;
-    shape = output_shape(inputs, &axis);
-  }
-
-  bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    int axis = 0;
-    const std::vector<int> out_shape = output_shape(inputs, &axis);
-    KOVRA_ENSURE_MSG(out_shape.size() > 3, "output_shape.size() > 3", "Wrong output shape in concat.");
-    check_attr_size(op_param_.qscale.size(), inputs.size(), "QSCALE", kName);
-    check_attr_size(op_param_.deqscale.size(), inputs.size(), "DEQSCALE", kName);
-    long long total = 0;
-    for (const Tensor* t : inputs) {
-      check_float(t, kName);
-      total += t->size();
-    }
-    check_min_size(output, total, kName);
-
-    const float in_off = static_cast<float>(op_param_.input_offset);
-    const float lo = static_cast<float>(op_param_.min_value);
-    const float hi = static_cast<float>(op_param_.max_value);
-    const float offset = static_cast<float>(op_param_.offset);
-    std::vector<std::vector<float>> requantized(inputs.size());
-    std::vector<const float*> parts;
-    std::vector<int> axis_sizes;
-    for (size_t k = 0; k < inputs.size(); ++k) {
-      const float* x = inputs[k]->data<float>();
-      std::vector<float>& r = requantized[k];
-      r.resize(inputs[k]->size());
-      for (size_t i = 0; i < r.size(); ++i) {
-        const float q =
-            kvdl::tensorflow_round_cpu((in_off + x[i]) * op_param_.deqscale[k] * op_param_.qscale[k]);
-        r[i] = clamp_then_offset(q, lo, hi, offset);
-      }
-      parts.push_back(r.data());
-      axis_sizes.push_back(inputs[k]->shape()[axis]);
-    }
-    concat_f32(parts, axis_sizes, output->mutable_data<float>(), out_shape, axis);
-    return true;
-  }
-
- private:
   // Every input has the first one's rank and sizes except along the axis.
-  std::vector<int> output_shape(const std::vector<const Tensor*>& inputs, int* axis_out) const {
+  void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
+    Z40ConcatInt8Param& p = op_param_;
     KOVRA_ENSURE_MSG(inputs.size() > 1, "inputs.size() > 1",
                      "Z40ConcatInt8 operator inputs must greater than 1.");
     check_input_not_scalar(inputs[0], kName);
-    std::vector<int> shape = inputs[0]->shape();
+    shape = inputs[0]->shape();
     const int rank = static_cast<int>(shape.size());
-    const int axis = op_param_.axis < 0 ? op_param_.axis + rank : op_param_.axis;
-    KOVRA_ENSURE_MSG(axis >= 0 && axis < rank, "0 <= axis < rank",
-                     std::string(kName) + ": axis " + std::to_string(op_param_.axis) + " for rank " +
-                         std::to_string(rank));
+    const int axis = p.axis < 0 ? p.axis + rank : p.axis;
+    KOVRA_ENSURE_MSG(
+        axis >= 0 && axis < rank, "0 <= axis < rank",
+        std::string(kName) + ": axis " + std::to_string(p.axis) + " for rank " + std::to_string(rank));
     for (size_t k = 1; k < inputs.size(); ++k) {
       const std::vector<int>& s = inputs[k]->shape();
       bool match = static_cast<int>(s.size()) == rank;
@@ -103,10 +68,56 @@ class Z40ConcatInt8OpExecutor : public ParamOpExecutor<Z40ConcatInt8Param> {
                            " differs from input 0 off the concatenation axis");
       shape[axis] += s[axis];
     }
-    *axis_out = axis;
-    return shape;
+    KOVRA_ENSURE_MSG(shape.size() > 3, "output_shape.size() > 3", "Wrong output shape in concat.");
+    check_attr_size(p.qscale.size(), inputs.size(), "QSCALE", kName);
+    check_attr_size(p.deqscale.size(), inputs.size(), "DEQSCALE", kName);
+
+    long long inner = 1;
+    for (int d = axis + 1; d < rank; ++d) inner *= shape[d];
+    p.outer = 1;
+    for (int d = 0; d < axis; ++d) p.outer *= shape[d];
+    p.input_shapes.resize(inputs.size());
+    p.chunk.resize(inputs.size());
+    for (size_t k = 0; k < inputs.size(); ++k) {
+      p.input_shapes[k] = inputs[k]->shape();
+      p.chunk[k] = inputs[k]->shape()[axis] * inner;
+    }
+    p.out_count = shape_count(shape);
   }
 
+  bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
+    const Z40ConcatInt8Param& p = op_param_;
+    KOVRA_ENSURE_MSG(inputs.size() > 1, "inputs.size() > 1",
+                     "Z40ConcatInt8 operator inputs must greater than 1.");
+    KOVRA_ENSURE_MSG(inputs.size() == p.input_shapes.size(), "inputs.size() == prepared inputs",
+                     std::string(kName) + ": " + std::to_string(inputs.size()) + " inputs but prepared for " +
+                         std::to_string(p.input_shapes.size()));
+    for (size_t k = 0; k < inputs.size(); ++k) {
+      check_prepared(inputs[k], p.input_shapes[k], kName);
+      check_float(inputs[k], kName);
+    }
+    check_min_size(output, p.out_count, kName);
+
+    const float in_off = static_cast<float>(p.input_offset);
+    const float lo = static_cast<float>(p.min_value);
+    const float hi = static_cast<float>(p.max_value);
+    const float offset = static_cast<float>(p.offset);
+    float* dst = output->mutable_data<float>();
+    for (long long o = 0; o < p.outer; ++o) {
+      for (size_t k = 0; k < inputs.size(); ++k) {
+        const long long chunk = p.chunk[k];
+        const float* x = inputs[k]->data<float>() + o * chunk;
+        const float deq = p.deqscale[k], q = p.qscale[k];
+        for (long long i = 0; i < chunk; ++i) {
+          dst[i] = clamp_then_offset(kvdl::tensorflow_round_cpu((in_off + x[i]) * deq * q), lo, hi, offset);
+        }
+        dst += chunk;
+      }
+    }
+    return true;
+  }
+
+ private:
   static constexpr const char* kName = "Z40ConcatInt8";
 };
 

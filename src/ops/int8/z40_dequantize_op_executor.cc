@@ -1,10 +1,9 @@
-#include <string>
 #include <vector>
 
 #include "op_attr.h"
+#include "ops/common/op_checks.h"
 #include "ops/int8/int8_common.h"
 #include "ops/kernels/int8_eltwise_kernels.h"
-#include "ops/common/op_checks.h"
 
 namespace kovra {
 namespace trenkit {
@@ -13,6 +12,9 @@ namespace kovraexecutor {
 struct Z40DequantizeParam : BaseParam {
   std::vector<float> qscale;
   int offset = 0;
+  // Prepared: the input shape and its channel count.
+  std::vector<int> input_shape;
+  int channels = 1;
 };
 
 // Codes to real values: (offset + q) * QSCALE[c]; the model stores the
@@ -27,16 +29,17 @@ class Z40DequantizeOpExecutor : public ParamOpExecutor<Z40DequantizeParam> {
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     const Tensor* input = first_input(inputs, kName);
     check_rank_3_to_5(input, kName);
+    const int channels = channel_count(input);
+    check_per_channel(op_param_.qscale, channels, "QSCALE", kName);
+    op_param_.input_shape = input->shape();
+    op_param_.channels = channels;
     shape = input->shape();
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    const Tensor* input = first_input(inputs, kName);
-    check_rank_3_to_5(input, kName);
-    check_float(input, kName);
-    const int channels = channel_count(input);
-    check_per_channel(op_param_.qscale, channels, "QSCALE", kName);
-    dequantize_f32(input->data<float>(), output->mutable_data<float>(), input->size(), channels,
+    const Tensor* input =
+        prepared_input(inputs, op_param_.input_shape, output, shape_count(op_param_.input_shape), kName);
+    dequantize_f32(input->data<float>(), output->mutable_data<float>(), input->size(), op_param_.channels,
                    op_param_.qscale.data(), static_cast<float>(op_param_.offset));
     return true;
   }

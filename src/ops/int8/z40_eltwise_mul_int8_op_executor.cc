@@ -4,8 +4,8 @@
 #include "common.h"
 #include "kvdl.h"
 #include "op_attr.h"
-#include "ops/int8/int8_common.h"
 #include "ops/common/op_checks.h"
+#include "ops/int8/int8_common.h"
 
 namespace kovra {
 namespace trenkit {
@@ -19,6 +19,9 @@ struct Z40EltwiseMulInt8Param : BaseParam {
   int max_value = 0;
   int min_value = 0;
   int output_bitwidth = 8;
+  // Prepared: the input shapes and the channel count.
+  std::vector<int> input0_shape, input1_shape;
+  int channels = 1;
 };
 
 // Product of two int8 tensors: q = round((off1 + x1) * (off0 + x0) * O[c] + offset),
@@ -39,6 +42,11 @@ class Z40EltwiseMulInt8OpExecutor : public ParamOpExecutor<Z40EltwiseMulInt8Para
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     check_inputs(inputs);
+    const int channels = channel_count(inputs[0]);
+    check_per_channel(op_param_.output_scale, channels, "OUTPUTSCALE", kName);
+    op_param_.input0_shape = inputs[0]->shape();
+    op_param_.input1_shape = inputs[1]->shape();
+    op_param_.channels = channels;
     shape = inputs[0]->shape();
   }
 
@@ -46,10 +54,13 @@ class Z40EltwiseMulInt8OpExecutor : public ParamOpExecutor<Z40EltwiseMulInt8Para
     check_inputs(inputs);
     const Tensor* in0 = inputs[0];
     const Tensor* in1 = inputs[1];
+    check_prepared(in0, op_param_.input0_shape, kName);
+    check_prepared(in1, op_param_.input1_shape, kName);
     check_float(in0, kName);
     check_float(in1, kName);
-    const int channels = channel_count(in0);
-    check_per_channel(op_param_.output_scale, channels, "OUTPUTSCALE", kName);
+    check_min_size(in1, 1, kName);  // it repeats, so one value is enough
+    check_min_size(output, in0->size(), kName);
+    const int channels = op_param_.channels;
     const float off0 = static_cast<float>(op_param_.input0_offset);
     const float off1 = static_cast<float>(op_param_.input1_offset);
     const float offset = static_cast<float>(op_param_.offset);

@@ -1,8 +1,7 @@
-#include <string>
 #include <vector>
 
-#include "ops/int8/int8_binary_requant.h"
 #include "ops/common/op_checks.h"
+#include "ops/int8/int8_binary_requant.h"
 
 namespace kovra {
 namespace trenkit {
@@ -17,8 +16,7 @@ class Z40EltwiseSubInt8OpExecutor : public ParamOpExecutor<Z40EltwiseSubInt8Para
   void parse_parameter(const NodeDef& node) override { parse_binary_requant(node, kName, false, op_param_); }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
-    check_input_count(inputs, 2, kName);
-    check_input_not_scalar(inputs[0], kName);
+    prepare_binary_requant(inputs, kName, true, true, op_param_);
     shape = inputs[0]->shape();
   }
 

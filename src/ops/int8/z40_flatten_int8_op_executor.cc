@@ -1,29 +1,41 @@
+#include <cstring>
 #include <vector>
 
-#include "ops/int8/int8_common.h"
 #include "ops/common/op_checks.h"
+#include "ops/int8/int8_common.h"
 
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-struct Z40FlattenInt8Param : BaseParam {};
+struct Z40FlattenInt8Param : BaseParam {
+  // Prepared: the input's shape and element count.
+  std::vector<int> input_shape;
+  long long count = 0;
+};
 
-// Flatten changes the shape only.
-class Z40FlattenInt8OpExecutor : public OpExecutor {
+// Flatten changes the shape only: [N, everything else], the codes in their order.
+class Z40FlattenInt8OpExecutor : public ParamOpExecutor<Z40FlattenInt8Param> {
  public:
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
-    const Tensor* input = first_input(inputs, "Z40FlattenInt8");
-    // [N, everything else]; the codes keep their order.
+    const Tensor* input = first_input(inputs, kName);
+    op_param_.input_shape = input->shape();
+    op_param_.count = input->size();
     int rest = 1;
     for (size_t d = 1; d < input->shape().size(); ++d) rest *= input->shape()[d];
     shape = {input->shape()[0], rest};
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    copy_codes(first_input(inputs, "Z40FlattenInt8"), output, "Z40FlattenInt8");
+    const Tensor* input = prepared_input(inputs, op_param_.input_shape, output, op_param_.count, kName);
+    if (op_param_.count > 0) {
+      std::memcpy(output->mutable_data<float>(), input->data<float>(), sizeof(float) * op_param_.count);
+    }
     return true;
   }
+
+ private:
+  static constexpr const char* kName = "Z40FlattenInt8";
 };
 
 }  // namespace kovraexecutor

@@ -3,8 +3,8 @@
 
 #include "kvdl.h"
 #include "op_attr.h"
-#include "ops/int8/int8_common.h"
 #include "ops/common/op_checks.h"
+#include "ops/int8/int8_common.h"
 
 namespace kovra {
 namespace trenkit {
@@ -16,6 +16,11 @@ struct Z40GlobalAvgPoolInt8Param : BaseParam {
   int max_value = 0;
   int min_value = 0;
   int output_bitwidth = 8;
+  // Prepared: the input shape, its batch, channels and spatial positions, and
+  // the per-channel sums of one image.
+  std::vector<int> input_shape;
+  int batch = 0, channels = 0, spatial = 0;
+  std::vector<float> sum;
 };
 
 // Sum over all spatial positions per channel, in float and in memory order;
@@ -33,32 +38,36 @@ class Z40GlobalAvgPoolInt8OpExecutor : public ParamOpExecutor<Z40GlobalAvgPoolIn
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
+    Z40GlobalAvgPoolInt8Param& p = op_param_;
     const Tensor* input = checked_input(inputs);
-    shape = {input->shape()[0], 1, 1, input->shape().back()};
+    p.batch = input->shape()[0];
+    p.channels = input->shape().back();
+    check_per_channel(p.pool_scale, p.channels, "POOLSCALE", kName);
+    p.spatial = p.batch > 0 && p.channels > 0 ? input->size() / (p.batch * p.channels) : 0;
+    p.input_shape = input->shape();
+    p.sum.assign(p.channels > 0 ? p.channels : 0, 0.0f);
+    shape = {p.batch, 1, 1, p.channels};
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    const Tensor* input = checked_input(inputs);
-    check_float(input, kName);
-    const int batch = input->shape()[0];
-    const int channels = input->shape().back();
-    check_per_channel(op_param_.pool_scale, channels, "POOLSCALE", kName);
-    check_min_size(output, static_cast<long long>(batch) * channels, kName);
-    const int spatial = batch > 0 && channels > 0 ? input->size() / (batch * channels) : 0;
-    const float lo = static_cast<float>(op_param_.min_value);
-    const float hi = static_cast<float>(op_param_.max_value);
+    Z40GlobalAvgPoolInt8Param& p = op_param_;
+    const int batch = p.batch, channels = p.channels, spatial = p.spatial;
+    const Tensor* input =
+        prepared_input(inputs, p.input_shape, output, static_cast<long long>(batch) * channels, kName);
+    const float lo = static_cast<float>(p.min_value);
+    const float hi = static_cast<float>(p.max_value);
     const float* x = input->data<float>();
     float* y = output->mutable_data<float>();
-    std::vector<float> sum(channels);
+    float* sum = p.sum.data();
     for (int n = 0; n < batch; ++n) {
-      std::fill(sum.begin(), sum.end(), 0.0f);
+      std::fill(sum, sum + channels, 0.0f);
       const float* image = x + static_cast<long>(n) * spatial * channels;
-      for (int p = 0; p < spatial; ++p) {
-        for (int c = 0; c < channels; ++c) sum[c] += image[static_cast<long>(p) * channels + c];
+      for (int q = 0; q < spatial; ++q) {
+        for (int c = 0; c < channels; ++c) sum[c] += image[static_cast<long>(q) * channels + c];
       }
       for (int c = 0; c < channels; ++c) {
-        const float q = kvdl::tensorflow_round_cpu(sum[c] * op_param_.pool_scale[c]);
-        y[static_cast<long>(n) * channels + c] = clamp_code(q, lo, hi);
+        y[static_cast<long>(n) * channels + c] =
+            clamp_code(kvdl::tensorflow_round_cpu(sum[c] * p.pool_scale[c]), lo, hi);
       }
     }
     return true;

@@ -2,17 +2,16 @@
 #include <vector>
 
 #include "op_attr.h"
+#include "ops/common/op_checks.h"
 #include "ops/int8/int8_common.h"
 #include "ops/int8/int8_pool.h"
-#include "ops/common/op_checks.h"
 #include "ops/kernels/pool_kernels.h"
 
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-struct Z40MaxPoolInt8Param : BaseParam {
-  Int8PoolAttrs attrs;
+struct Z40MaxPoolInt8Param : Int8PoolParam {
   // Without "padValue" padded cells never win, as in the float max pooling.
   float pad_value = std::numeric_limits<float>::lowest();
 };
@@ -28,28 +27,21 @@ class Z40MaxPoolInt8OpExecutor : public ParamOpExecutor<Z40MaxPoolInt8Param> {
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
-    const PoolGeometry g = geometry(inputs);
-    shape = {g.n, g.out_h, g.out_w, g.c};
+    prepare_pool(inputs, kName, "Wrong input shape in Z40MaxPoolInt8!!!", op_param_, shape);
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    const PoolGeometry g = geometry(inputs);
-    check_float(inputs[0], kName);
-    const long long count = static_cast<long long>(g.n) * g.out_h * g.out_w * g.c;
-    check_min_size(output, count, kName);
+    const Tensor* input = prepared_input(inputs, op_param_.input_shape, output, op_param_.out_count, kName);
+    const PoolGeometry& g = op_param_.geometry;
     float* y = output->mutable_data<float>();
-    max_pool_f32(inputs[0]->data<float>(), y, g);
+    max_pool_f32(input->data<float>(), y, g);
     apply_pad_value(y, g, op_param_.pad_value);
-    round_and_clamp(y, count, static_cast<float>(op_param_.attrs.min_value),
+    round_and_clamp(y, op_param_.out_count, static_cast<float>(op_param_.attrs.min_value),
                     static_cast<float>(op_param_.attrs.max_value));
     return true;
   }
 
  private:
-  PoolGeometry geometry(const std::vector<const Tensor*>& inputs) const {
-    return int8_pool_geometry(inputs, op_param_.attrs, kName, "Wrong input shape in Z40MaxPoolInt8!!!");
-  }
-
   static constexpr const char* kName = "Z40MaxPoolInt8";
 };
 

@@ -1,10 +1,9 @@
-#include <string>
 #include <vector>
 
 #include "op_attr.h"
+#include "ops/common/op_checks.h"
 #include "ops/int8/int8_common.h"
 #include "ops/kernels/int8_eltwise_kernels.h"
-#include "ops/common/op_checks.h"
 
 namespace kovra {
 namespace trenkit {
@@ -17,6 +16,9 @@ struct Z40QuantizeParam : BaseParam {
   int offset = 0;
   int input_bitwidth = 32;
   int output_bitwidth = 8;
+  // Prepared: the input shape and its channel count.
+  std::vector<int> input_shape;
+  int channels = 1;
 };
 
 // Real values to codes: q = clamp(round(QSCALE[c] * x), minValue, maxValue),
@@ -35,16 +37,17 @@ class Z40QuantizeOpExecutor : public ParamOpExecutor<Z40QuantizeParam> {
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     const Tensor* input = first_input(inputs, kName);
     check_rank_3_to_5(input, kName);
+    const int channels = channel_count(input);
+    check_per_channel(op_param_.qscale, channels, "QSCALE", kName);
+    op_param_.input_shape = input->shape();
+    op_param_.channels = channels;
     shape = input->shape();
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    const Tensor* input = first_input(inputs, kName);
-    check_rank_3_to_5(input, kName);
-    check_float(input, kName);
-    const int channels = channel_count(input);
-    check_per_channel(op_param_.qscale, channels, "QSCALE", kName);
-    quantize_f32(input->data<float>(), output->mutable_data<float>(), input->size(), channels,
+    const Tensor* input =
+        prepared_input(inputs, op_param_.input_shape, output, shape_count(op_param_.input_shape), kName);
+    quantize_f32(input->data<float>(), output->mutable_data<float>(), input->size(), op_param_.channels,
                  op_param_.qscale.data(), static_cast<float>(op_param_.min_value),
                  static_cast<float>(op_param_.max_value), static_cast<float>(op_param_.offset));
     return true;

@@ -1,9 +1,9 @@
 #include <vector>
 
 #include "op_attr.h"
+#include "ops/common/op_checks.h"
 #include "ops/int8/int8_common.h"
 #include "ops/int8/int8_resize.h"
-#include "ops/common/op_checks.h"
 #include "ops/kernels/resize_kernels.h"
 
 namespace kovra {
@@ -16,6 +16,7 @@ struct Z40ResizeBilinearInt8Param : BaseParam {
   int max_value = 0;
   int min_value = 0;
   int offset = 0;
+  Int8ResizePlan plan;  // prepared
 };
 
 // The float bilinear resize of the codes, rounded half to even and clamped to
@@ -32,29 +33,23 @@ class Z40ResizeBilinearInt8OpExecutor : public ParamOpExecutor<Z40ResizeBilinear
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
-    const ResizeGeometry g = geometry(inputs);
-    shape = {g.n, g.out_h, g.out_w, g.c};
+    const ResizeGeometry g = int8_resize_geometry(inputs, op_param_.wh_scale, kName,
+                                                  "Wrong input shape in Z40ResizeBilinearInt8!!!");
+    plan_resize(inputs[0], g, true, op_param_.align_corners, op_param_.plan, shape);
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    const ResizeGeometry g = geometry(inputs);
-    check_float(inputs[0], kName);
-    const long long count = static_cast<long long>(g.n) * g.out_h * g.out_w * g.c;
-    check_min_size(output, count, kName);
+    const Int8ResizePlan& plan = op_param_.plan;
+    const Tensor* input = prepared_input(inputs, plan.input_shape, output, plan.out_count, kName);
     float* y = output->mutable_data<float>();
-    resize_bilinear_f32(inputs[0]->data<float>(), y, g, op_param_.align_corners);
+    resize_bilinear_f32(input->data<float>(), y, plan.geometry, plan.row_taps.data(), plan.col_taps.data());
     const float lo = static_cast<float>(static_cast<long long>(op_param_.min_value) + op_param_.offset);
     const float hi = static_cast<float>(static_cast<long long>(op_param_.max_value) + op_param_.offset);
-    round_and_clamp(y, count, lo, hi);
+    round_and_clamp(y, plan.out_count, lo, hi);
     return true;
   }
 
  private:
-  ResizeGeometry geometry(const std::vector<const Tensor*>& inputs) const {
-    return int8_resize_geometry(inputs, op_param_.wh_scale, kName,
-                                "Wrong input shape in Z40ResizeBilinearInt8!!!");
-  }
-
   static constexpr const char* kName = "Z40ResizeBilinearInt8";
 };
 

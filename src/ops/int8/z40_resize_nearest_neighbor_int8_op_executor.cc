@@ -2,9 +2,9 @@
 #include <vector>
 
 #include "op_attr.h"
+#include "ops/common/op_checks.h"
 #include "ops/int8/int8_common.h"
 #include "ops/int8/int8_resize.h"
-#include "ops/common/op_checks.h"
 #include "ops/kernels/resize_kernels.h"
 
 namespace kovra {
@@ -14,6 +14,7 @@ namespace kovraexecutor {
 struct Z40ResizeNearestNeighborInt8Param : BaseParam {
   float wh_scale = 1.0f;
   std::string mode = "nearest";
+  Int8ResizePlan plan;  // prepared
 };
 
 // Nearest-neighbour resize as the float operator does it; codes are copied,
@@ -26,24 +27,20 @@ class Z40ResizeNearestNeighborInt8OpExecutor : public ParamOpExecutor<Z40ResizeN
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
-    const ResizeGeometry g = geometry(inputs);
-    shape = {g.n, g.out_h, g.out_w, g.c};
+    const ResizeGeometry g = int8_resize_geometry(inputs, op_param_.wh_scale, kName,
+                                                  "Wrong input shape in Z40ResizeNearestNeighborInt8!!!");
+    plan_resize(inputs[0], g, false, false, op_param_.plan, shape);
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    const ResizeGeometry g = geometry(inputs);
-    check_float(inputs[0], kName);
-    check_min_size(output, static_cast<long long>(g.n) * g.out_h * g.out_w * g.c, kName);
-    resize_nearest_f32(inputs[0]->data<float>(), output->mutable_data<float>(), g);
+    const Int8ResizePlan& plan = op_param_.plan;
+    const Tensor* input = prepared_input(inputs, plan.input_shape, output, plan.out_count, kName);
+    resize_nearest_f32(input->data<float>(), output->mutable_data<float>(), plan.geometry, plan.rows.data(),
+                       plan.cols.data());
     return true;
   }
 
  private:
-  ResizeGeometry geometry(const std::vector<const Tensor*>& inputs) const {
-    return int8_resize_geometry(inputs, op_param_.wh_scale, kName,
-                                "Wrong input shape in Z40ResizeNearestNeighborInt8!!!");
-  }
-
   static constexpr const char* kName = "Z40ResizeNearestNeighborInt8";
 };
 

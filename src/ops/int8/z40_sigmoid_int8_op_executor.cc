@@ -12,9 +12,7 @@ struct Z40SigmoidInt8Param : Int8UnaryActivationParam {};
 
 namespace {
 // Logistic function of the real value, with the firmware's e^x.
-double sigmoid_of(double y) {
-  return 1.0 / (kvdl::Exp(-y) + 1.0);
-}
+double sigmoid_of(double y) { return 1.0 / (kvdl::Exp(-y) + 1.0); }
 }  // namespace
 
 class Z40SigmoidInt8OpExecutor : public ParamOpExecutor<Z40SigmoidInt8Param> {
@@ -22,7 +20,7 @@ class Z40SigmoidInt8OpExecutor : public ParamOpExecutor<Z40SigmoidInt8Param> {
   void parse_parameter(const NodeDef& node) override { parse_unary_activation(node, kName, op_param_); }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
-    shape = first_input(inputs, kName)->shape();
+    shape = prepare_unary_activation(inputs, kName, op_param_);
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {

@@ -3,9 +3,9 @@
 #include <vector>
 
 #include "op_attr.h"
+#include "ops/common/op_checks.h"
 #include "ops/int8/int8_common.h"
 #include "ops/kernels/layout_kernels.h"
-#include "ops/common/op_checks.h"
 
 namespace kovra {
 namespace trenkit {
@@ -16,6 +16,9 @@ struct Z40SliceInt8Param : BaseParam {
   int axis = 0;
   std::vector<int> output_shape;
   std::vector<int> starts, ends, axes, steps;
+  // Prepared: the input shape and the strided gather of the window.
+  std::vector<int> input_shape;
+  GatherPlan plan;
 };
 
 // Strided slice of 4-D or 5-D codes with ONNX Slice semantics: negative
@@ -35,16 +38,24 @@ class Z40SliceInt8OpExecutor : public ParamOpExecutor<Z40SliceInt8Param> {
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
-    shape = window(inputs).out_shape;
+    const SliceWindow w = window(inputs);
+    const std::vector<int>& in_shape = inputs[0]->shape();
+    const std::vector<long long> in_stride = row_major_strides(in_shape);
+    std::vector<long long> stride(in_shape.size());
+    long long base = 0;
+    for (size_t a = 0; a < in_shape.size(); ++a) {
+      base += w.starts[a] * in_stride[a];
+      stride[a] = static_cast<long long>(w.steps[a]) * in_stride[a];
+    }
+    plan_gather(w.out_shape, stride, base, op_param_.plan);
+    op_param_.input_shape = in_shape;
+    shape = w.out_shape;
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    const SliceWindow w = window(inputs);
-    check_float(inputs[0], kName);
-    long long count = 1;
-    for (int d : w.out_shape) count *= d;
-    check_min_size(output, count, kName);
-    slice_f32(inputs[0]->data<float>(), inputs[0]->shape(), w, output->mutable_data<float>());
+    GatherPlan& plan = op_param_.plan;
+    const Tensor* input = prepared_input(inputs, op_param_.input_shape, output, plan.count, kName);
+    run_gather(input->data<float>(), output->mutable_data<float>(), plan);
     return true;
   }
 

@@ -2,9 +2,9 @@
 #include <vector>
 
 #include "op_attr.h"
+#include "ops/common/op_checks.h"
 #include "ops/int8/int8_common.h"
 #include "ops/kernels/layout_kernels.h"
-#include "ops/common/op_checks.h"
 
 namespace kovra {
 namespace trenkit {
@@ -12,6 +12,9 @@ namespace kovraexecutor {
 
 struct Z40SpaceToDepthInt8Param : BaseParam {
   std::vector<int> output_shape;
+  // Prepared: the input shape and the block.
+  std::vector<int> input_shape;
+  int block = 1;
 };
 
 // Space-to-depth of [N, H, W, C] codes as the float operator lays it out; the
@@ -26,15 +29,15 @@ class Z40SpaceToDepthInt8OpExecutor : public ParamOpExecutor<Z40SpaceToDepthInt8
     const Tensor* input = first_input(inputs, kName);
     const int block = block_size(input);
     const std::vector<int>& s = input->shape();
+    op_param_.input_shape = s;
+    op_param_.block = block;
     shape = {s[0], s[1] / block, s[2] / block, s[3] * block * block};
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    const Tensor* input = first_input(inputs, kName);
-    const int block = block_size(input);
-    check_float(input, kName);
-    check_min_size(output, input->size(), kName);
-    space_to_depth_f32(input->data<float>(), output->mutable_data<float>(), input->shape(), block);
+    const std::vector<int>& shape = op_param_.input_shape;
+    const Tensor* input = prepared_input(inputs, shape, output, shape_count(shape), kName);
+    space_to_depth_f32(input->data<float>(), output->mutable_data<float>(), shape, op_param_.block);
     return true;
   }
 

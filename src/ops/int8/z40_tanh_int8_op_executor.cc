@@ -13,9 +13,7 @@ struct Z40TanhInt8Param : Int8UnaryActivationParam {};
 namespace {
 // Hyperbolic tangent of the real value as 2 / (e^-2y + 1) - 1, with the
 // firmware's e^x.
-double tanh_of(double y) {
-  return 2.0 / (kvdl::Exp(-2.0 * y) + 1.0) - 1.0;
-}
+double tanh_of(double y) { return 2.0 / (kvdl::Exp(-2.0 * y) + 1.0) - 1.0; }
 }  // namespace
 
 class Z40TanhInt8OpExecutor : public ParamOpExecutor<Z40TanhInt8Param> {
@@ -23,7 +21,7 @@ class Z40TanhInt8OpExecutor : public ParamOpExecutor<Z40TanhInt8Param> {
   void parse_parameter(const NodeDef& node) override { parse_unary_activation(node, kName, op_param_); }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
-    shape = first_input(inputs, kName)->shape();
+    shape = prepare_unary_activation(inputs, kName, op_param_);
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {

@@ -3,8 +3,9 @@
 
 #include "kvdl.h"
 #include "op_attr.h"
-#include "ops/int8/int8_common.h"
 #include "ops/common/op_checks.h"
+#include "ops/int8/int8_common.h"
+#include "ops/int8/int8_resize.h"
 #include "ops/kernels/resize_kernels.h"
 
 namespace kovra {
@@ -13,6 +14,7 @@ namespace kovraexecutor {
 
 struct Z40Unpool2DInt8Param : BaseParam {
   std::vector<int> kernel_size;  // [kernel_h, kernel_w]
+  Int8ResizePlan plan;           // prepared
 };
 
 // Nearest unpooling as the float operator does it: each code repeated over a
@@ -25,14 +27,14 @@ class Z40Unpool2DInt8OpExecutor : public ParamOpExecutor<Z40Unpool2DInt8Param> {
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     const ResizeGeometry g = geometry(inputs);
-    shape = {g.n, g.out_h, g.out_w, g.c};
+    plan_resize(inputs[0], g, false, false, op_param_.plan, shape);
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    const ResizeGeometry g = geometry(inputs);
-    check_float(inputs[0], kName);
-    check_min_size(output, static_cast<long long>(g.n) * g.out_h * g.out_w * g.c, kName);
-    resize_nearest_f32(inputs[0]->data<float>(), output->mutable_data<float>(), g);
+    const Int8ResizePlan& plan = op_param_.plan;
+    const Tensor* input = prepared_input(inputs, plan.input_shape, output, plan.out_count, kName);
+    resize_nearest_f32(input->data<float>(), output->mutable_data<float>(), plan.geometry, plan.rows.data(),
+                       plan.cols.data());
     return true;
   }
 

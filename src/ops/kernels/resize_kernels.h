@@ -26,6 +26,11 @@ std::vector<LinearTap> bilinear_taps(int in, int out, bool align_corners);
 
 void resize_nearest_f32(const float* in, float* out, const ResizeGeometry& g);
 void resize_bilinear_f32(const float* in, float* out, const ResizeGeometry& g, bool align_corners);
+// The same with the per-axis tables computed beforehand (sy: out_h rows, sx:
+// out_w columns), so a caller that prepares them once allocates nothing here.
+void resize_nearest_f32(const float* in, float* out, const ResizeGeometry& g, const int* sy, const int* sx);
+void resize_bilinear_f32(const float* in, float* out, const ResizeGeometry& g, const LinearTap* ty,
+                         const LinearTap* tx);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit
