@@ -4,6 +4,7 @@
 
 #include "graph.h"
 #include "graph_executor.h"
+#include "graph_executor_access.h"
 #include "support/test_ops.h"
 #include "support/test_util.h"
 
@@ -14,6 +15,7 @@ using kovra::trenkit::kovraexecutor::CPU;
 using kovra::trenkit::kovraexecutor::DEVICE;
 using kovra::trenkit::kovraexecutor::GPU;
 using kovra::trenkit::kovraexecutor::GraphExecutor;
+using kovra::trenkit::kovraexecutor::GraphExecutorAccess;
 
 const char* const kSumModel = R"(
   node { name: "input" op: "TestSum" }
@@ -32,7 +34,7 @@ TEST(ExecutorTest, TranslatesConstantsIntoWeightsAndRuns) {
   ASSERT_EQ(weights.size(), 1u);
   EXPECT_EQ(weights[0]->name(), "bias");
   EXPECT_EQ(tensor_values(*weights[0]), (std::vector<float>{1, 2}));
-  EXPECT_EQ(executor.graph()->get_node("bias"), nullptr);  // constants never become nodes
+  EXPECT_EQ(GraphExecutorAccess::graph(executor)->get_node("bias"), nullptr);  // constants never become nodes
   Tensor x = make_tensor({2}, {10, 20});
   executor.set_input("input", &x);
   EXPECT_TRUE(executor.work({}, ""));
@@ -61,7 +63,7 @@ TEST(ExecutorTest, InputReferencesUseTheKeptPrefixRule) {
     node { name: "abc" op: "TestSplit" input: "input" }
     node { name: "use" op: "TestSum" input: "abcd:1" })");
   GraphExecutor executor(&graph, CPU);
-  const Node* use = executor.graph()->get_node("use");
+  const Node* use = GraphExecutorAccess::graph(executor)->get_node("use");
   EXPECT_EQ(use->inputs(), std::vector<std::string>{"abc"});
   EXPECT_EQ(use->real_input_name(), "abcd:1");
 }
@@ -98,7 +100,7 @@ TEST(ExecutorTest, WorkReinitialisesOnlyWhenArgumentsChange) {
   executor.work({}, "add");
   EXPECT_EQ(executor.get_output_names(), std::vector<std::string>{"add"});
   // Re-initialise the graph behind the executor's back: the same arguments must not undo it.
-  executor.graph()->initialize({}, "out");
+  GraphExecutorAccess::graph(executor)->initialize({}, "out");
   executor.work({}, "add");
   EXPECT_EQ(executor.get_output_names(), std::vector<std::string>{"out"});
   executor.work({}, "");
