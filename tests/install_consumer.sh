@@ -36,8 +36,9 @@ for header in $headers; do
 done
 
 # Internal classes stay hidden.
+internal_classes='Graph|Node|NodeNameMap|OpExecutor|Holder|TensorDump|ThreadPool'
 internal=$(nm -DC --defined-only "$prefix/$libdir/libkovraExecutor.so" |
-           grep -E 'kovraexecutor::(Graph|Node|NodeNameMap|OpExecutor|Holder|TensorDump|ThreadPool)::' || true)
+           grep -E "kovraexecutor::($internal_classes)::" || true)
 [ -z "$internal" ] || fail "internal symbols are exported: $(echo "$internal" | head -3)"
 
 # The outside program, through the CMake package and through pkg-config.
@@ -53,8 +54,10 @@ kovra=$prefix/bin/kovra
 ldd "$kovra" | grep -q "libkovraExecutor.so.2 => $prefix/" || fail "kovra does not load the installed library"
 for example in float int8; do
   out=$scratch/run-$example
-  "$kovra" run "$source_dir/examples/${example}_model.pbtxt" -i "input=$source_dir/examples/${example}_input.npy" \
-    --out-dir "$out" >/dev/null 2>&1 || fail "installed kovra cannot run the $example example"
+  model=$source_dir/examples/${example}_model.pbtxt
+  input=$source_dir/examples/${example}_input.npy
+  "$kovra" run "$model" -i "input=$input" --out-dir "$out" >/dev/null 2>&1 ||
+    fail "installed kovra cannot run the $example example"
   mkdir "$out-expected"
   for produced in "$out"/*.npy; do
     cp "$source_dir/examples/${example}_expected.npy" "$out-expected/$(basename "$produced")"
@@ -64,4 +67,4 @@ for example in float int8; do
   "$kovra" compare "$out" "$out-expected" "${tolerance[@]}" >/dev/null ||
     fail "installed kovra: the $example example differs from its expected output"
 done
-echo "install_consumer: $(echo "$headers" | wc -l) headers, both consumer builds and the installed kovra passed"
+echo "install_consumer: $(echo "$headers" | wc -l) headers, both consumer builds and the installed kovra pass"
