@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(build-essential cmake protobuf-compiler libprotobuf-dev libgtest-dev libgmock-dev
-          libbenchmark-dev libcli11-dev python3)
+          libbenchmark-dev libcli11-dev pkg-config python3)
 # oneDNN is optional: the benchmarks compare against it when it is there.
 optional=(libdnnl-dev)
 

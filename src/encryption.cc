@@ -89,6 +89,18 @@ bool EncryptionRC4::has_magic(const std::string& bytes) {
   return bytes.size() >= kMagicSize && std::memcmp(bytes.data(), kMagic, kMagicSize) == 0;
 }
 
+std::string EncryptionRC4::protect(const std::string& plain) {
+  std::string bytes = plain;
+  crypt(bytes);
+  return std::string(kMagic, kMagicSize) + bytes;
+}
+
+std::string EncryptionRC4::unprotect(const std::string& stored) {
+  std::string bytes = has_magic(stored) ? stored.substr(kMagicSize) : stored;
+  crypt(bytes);
+  return bytes;
+}
+
 ::kovra::trenkit::GraphDef* EncryptionRC4::decryption_model(const std::string& path) {
   auto* graph_def = new ::kovra::trenkit::GraphDef();
   std::string bytes;
@@ -96,8 +108,7 @@ bool EncryptionRC4::has_magic(const std::string& bytes) {
     print_error("Open file [" + path + "] error!");
     return graph_def;
   }
-  if (has_magic(bytes)) bytes.erase(0, kMagicSize);
-  crypt(bytes);
+  bytes = unprotect(bytes);
   // A private file per call (mode 0600, unique name), so that two processes
   // never read each other's plain model.
   std::string temp = temporary_directory() + "/kovra_template_XXXXXX";
@@ -122,16 +133,13 @@ bool EncryptionRC4::has_magic(const std::string& bytes) {
 bool EncryptionRC4::encryption_model(const std::string& in_path, const std::string& out_path) {
   std::string bytes;
   if (!read_file(in_path, bytes)) return false;
-  crypt(bytes);
-  return write_file(out_path, std::string(kMagic, kMagicSize) + bytes);
+  return write_file(out_path, protect(bytes));
 }
 
 bool EncryptionRC4::decryption_file(const std::string& in_path, const std::string& out_path) {
   std::string bytes;
   if (!read_file(in_path, bytes)) return false;
-  if (has_magic(bytes)) bytes.erase(0, kMagicSize);
-  crypt(bytes);
-  return write_file(out_path, bytes);
+  return write_file(out_path, unprotect(bytes));
 }
 
 }  // namespace kovraexecutor

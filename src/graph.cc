@@ -5,7 +5,7 @@
 #include <queue>
 
 #include "common.h"
-#include "graph_executor.h"
+#include "graph_executor_access.h"
 #include "node_name_map.h"
 
 namespace kovra {
@@ -240,9 +240,10 @@ void Graph::_run_now(Node* node) {
 
   if (reshape_ || node->oshape().empty()) node->inference_shape(inputs);
   if (node->param_update()) {
-    const NodeDef* def = graph_executor_ == nullptr
-                             ? nullptr
-                             : graph_executor_->node_name_map()->find_node_in_all_by_name(node->name());
+    const NodeDef* def =
+        graph_executor_ == nullptr
+            ? nullptr
+            : GraphExecutorAccess::node_name_map(*graph_executor_)->find_node_in_all_by_name(node->name());
     if (def != nullptr) {
       node->parse_parameter(*def);
     } else {

@@ -9,6 +9,7 @@
 #include "model_reader.h"
 #include "node_name_map.h"
 #include "op_executor.h"
+#include "tensor_dump.h"
 #include "thread_pool.h"
 
 #ifndef KOVRA_VERSION
@@ -277,6 +278,35 @@ void GraphExecutor::update_graph() {
                                             static_cast<size_t>(weight->byte_size())));
     }
   }
+}
+
+void GraphExecutor::set_node_observer(NodeObserver observer, void* context) {
+  node_observer_ = observer;
+  node_observer_context_ = context;
+  // The graph times nodes only while it has an observer.
+  if (observer == nullptr) {
+    graph_->set_node_observer(nullptr, nullptr);
+  } else {
+    graph_->set_node_observer(&GraphExecutor::_forward_node_timing, this);
+  }
+}
+
+void GraphExecutor::_forward_node_timing(void* context, const Node& node, long long start_ns,
+                                         long long end_ns) {
+  const auto* self = static_cast<const GraphExecutor*>(context);
+  self->node_observer_(self->node_observer_context_, node.name(), node.op_type(), start_ns, end_ns);
+}
+
+void GraphExecutor::set_dump_folder(const std::string& folder) {
+  if (folder.empty()) {
+    graph_->tensor_dump().disable();
+  } else {
+    graph_->tensor_dump().enable(folder);
+  }
+}
+
+std::string GraphExecutor::dump_file_stem(const std::string& tensor_name) {
+  return TensorDump::sanitize(tensor_name);
 }
 
 void GraphExecutor::query_gpu_device() { fatal(kNoGpu); }

@@ -1,5 +1,6 @@
 #include "input_loader.h"
 
+#include <cctype>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -9,6 +10,53 @@
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
+
+bool parse_dims(const std::string& text, std::vector<int>& dims) {
+  dims.clear();
+  size_t start = 0;
+  while (start <= text.size()) {
+    size_t end = text.find('x', start);
+    if (end == std::string::npos) end = text.size();
+    const std::string item = text.substr(start, end - start);
+    if (item.empty() || item.size() > 10) return false;
+    for (char c : item) {
+      if (!std::isdigit(static_cast<unsigned char>(c))) return false;
+    }
+    const long long dim = std::stoll(item);
+    if (dim < 1 || dim > 0x7fffffffLL) return false;
+    dims.push_back(static_cast<int>(dim));
+    start = end + 1;
+  }
+  return !dims.empty();
+}
+
+bool parse_input_arg(const std::string& text, InputArg& arg, std::string& error) {
+  const size_t eq = text.find('=');
+  if (eq == std::string::npos || eq == 0 || eq + 1 == text.size()) {
+    error = "bad input '" + text + "': expected NAME=PATH or NAME=PATH:DIMS";
+    return false;
+  }
+  arg.name = text.substr(0, eq);
+  arg.path = text.substr(eq + 1);
+  arg.dims.clear();
+  const size_t colon = arg.path.rfind(':');
+  if (colon != std::string::npos) {
+    std::vector<int> dims;
+    const std::string suffix = arg.path.substr(colon + 1);
+    if (parse_dims(suffix, dims)) {
+      arg.dims = dims;
+      arg.path.erase(colon);
+    } else if (!suffix.empty() && suffix.find_first_not_of("0123456789x") == std::string::npos) {
+      error = "bad dimensions '" + suffix + "' in input '" + text + "': expected e.g. 1x224x224x3";
+      return false;
+    }
+  }
+  if (arg.path.empty()) {
+    error = "bad input '" + text + "': empty file name";
+    return false;
+  }
+  return true;
+}
 
 std::string dims_text(const std::vector<int>& dims) {
   std::string text;

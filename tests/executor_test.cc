@@ -1,9 +1,11 @@
 #include <cstring>
+#include <filesystem>
 
 #include <gtest/gtest.h>
 
 #include "graph.h"
 #include "graph_executor.h"
+#include "graph_executor_access.h"
 #include "support/test_ops.h"
 #include "support/test_util.h"
 
@@ -14,6 +16,7 @@ using kovra::trenkit::kovraexecutor::CPU;
 using kovra::trenkit::kovraexecutor::DEVICE;
 using kovra::trenkit::kovraexecutor::GPU;
 using kovra::trenkit::kovraexecutor::GraphExecutor;
+using kovra::trenkit::kovraexecutor::GraphExecutorAccess;
 
 const char* const kSumModel = R"(
   node { name: "input" op: "TestSum" }
@@ -32,7 +35,7 @@ TEST(ExecutorTest, TranslatesConstantsIntoWeightsAndRuns) {
   ASSERT_EQ(weights.size(), 1u);
   EXPECT_EQ(weights[0]->name(), "bias");
   EXPECT_EQ(tensor_values(*weights[0]), (std::vector<float>{1, 2}));
-  EXPECT_EQ(executor.graph()->get_node("bias"), nullptr);  // constants never become nodes
+  EXPECT_EQ(GraphExecutorAccess::graph(executor)->get_node("bias"), nullptr);  // constants never become nodes
   Tensor x = make_tensor({2}, {10, 20});
   executor.set_input("input", &x);
   EXPECT_TRUE(executor.work({}, ""));
@@ -61,7 +64,7 @@ TEST(ExecutorTest, InputReferencesUseTheKeptPrefixRule) {
     node { name: "abc" op: "TestSplit" input: "input" }
     node { name: "use" op: "TestSum" input: "abcd:1" })");
   GraphExecutor executor(&graph, CPU);
-  const Node* use = executor.graph()->get_node("use");
+  const Node* use = GraphExecutorAccess::graph(executor)->get_node("use");
   EXPECT_EQ(use->inputs(), std::vector<std::string>{"abc"});
   EXPECT_EQ(use->real_input_name(), "abcd:1");
 }
@@ -98,7 +101,7 @@ TEST(ExecutorTest, WorkReinitialisesOnlyWhenArgumentsChange) {
   executor.work({}, "add");
   EXPECT_EQ(executor.get_output_names(), std::vector<std::string>{"add"});
   // Re-initialise the graph behind the executor's back: the same arguments must not undo it.
-  executor.graph()->initialize({}, "out");
+  GraphExecutorAccess::graph(executor)->initialize({}, "out");
   executor.work({}, "add");
   EXPECT_EQ(executor.get_output_names(), std::vector<std::string>{"out"});
   executor.work({}, "");
@@ -135,6 +138,60 @@ TEST(ExecutorTest, UpdateGraphWritesWeightsBack) {
   std::memcpy(stored, content.data(), 8);
   EXPECT_EQ(stored[0], 1.0f);
   EXPECT_EQ(stored[1], 5.5f);
+}
+
+struct NodeEvent {
+  std::string node, op;
+  long long start_ns, end_ns;
+};
+
+void record_node(void* context, const std::string& node, const std::string& op, long long start_ns,
+                 long long end_ns) {
+  static_cast<std::vector<NodeEvent>*>(context)->push_back({node, op, start_ns, end_ns});
+}
+
+TEST(ExecutorTest, NodeObserverSeesEveryNodeInExecutionOrderUntilCleared) {
+  GraphDef graph = parse_text_graph(kSumModel);
+  GraphExecutor executor(&graph, CPU);
+  Tensor x = make_tensor({2}, {1, 1});
+  executor.set_input("input", &x);
+  std::vector<NodeEvent> events;
+  executor.set_node_observer(&record_node, &events);
+  executor.work({}, "");
+  ASSERT_EQ(events.size(), 3u);
+  const char* order[] = {"input", "add", "out"};
+  for (size_t i = 0; i < events.size(); ++i) {
+    EXPECT_EQ(events[i].node, order[i]);
+    EXPECT_EQ(events[i].op, "TestSum");
+    EXPECT_LE(events[i].start_ns, events[i].end_ns);
+    if (i > 0) {
+      EXPECT_LE(events[i - 1].end_ns, events[i].start_ns);
+    }
+  }
+  executor.set_node_observer(nullptr, nullptr);
+  executor.work({}, "");
+  EXPECT_EQ(events.size(), 3u);
+}
+
+TEST(ExecutorTest, DumpFolderIsSwitchedOnAndOffThroughTheExecutor) {
+  EXPECT_EQ(GraphExecutor::dump_file_stem("conv1/Relu:0"), "conv1_Relu_0");
+  TempDir dir;
+  GraphDef graph = parse_text_graph(kSumModel);
+  GraphExecutor executor(&graph, CPU);
+  Tensor x = make_tensor({2}, {1, 1});
+  executor.set_input("input", &x);
+  const std::string folder = dir.file("dumps");
+  executor.set_dump_folder(folder);
+  testing::internal::CaptureStdout();
+  executor.work({}, "");
+  testing::internal::GetCapturedStdout();
+  for (const char* name : {"input.bin", "add.bin", "out.bin", "manifest.tsv"}) {
+    EXPECT_TRUE(std::filesystem::exists(folder + "/" + name)) << name;
+  }
+  std::filesystem::remove_all(folder);
+  executor.set_dump_folder("");
+  executor.work({}, "");
+  EXPECT_FALSE(std::filesystem::exists(folder));
 }
 
 TEST(ExecutorDeathTest, DevicesAndLookups) {

@@ -1,17 +1,70 @@
 #!/usr/bin/env bash
-# Installs the built library into a scratch prefix, then configures, builds and
-# runs a program outside the tree against it with find_package(kovraExecutor).
-#   install_consumer.sh BUILD_DIR SOURCE_DIR
+# Installs the built tree into a scratch prefix (not the configured one), moves
+# the installed tree elsewhere, and checks from there that it is complete and
+# relocatable: every installed header compiles on its own, the library exports
+# none of the internal classes, a program outside the tree builds and runs
+# through the CMake package and through pkg-config, and the installed kovra
+# runs the example models - all with LD_LIBRARY_PATH unset.
+#   install_consumer.sh BUILD_DIR SOURCE_DIR CONFIGURED_PREFIX
 set -euo pipefail
 build_dir=$1
 source_dir=$2
-prefix=$(mktemp -d)
-trap 'rm -rf "$prefix"' EXIT
-cmake --install "$build_dir" --prefix "$prefix/install" >/dev/null
-test -f "$prefix/install/lib/pkgconfig/kovraExecutor.pc"
-test -f "$prefix/install/include/kovraexecutor/lite/proto/graph_def.pb.h"
-ls "$prefix"/install/lib/libkovraExecutor.so.2* >/dev/null
-cmake -S "$source_dir/examples/consumer" -B "$prefix/build" -DCMAKE_PREFIX_PATH="$prefix/install" >/dev/null
-cmake --build "$prefix/build" >/dev/null
-"$prefix/build/kovra_consumer"
-echo "1 passed, 0 failed"
+configured_prefix=$3
+unset LD_LIBRARY_PATH
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+fail() {
+  echo "install_consumer: $*" >&2
+  exit 1
+}
+
+cmake --install "$build_dir" --prefix "$scratch/staged" >/dev/null
+mv "$scratch/staged" "$scratch/prefix"
+prefix=$scratch/prefix
+[ "$prefix" != "$configured_prefix" ] || fail "the scratch prefix is the configured one"
+libdir=$(cd "$prefix" && ls -d lib*/libkovraExecutor.so.2 | xargs dirname)
+
+# Headers: only the public set, each usable alone with the package's flags.
+export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
+cflags=$(pkg-config --cflags kovraExecutor)
+[ "$(realpath "$(pkg-config --variable=prefix kovraExecutor)")" = "$(realpath "$prefix")" ] ||
+  fail "pkg-config names $(pkg-config --variable=prefix kovraExecutor), not the installed prefix"
+headers=$(cd "$prefix/include" && find kovraexecutor -name '*.h' | sort)
+for header in $headers; do
+  echo "#include <$header>" | c++ -std=c++17 -fsyntax-only $cflags -x c++ - ||
+    fail "installed header $header does not compile on its own"
+done
+
+# Internal classes stay hidden.
+internal_classes='Graph|Node|NodeNameMap|OpExecutor|Holder|TensorDump|ThreadPool'
+internal=$(nm -DC --defined-only "$prefix/$libdir/libkovraExecutor.so" |
+           grep -E "kovraexecutor::($internal_classes)::" || true)
+[ -z "$internal" ] || fail "internal symbols are exported: $(echo "$internal" | head -3)"
+
+# The outside program, through the CMake package and through pkg-config.
+cmake -S "$source_dir/examples/consumer" -B "$scratch/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$scratch/cmake-build" >/dev/null
+"$scratch/cmake-build/kovra_consumer" >/dev/null || fail "consumer built with CMake failed"
+mkdir "$scratch/pc-build"
+make -s -f "$source_dir/examples/consumer/Makefile" OUT="$scratch/pc-build" >/dev/null
+"$scratch/pc-build/kovra_consumer" >/dev/null || fail "consumer built with pkg-config failed"
+
+# The installed tool finds the installed library by its relative run path.
+kovra=$prefix/bin/kovra
+ldd "$kovra" | grep -q "libkovraExecutor.so.2 => $prefix/" || fail "kovra does not load the installed library"
+for example in float int8; do
+  out=$scratch/run-$example
+  model=$source_dir/examples/${example}_model.pbtxt
+  input=$source_dir/examples/${example}_input.npy
+  "$kovra" run "$model" -i "input=$input" --out-dir "$out" >/dev/null 2>&1 ||
+    fail "installed kovra cannot run the $example example"
+  mkdir "$out-expected"
+  for produced in "$out"/*.npy; do
+    cp "$source_dir/examples/${example}_expected.npy" "$out-expected/$(basename "$produced")"
+  done
+  tolerance=(--rtol 0 --atol 0)
+  [ "$example" = float ] && tolerance=(--rtol 1e-5 --atol 1e-5)
+  "$kovra" compare "$out" "$out-expected" "${tolerance[@]}" >/dev/null ||
+    fail "installed kovra: the $example example differs from its expected output"
+done
+echo "install_consumer: $(echo "$headers" | wc -l) headers, both consumer builds and the installed kovra pass"

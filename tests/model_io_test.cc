@@ -105,6 +105,8 @@ TEST(ProtectedModelTest, RoundTripRunsAndLeavesNoTemporaryFile) {
   const std::string stored = read_bytes(dir.file("model.kvr"));
   EXPECT_TRUE(EncryptionRC4::has_magic(stored));
   EXPECT_EQ(stored.find("TestSum"), std::string::npos);  // no plain text inside
+  EXPECT_EQ(stored, EncryptionRC4::protect(read_bytes(dir.file("plain.pb"))));
+  EXPECT_EQ(EncryptionRC4::unprotect(stored), read_bytes(dir.file("plain.pb")));
   GraphExecutor executor(dir.file("model.kvr"), CPU);
   EXPECT_TRUE(is_empty_dir(tmp.path()));
   Tensor x = make_tensor({1}, {1});
@@ -118,8 +120,10 @@ TEST(ProtectedModelTest, RoundTripRunsAndLeavesNoTemporaryFile) {
 TEST(ProtectedModelTest, HeaderlessCipherTextIsDecipheredWhole) {
   TempDir dir, tmp;
   ScopedTmpdir scoped(tmp.path());
-  std::string bytes = parse_text_graph(kModel).SerializeAsString();
+  const std::string plain = parse_text_graph(kModel).SerializeAsString();
+  std::string bytes = plain;
   EncryptionRC4::crypt(bytes);
+  EXPECT_EQ(EncryptionRC4::unprotect(bytes), plain);
   write_bytes(dir.file("raw.kvr"), bytes);
   std::unique_ptr<GraphDef> graph(EncryptionRC4::decryption_model(dir.file("raw.kvr")));
   EXPECT_EQ(graph->node_size(), 3);

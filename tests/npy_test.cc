@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include "args_parser.h"
 #include "input_loader.h"
 #include "npy.h"
 #include "support/test_util.h"

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -5,6 +6,7 @@
 
 #include "op_attr.h"
 #include "op_executor.h"
+#include "op_registry.h"
 #include "support/test_ops.h"
 #include "support/test_util.h"
 
@@ -27,9 +29,20 @@ TEST(RegistryTest, DuplicateRegistrationIsReportedOnceAndFirstCreatorStays) {
 
 TEST(RegistryTest, EveryPlaceholderAndTestOperatorIsRegistered) {
   const auto& creators = Holder::new_op_creator();
+  const std::vector<std::string> names = registered_op_names();
+  EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
+  EXPECT_EQ(names.size(), creators.size());
   for (const char* name : {"TestSum", "TestSplit", "ZxxNOp", "ZxxConst", "Z40QuantizeMatMul"}) {
     EXPECT_EQ(creators.count(name), 1u) << name;
+    EXPECT_TRUE(is_registered_op(name)) << name;
+    EXPECT_EQ(std::count(names.begin(), names.end(), name), 1) << name;
   }
+  EXPECT_FALSE(is_registered_op("Const"));
+  EXPECT_FALSE(is_registered_op("Z40NoSuchOp"));
+  // Only the weight-rounding operator is computed from its weights alone.
+  EXPECT_TRUE(is_const_op("Z40AdaRoundQuantizeWeight"));
+  EXPECT_FALSE(is_const_op("Z40Conv2D"));
+  EXPECT_FALSE(is_const_op("Const"));
 }
 
 NodeDef node_with_tensor_attr(kovra::trenkit::DataType type, const std::vector<int>& shape,

@@ -3,8 +3,9 @@
 #include <limits>
 #include <map>
 
+#include <kovraexecutor/input_loader.h>
+
 #include "commands.h"
-#include "input_loader.h"
 #include "tensor_folder.h"
 
 namespace kovra_tool {

@@ -3,15 +3,16 @@
 #include <map>
 #include <set>
 
+#include <kovraexecutor/op_registry.h>
+
 #include "commands.h"
 #include "model_file.h"
-#include "op_executor.h"
 
 namespace kovra_tool {
 
 using kovra::trenkit::AttrValue;
-using kovra::trenkit::kovraexecutor::CONST_OPS;
-using kovra::trenkit::kovraexecutor::Holder;
+using kovra::trenkit::kovraexecutor::is_const_op;
+using kovra::trenkit::kovraexecutor::is_registered_op;
 
 namespace {
 
@@ -110,12 +111,6 @@ std::string attr_text(const AttrValue& value) {
   return "(empty)";
 }
 
-bool known_op(const std::string& op) {
-  const auto& creators = Holder::new_op_creator();
-  auto it = creators.find(op);
-  return it != creators.end() && it->second != nullptr;
-}
-
 }  // namespace
 
 int cmd_inspect(const InspectOptions& options) {
@@ -138,7 +133,7 @@ int cmd_inspect(const InspectOptions& options) {
   int index = 0;
   for (const NodeDef& node : graph.node()) {
     if (node.op() == "Const") continue;
-    const bool known = known_op(node.op());
+    const bool known = is_registered_op(node.op());
     if (!known) unknown.insert(node.op());
     ++per_op[node.op()];
     std::printf("[%d] %s  %s%s\n", index++, node.name().c_str(), node.op().c_str(),
@@ -158,7 +153,7 @@ int cmd_inspect(const InspectOptions& options) {
         reads += (reads.empty() ? "" : ", ") + input + (it == by_name.end() ? " (missing)" : "");
       }
     }
-    if (reads.empty() && CONST_OPS.count(node.op()) == 0) inputs.push_back(node.name());
+    if (reads.empty() && !is_const_op(node.op())) inputs.push_back(node.name());
     if (!consumers.count(node.name())) outputs.push_back(node.name());
     if (!reads.empty()) std::printf("    inputs:  %s\n", reads.c_str());
     if (!weights.empty()) std::printf("    weights: %s\n", weights.c_str());

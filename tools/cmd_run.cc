@@ -5,25 +5,23 @@
 #include <memory>
 #include <set>
 
+#include <kovraexecutor/graph_executor.h>
+#include <kovraexecutor/input_loader.h>
+#include <kovraexecutor/npy.h>
+#include <kovraexecutor/op_registry.h>
+
 #include "commands.h"
-#include "graph.h"
-#include "graph_executor.h"
-#include "input_loader.h"
 #include "model_file.h"
-#include "npy.h"
-#include "op_executor.h"
 #include "profile.h"
-#include "tensor_dump.h"
 
 namespace kovra_tool {
 
-using kovra::trenkit::kovraexecutor::CONST_OPS;
 using kovra::trenkit::kovraexecutor::CPU;
 using kovra::trenkit::kovraexecutor::dims_text;
 using kovra::trenkit::kovraexecutor::GraphExecutor;
+using kovra::trenkit::kovraexecutor::is_const_op;
 using kovra::trenkit::kovraexecutor::load_inputs;
 using kovra::trenkit::kovraexecutor::Tensor;
-using kovra::trenkit::kovraexecutor::TensorDump;
 using kovra::trenkit::kovraexecutor::write_npy;
 
 namespace {
@@ -74,7 +72,7 @@ std::vector<std::string> feed_names(const Topology& t, const std::vector<std::st
   std::vector<std::string> start_nodes;
   for (const std::string& name : t.order) {
     const bool start = starts.empty()
-                           ? t.producers.at(name).empty() && CONST_OPS.count(t.op.at(name)) == 0
+                           ? t.producers.at(name).empty() && !is_const_op(t.op.at(name))
                            : std::find(starts.begin(), starts.end(), name) != starts.end();
     if (!start) continue;
     start_nodes.push_back(name);
@@ -196,11 +194,11 @@ int cmd_run(const RunOptions& options) {
                                               ? new GraphExecutor(options.model, CPU)
                                               : new GraphExecutor(&graph, CPU));
   executor->set_inplace(options.inplace);
-  if (!options.dump_dir.empty()) executor->graph()->tensor_dump().enable(options.dump_dir);
+  if (!options.dump_dir.empty()) executor->set_dump_folder(options.dump_dir);
   for (auto& tensor : inputs) executor->set_input(tensor->name(), tensor.get());
   Profiler profiler;
   const bool timed = options.profile || !options.trace.empty();
-  if (timed) profiler.attach(executor->graph());
+  if (timed) profiler.attach(executor.get());
   for (int run = 0; run < options.repeat; ++run) {
     profiler.begin_run(run);
     executor->work(options.starts, options.output);
@@ -222,7 +220,7 @@ int cmd_run(const RunOptions& options) {
       print_summary(name, tensor->shape(), values);
       continue;
     }
-    const std::string path = options.out_dir + "/" + TensorDump::sanitize(name) + ".npy";
+    const std::string path = options.out_dir + "/" + GraphExecutor::dump_file_stem(name) + ".npy";
     if (!write_npy(path, tensor->shape(), values.data(), error)) return fail(kWhere, error);
     std::printf("%s  shape=%s  -> %s\n", name.c_str(), dims_text(tensor->shape()).c_str(), path.c_str());
   }

@@ -14,17 +14,15 @@
 #include <google/protobuf/stubs/logging.h>
 #include <google/protobuf/text_format.h>
 
-#include "encryption.h"
-#include "op_executor.h"
+#include <kovraexecutor/encryption.h>
+#include <kovraexecutor/op_registry.h>
 
 namespace kovra_tool {
 
 using kovra::trenkit::kovraexecutor::EncryptionRC4;
-using kovra::trenkit::kovraexecutor::Holder;
+using kovra::trenkit::kovraexecutor::is_registered_op;
 
 namespace {
-
-const size_t kMagicSize = 8;
 
 // Protobuf reports parse problems through its log; a failed attempt while
 // guessing the format is not worth a line, so the log is muted meanwhile.
@@ -90,18 +88,6 @@ bool looks_sane(const GraphDef& graph) {
     }
   }
   return true;
-}
-
-std::string deciphered(const std::string& bytes) {
-  std::string plain = EncryptionRC4::has_magic(bytes) ? bytes.substr(kMagicSize) : bytes;
-  EncryptionRC4::crypt(plain);
-  return plain;
-}
-
-bool known_op(const std::string& op) {
-  const auto& creators = Holder::new_op_creator();
-  auto it = creators.find(op);
-  return it != creators.end() && it->second != nullptr;
 }
 
 int element_size(int dtype) {
@@ -237,7 +223,7 @@ bool read_model_bytes(const std::string& path, const std::string& format, GraphD
   }
   if (format == "protected") {
     chosen = ModelFormat::kProtected;
-    binary = deciphered(bytes);
+    binary = EncryptionRC4::unprotect(bytes);
     if (parse_binary(binary, graph) && looks_sane(graph)) return true;
     error = "'" + path + "' does not decipher into a model (not protected, or another key)";
     return false;
@@ -245,7 +231,7 @@ bool read_model_bytes(const std::string& path, const std::string& format, GraphD
   // auto
   if (EncryptionRC4::has_magic(bytes)) {
     chosen = ModelFormat::kProtected;
-    binary = deciphered(bytes);
+    binary = EncryptionRC4::unprotect(bytes);
     if (parse_binary(binary, graph) && looks_sane(graph)) return true;
     error = "'" + path + "' has the protected-model magic but does not decipher into a model "
             "(damaged, or enciphered with another key)";
@@ -261,7 +247,7 @@ bool read_model_bytes(const std::string& path, const std::string& format, GraphD
     chosen = ModelFormat::kText;
     return true;
   }
-  binary = deciphered(bytes);
+  binary = EncryptionRC4::unprotect(bytes);
   if (parse_binary(binary, graph) && looks_sane(graph)) {
     chosen = ModelFormat::kProtected;
     return true;
@@ -295,7 +281,7 @@ bool check_model(const GraphDef& graph, std::string& error) {
   }
   std::set<std::string> unknown;
   for (const NodeDef& node : graph.node()) {
-    if (node.op() != "Const" && !known_op(node.op())) unknown.insert(node.op());
+    if (node.op() != "Const" && !is_registered_op(node.op())) unknown.insert(node.op());
   }
   if (!unknown.empty()) {
     std::string list;
@@ -368,10 +354,7 @@ bool write_model(const GraphDef& graph, ModelFormat format, const std::string& p
         return false;
       }
     }
-    if (format == ModelFormat::kProtected) {
-      EncryptionRC4::crypt(bytes);
-      bytes.insert(0, EncryptionRC4::kMagic, kMagicSize);
-    }
+    if (format == ModelFormat::kProtected) bytes = EncryptionRC4::protect(bytes);
   }
   if (!write_file(path, bytes)) {
     error = "cannot write '" + path + "'";

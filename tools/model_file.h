@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "lite/proto/graph_def.pb.h"
+#include <kovraexecutor/lite/proto/graph_def.pb.h>
 
 namespace kovra_tool {
 

@@ -6,14 +6,14 @@
 
 namespace kovra_tool {
 
-void Profiler::attach(kovra::trenkit::kovraexecutor::Graph* graph) {
-  graph->set_node_observer(&Profiler::observe, this);
+void Profiler::attach(kovra::trenkit::kovraexecutor::GraphExecutor* executor) {
+  executor->set_node_observer(&Profiler::observe, this);
 }
 
-void Profiler::observe(void* context, const kovra::trenkit::kovraexecutor::Node& node,
+void Profiler::observe(void* context, const std::string& node, const std::string& op,
                        long long start_ns, long long end_ns) {
   auto* self = static_cast<Profiler*>(context);
-  self->events_.push_back({self->run_, node.name(), node.op_type(), start_ns, end_ns});
+  self->events_.push_back({self->run_, node, op, start_ns, end_ns});
 }
 
 namespace {

@@ -5,12 +5,12 @@
 #include <string>
 #include <vector>
 
-#include "graph.h"
+#include <kovraexecutor/graph_executor.h>
 
 namespace kovra_tool {
 
 // Collects the wall time of every node execution, run by run, through the
-// graph's node observer; it reads nothing of the tensors.
+// executor's node observer; it reads nothing of the tensors.
 class Profiler {
  public:
   struct Event {
@@ -21,7 +21,7 @@ class Profiler {
     long long end_ns;
   };
 
-  void attach(kovra::trenkit::kovraexecutor::Graph* graph);
+  void attach(kovra::trenkit::kovraexecutor::GraphExecutor* executor);
   void begin_run(int run) { run_ = run; }
   const std::vector<Event>& events() const { return events_; }
 
@@ -31,7 +31,7 @@ class Profiler {
   std::string trace_json() const;
 
  private:
-  static void observe(void* context, const kovra::trenkit::kovraexecutor::Node& node,
+  static void observe(void* context, const std::string& node, const std::string& op,
                       long long start_ns, long long end_ns);
 
   int run_ = 0;

@@ -9,10 +9,10 @@
 #include <set>
 #include <sstream>
 
-#include "args_parser.h"
-#include "input_loader.h"
+#include <kovraexecutor/input_loader.h>
+#include <kovraexecutor/npy.h>
+
 #include "model_file.h"
-#include "npy.h"
 
 namespace kovra_tool {
 

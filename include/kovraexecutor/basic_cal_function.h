@@ -3,6 +3,7 @@
 
 #include <cmath>
 
+#include "export.h"
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
@@ -49,28 +50,28 @@ inline float bool_or(float a, float b) { return (a != 0.0f || b != 0.0f) ? 1.0f 
   X(floor) X(pow) X(clip_min) X(clip_max) X(less_than) X(greater_than) X(equal)     \
   X(less_equal) X(greater_equal) X(bool_not) X(bool_and) X(bool_or)
 
-float add_func_cpu(float a, float b);
-float sub_func_cpu(float a, float b);
-float mul_func_cpu(float a, float b);
-float div_func_cpu(float a, float b);
-float neg_func_cpu(float a, float b);
-float abs_func_cpu(float a, float b);
-float sign_func_cpu(float a, float b);
-float sigmoid_func_cpu(float a, float b);
-float exp_func_cpu(float a, float b);
-float log_func_cpu(float a, float b);
-float floor_func_cpu(float a, float b);
-float pow_func_cpu(float a, float b);
-float clip_min_func_cpu(float a, float b);
-float clip_max_func_cpu(float a, float b);
-float less_than_func_cpu(float a, float b);
-float greater_than_func_cpu(float a, float b);
-float equal_func_cpu(float a, float b);
-float less_equal_func_cpu(float a, float b);
-float greater_equal_func_cpu(float a, float b);
-float bool_not_func_cpu(float a, float b);
-float bool_and_func_cpu(float a, float b);
-float bool_or_func_cpu(float a, float b);
+KOVRA_API float add_func_cpu(float a, float b);
+KOVRA_API float sub_func_cpu(float a, float b);
+KOVRA_API float mul_func_cpu(float a, float b);
+KOVRA_API float div_func_cpu(float a, float b);
+KOVRA_API float neg_func_cpu(float a, float b);
+KOVRA_API float abs_func_cpu(float a, float b);
+KOVRA_API float sign_func_cpu(float a, float b);
+KOVRA_API float sigmoid_func_cpu(float a, float b);
+KOVRA_API float exp_func_cpu(float a, float b);
+KOVRA_API float log_func_cpu(float a, float b);
+KOVRA_API float floor_func_cpu(float a, float b);
+KOVRA_API float pow_func_cpu(float a, float b);
+KOVRA_API float clip_min_func_cpu(float a, float b);
+KOVRA_API float clip_max_func_cpu(float a, float b);
+KOVRA_API float less_than_func_cpu(float a, float b);
+KOVRA_API float greater_than_func_cpu(float a, float b);
+KOVRA_API float equal_func_cpu(float a, float b);
+KOVRA_API float less_equal_func_cpu(float a, float b);
+KOVRA_API float greater_equal_func_cpu(float a, float b);
+KOVRA_API float bool_not_func_cpu(float a, float b);
+KOVRA_API float bool_and_func_cpu(float a, float b);
+KOVRA_API float bool_or_func_cpu(float a, float b);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit

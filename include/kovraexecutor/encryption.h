@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "export.h"
 #include "lite/proto/graph_def.pb.h"
 
 namespace kovra {
@@ -14,7 +15,7 @@ namespace kovraexecutor {
 //
 // Layout of a protected file: the 8-byte magic "KVRAPROT" followed by the
 // enciphered model bytes. A file without the magic is deciphered whole.
-class EncryptionRC4 {
+class KOVRA_API EncryptionRC4 {
  public:
   static const char kMagic[9];
 
@@ -25,6 +26,11 @@ class EncryptionRC4 {
   static bool encryption_model(const std::string& in_path, const std::string& out_path);
   // Writes the plain model held in protected file `in_path` to `out_path`.
   static bool decryption_file(const std::string& in_path, const std::string& out_path);
+
+  // The stored form of a plain serialized model: the magic, then the enciphered bytes.
+  static std::string protect(const std::string& plain);
+  // The plain serialized model held in stored bytes, with or without the magic.
+  static std::string unprotect(const std::string& stored);
 
   // RC4 with the built-in key, in place; applying it twice restores the bytes.
   static void crypt(std::string& bytes);

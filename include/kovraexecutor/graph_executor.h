@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "export.h"
 #include "lite/proto/graph_def.pb.h"
 #include "tensor.h"
 
@@ -16,6 +17,7 @@ using ::kovra::trenkit::GraphDef;
 using ::kovra::trenkit::NodeDef;
 
 class Graph;
+class Node;
 class NodeNameMap;
 class OpExecutor;
 
@@ -23,7 +25,7 @@ enum DEVICE { CPU = 0, GPU = 1 };
 
 // The public entry point: translates a model into a graph, takes input
 // tensors, runs the graph or a part of it and hands out tensors by node name.
-class GraphExecutor {
+class KOVRA_API GraphExecutor {
  public:
   // Reads (and deciphers) the model at `model_path`.
   GraphExecutor(const std::string& model_path, DEVICE device);
@@ -58,10 +60,22 @@ class GraphExecutor {
   std::vector<std::string> get_output_names() const;
   std::vector<float> get_node_float_data(const Tensor* tensor) const;
   void update_graph();
-
-  const NodeNameMap* node_name_map() const { return node_name_map_; }
-  Graph* graph() const { return graph_; }
   const GraphDef* graph_def() const { return graph_def_; }
+
+  // Called after every node execution with the node's name, its operator and
+  // the monotonic clock in nanoseconds before and after it ran. A null
+  // observer stops the calls; nothing is timed while none is set.
+  using NodeObserver = void (*)(void* context, const std::string& node, const std::string& op,
+                                long long start_ns, long long end_ns);
+  void set_node_observer(NodeObserver observer, void* context);
+
+  // Writes every tensor computed from now on into `folder`, as
+  // KOVRA_CPP_DUMPDATA=true does (<name>.bin files and manifest.tsv); an empty
+  // folder stops dumping.
+  void set_dump_folder(const std::string& folder);
+  // The file name, without extension, under which a tensor of that name is
+  // dumped: every character outside [A-Za-z0-9._-] becomes '_'.
+  static std::string dump_file_stem(const std::string& tensor_name);
 
   // No accelerator in this build: each of these stops the process.
   void query_gpu_device();
@@ -70,6 +84,10 @@ class GraphExecutor {
   void set_gpu_device(int id);
 
  private:
+  // Code inside the library (and its tests) reaches the graph through it.
+  friend class GraphExecutorAccess;
+
+  static void _forward_node_timing(void* context, const Node& node, long long start_ns, long long end_ns);
   void _common_init(DEVICE device);
   void _ir_graph_initialize(const GraphDef* graph_def);
   std::string _get_target_device(const GraphDef* graph_def) const;
@@ -86,6 +104,8 @@ class GraphExecutor {
   std::string target_device_;
   // Views of each node's weights as const tensors, for get_node_weights.
   mutable std::map<std::string, std::vector<const Tensor*>> weight_views_;
+  NodeObserver node_observer_ = nullptr;
+  void* node_observer_context_ = nullptr;
 };
 
 }  // namespace kovraexecutor

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "export.h"
 #include "lite/proto/graph_def.pb.h"
 
 namespace kovra {
@@ -11,11 +12,11 @@ namespace kovraexecutor {
 
 // Reads a binary GraphDef. Always returns a new GraphDef owned by the caller:
 // empty or partly filled after printing "open model file failed, <path>".
-::kovra::trenkit::GraphDef* load_graph(const std::string& path);
+KOVRA_API ::kovra::trenkit::GraphDef* load_graph(const std::string& path);
 
 // Parses `path` into `graph_def` with the raised 2 GiB limit; false when the
 // file cannot be opened or does not parse.
-bool parse_graph_file(const std::string& path, ::kovra::trenkit::GraphDef* graph_def);
+KOVRA_API bool parse_graph_file(const std::string& path, ::kovra::trenkit::GraphDef* graph_def);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit

@@ -6,13 +6,15 @@
 #include <string>
 #include <vector>
 
+#include "export.h"
+
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
 // An n-dimensional host array: shape, element type, a buffer that is owned or
 // borrowed, a device code and the secondary ("slave") outputs it owns.
-class Tensor {
+class KOVRA_API Tensor {
  public:
   // Same numbers as the model schema's DataType, so codes convert by value.
   enum DataType : int32_t {

@@ -8,6 +8,8 @@
 #include <ostream>
 #include <string>
 
+#include "export.h"
+
 namespace allocator {
 
 // Where an allocator's memory lives.
@@ -34,7 +36,7 @@ using OrtAllocatorType = int;
 constexpr OrtAllocatorType OrtDeviceAllocator = 0;
 constexpr OrtAllocatorType OrtArenaAllocator = 1;
 
-struct OrtMemoryInfo {
+struct KOVRA_API OrtMemoryInfo {
   OrtMemoryInfo() = default;
   OrtMemoryInfo(const char* name_in, OrtAllocatorType alloc_type_in, OrtDevice device_in = OrtDevice(),
                 int id_in = 0, OrtMemType mem_type_in = OrtMemTypeDefault)
@@ -50,7 +52,7 @@ struct OrtMemoryInfo {
   OrtDevice device;
 };
 
-std::ostream& operator<<(std::ostream& out, const OrtMemoryInfo& info);
+KOVRA_API std::ostream& operator<<(std::ostream& out, const OrtMemoryInfo& info);
 
 enum ArenaExtendStrategy : int32_t {
   kNextPowerOfTwo = 0,
@@ -71,7 +73,7 @@ struct AllocatorStats {
 
 // Allocator failures of this namespace; a device allocator may throw it when
 // it has no memory, and the arena treats that like a null result.
-class allocatorException : public std::exception {
+class KOVRA_API allocatorException : public std::exception {
  public:
   explicit allocatorException(std::string message) : message_(std::move(message)) {}
   const char* what() const noexcept override { return message_.c_str(); }
@@ -84,7 +86,7 @@ class SessionState;  // opaque here; only fences would need it
 class Fence;
 using FencePtr = std::shared_ptr<Fence>;
 
-class IAllocator {
+class KOVRA_API IAllocator {
  public:
   explicit IAllocator(const OrtMemoryInfo& info) : memory_info_(info) {}
   virtual ~IAllocator() = default;
@@ -110,7 +112,7 @@ class IAllocator {
 };
 
 // The C heap, with no extra alignment; stateless, so no lock.
-class CPUAllocator : public IAllocator {
+class KOVRA_API CPUAllocator : public IAllocator {
  public:
   explicit CPUAllocator(const OrtMemoryInfo& info = OrtMemoryInfo("Cpu", OrtDeviceAllocator))
       : IAllocator(info) {}

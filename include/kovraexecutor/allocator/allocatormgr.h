@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "allocator/allocator.h"
+#include "export.h"
 
 namespace allocator {
 
@@ -37,11 +38,11 @@ struct AllocatorCreationInfo {
 
 // The device allocator itself, or a BFCArena over it. An unknown extend
 // strategy gives an empty pointer.
-std::shared_ptr<IAllocator> CreateAllocator(const AllocatorCreationInfo& info);
+KOVRA_API std::shared_ptr<IAllocator> CreateAllocator(const AllocatorCreationInfo& info);
 
 // Owns the process's host allocator: an arena over the C heap that grows by
 // exactly what is asked for.
-class CPUAllocatorMgr {
+class KOVRA_API CPUAllocatorMgr {
  public:
   static CPUAllocatorMgr& GetInstance();
   const std::shared_ptr<IAllocator>& GetAllocator() const { return cpu_allocator_; }

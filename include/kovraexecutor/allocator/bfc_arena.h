@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "allocator/allocator.h"
+#include "export.h"
 
 namespace allocator {
 
@@ -19,7 +20,7 @@ namespace allocator {
 // allocator and carved into chunks that are multiples of 256 bytes; free
 // chunks wait in 21 size-class bins and merge with free neighbours when freed.
 // Every public operation holds one mutex.
-class BFCArena : public IAllocator {
+class KOVRA_API BFCArena : public IAllocator {
  public:
   static constexpr ArenaExtendStrategy DEFAULT_ARENA_EXTEND_STRATEGY = kNextPowerOfTwo;
   static constexpr int DEFAULT_INITIAL_CHUNK_SIZE_BYTES = 1 * 1024 * 1024;

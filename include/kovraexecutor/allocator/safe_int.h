@@ -4,10 +4,12 @@
 #include <exception>
 #include <type_traits>
 
+#include "export.h"
+
 namespace allocator {
 
 // Thrown when size arithmetic would not fit its integer type.
-class SafeIntException : public std::exception {
+class KOVRA_API SafeIntException : public std::exception {
  public:
   const char* what() const noexcept override { return "integer overflow in size arithmetic"; }
 };

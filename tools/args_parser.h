@@ -1,26 +1,15 @@
-#ifndef KOVRAEXECUTOR_ARGS_PARSER_H_
-#define KOVRAEXECUTOR_ARGS_PARSER_H_
+#ifndef KOVRA_TOOLS_ARGS_PARSER_H_
+#define KOVRA_TOOLS_ARGS_PARSER_H_
 
 #include <memory>
 #include <string>
 #include <vector>
 
+#include <kovraexecutor/input_loader.h>
+
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
-
-// One -i argument: NAME=PATH or NAME=PATH:DIMS (DIMS like 1x224x224x3).
-struct InputArg {
-  std::string name;
-  std::string path;
-  std::vector<int> dims;  // empty: the file is a .npy that carries its shape
-};
-
-// Splits "NAME=PATH[:DIMS]". The last ':' starts DIMS only when what follows
-// it is a list of positive integers joined by 'x', so paths may hold ':'.
-bool parse_input_arg(const std::string& text, InputArg& arg, std::string& error);
-// "1x224x224x3" -> {1, 224, 224, 3}; false on anything else.
-bool parse_dims(const std::string& text, std::vector<int>& dims);
 
 struct RunOptions {
   std::string model;
@@ -102,4 +91,4 @@ class ArgsParser {
 }  // namespace trenkit
 }  // namespace kovra
 
-#endif  // KOVRAEXECUTOR_ARGS_PARSER_H_
+#endif  // KOVRA_TOOLS_ARGS_PARSER_H_
