@@ -28,11 +28,15 @@ enum GruMiddle {
   kGruMiddlePerDirection
 };
 
+// Floats of scratch gru_f32 needs per hidden unit.
+constexpr int kGruScratchPerHidden = 5;
+
 // seq_lens (nullable) gives each batch entry's length; steps past it are 0 in
 // y and the middle buffers. y is [seq_len, D, batch, hidden], y_h [D, batch,
-// hidden]. `middle` holds D * kGruMiddlePerDirection buffers.
+// hidden]. `middle` holds D * kGruMiddlePerDirection buffers; `scratch`
+// kGruScratchPerHidden * hidden floats.
 void gru_f32(const GruShape& s, const float* x, const float* w, const float* r, const float* bias,
-             const int* seq_lens, float* y, float* y_h, float* const* middle);
+             const int* seq_lens, float* y, float* y_h, float* const* middle, float* scratch);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit

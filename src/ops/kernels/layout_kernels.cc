@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include "ops/kernels/transpose.h"
 
 namespace kovra {
 namespace trenkit {
@@ -75,40 +74,58 @@ void space_to_depth_f32(const float* in, float* out, const std::vector<int>& sha
   }
 }
 
-void concat_f32(const std::vector<const float*>& ins, const std::vector<int>& axis_sizes,
-                float* out, const std::vector<int>& out_shape, int axis) {
-  const long long outer = product(out_shape, 0, axis);
+ConcatPlan plan_concat(const std::vector<int>& axis_sizes, const std::vector<int>& out_shape, int axis) {
+  ConcatPlan plan;
+  plan.outer = product(out_shape, 0, axis);
   const long long inner = product(out_shape, axis + 1, out_shape.size());
-  std::vector<long long> chunk(ins.size());
-  for (size_t i = 0; i < ins.size(); ++i) chunk[i] = axis_sizes[i] * inner;
+  plan.chunks.resize(axis_sizes.size());
+  for (size_t i = 0; i < axis_sizes.size(); ++i) plan.chunks[i] = axis_sizes[i] * inner;
+  return plan;
+}
+
+void concat_f32(const float* const* ins, const ConcatPlan& plan, float* out) {
+  const size_t parts = plan.chunks.size();
+  const long long* chunk = plan.chunks.data();
   float* dst = out;
-  for (long long o = 0; o < outer; ++o) {
-    for (size_t i = 0; i < ins.size(); ++i) {
+  for (long long o = 0; o < plan.outer; ++o) {
+    for (size_t i = 0; i < parts; ++i) {
       std::memcpy(dst, ins[i] + o * chunk[i], sizeof(float) * chunk[i]);
       dst += chunk[i];
     }
   }
 }
 
-void slice_f32(const float* in, const std::vector<int>& in_shape, const SliceWindow& window,
-               float* out) {
+void concat_f32(const std::vector<const float*>& ins, const std::vector<int>& axis_sizes,
+                float* out, const std::vector<int>& out_shape, int axis) {
+  concat_f32(ins.data(), plan_concat(axis_sizes, out_shape, axis), out);
+}
+
+SlicePlan plan_slice(const std::vector<int>& in_shape, const SliceWindow& window) {
   const int rank = static_cast<int>(in_shape.size());
-  const std::vector<int>& extent = window.out_shape;
-  const long long count = product(extent, 0, extent.size());
-  if (count <= 0) return;
+  SlicePlan plan;
+  plan.extent = window.out_shape;
+  plan.count = product(plan.extent, 0, plan.extent.size());
   std::vector<long long> stride(rank, 1);
   for (int a = rank - 2; a >= 0; --a) stride[a] = stride[a + 1] * in_shape[a + 1];
-  long long base = 0;
-  std::vector<long long> step(rank);
+  plan.step.resize(rank);
   for (int a = 0; a < rank; ++a) {
-    base += window.starts[a] * stride[a];
-    step[a] = static_cast<long long>(window.steps[a]) * stride[a];
+    plan.base += window.starts[a] * stride[a];
+    plan.step[a] = static_cast<long long>(window.steps[a]) * stride[a];
   }
+  return plan;
+}
+
+void slice_f32(const float* in, const SlicePlan& plan, float* out, int* index) {
+  const long long count = plan.count;
+  if (count <= 0) return;
+  const int rank = static_cast<int>(plan.extent.size());
+  const std::vector<int>& extent = plan.extent;
+  const std::vector<long long>& step = plan.step;
   // Odometer over every axis but the last; the last is one strided run.
   const int inner = extent[rank - 1];
   const long long inner_step = step[rank - 1];
-  std::vector<int> index(rank, 0);
-  long long offset = base;
+  for (int a = 0; a < rank; ++a) index[a] = 0;
+  long long offset = plan.base;
   for (long long o = 0; o < count; o += inner) {
     const float* src = in + offset;
     if (inner_step == 1) {
@@ -125,20 +142,36 @@ void slice_f32(const float* in, const std::vector<int>& in_shape, const SliceWin
   }
 }
 
-void pad_constant_f32(const float* in, const std::vector<int>& in_shape, const std::vector<int>& before,
-                      float value, float* out, const std::vector<int>& out_shape) {
+void slice_f32(const float* in, const std::vector<int>& in_shape, const SliceWindow& window,
+               float* out) {
+  const SlicePlan plan = plan_slice(in_shape, window);
+  std::vector<int> index(in_shape.size());
+  slice_f32(in, plan, out, index.data());
+}
+
+PadPlan plan_pad(const std::vector<int>& in_shape, const std::vector<int>& before,
+                 const std::vector<int>& out_shape) {
   const int rank = static_cast<int>(in_shape.size());
-  const long long out_count = product(out_shape, 0, out_shape.size());
-  std::fill(out, out + out_count, value);
-  const long long in_count = product(in_shape, 0, in_shape.size());
-  if (in_count <= 0) return;
-  std::vector<long long> out_stride(rank, 1);
-  for (int a = rank - 2; a >= 0; --a) out_stride[a] = out_stride[a + 1] * out_shape[a + 1];
-  long long offset = 0;
-  for (int a = 0; a < rank; ++a) offset += before[a] * out_stride[a];
+  PadPlan plan;
+  plan.out_count = product(out_shape, 0, out_shape.size());
+  plan.in_count = product(in_shape, 0, in_shape.size());
+  plan.in_shape = in_shape;
+  plan.out_stride.assign(rank, 1);
+  for (int a = rank - 2; a >= 0; --a) plan.out_stride[a] = plan.out_stride[a + 1] * out_shape[a + 1];
+  for (int a = 0; a < rank; ++a) plan.offset += before[a] * plan.out_stride[a];
+  return plan;
+}
+
+void pad_constant_f32(const float* in, const PadPlan& plan, float value, float* out, int* index) {
+  std::fill(out, out + plan.out_count, value);
+  if (plan.in_count <= 0) return;
+  const int rank = static_cast<int>(plan.in_shape.size());
+  const std::vector<int>& in_shape = plan.in_shape;
+  const std::vector<long long>& out_stride = plan.out_stride;
+  long long offset = plan.offset;
   const int inner = in_shape[rank - 1];
-  std::vector<int> index(rank, 0);
-  for (long long i = 0; i < in_count; i += inner) {
+  for (int a = 0; a < rank; ++a) index[a] = 0;
+  for (long long i = 0; i < plan.in_count; i += inner) {
     std::memcpy(out + offset, in + i, sizeof(float) * inner);
     for (int a = rank - 2; a >= 0; --a) {
       offset += out_stride[a];
@@ -147,6 +180,13 @@ void pad_constant_f32(const float* in, const std::vector<int>& in_shape, const s
       index[a] = 0;
     }
   }
+}
+
+void pad_constant_f32(const float* in, const std::vector<int>& in_shape, const std::vector<int>& before,
+                      float value, float* out, const std::vector<int>& out_shape) {
+  const PadPlan plan = plan_pad(in_shape, before, out_shape);
+  std::vector<int> index(in_shape.size());
+  pad_constant_f32(in, plan, value, out, index.data());
 }
 
 std::vector<int> to_channels_first_perm(int rank) {
@@ -171,22 +211,37 @@ std::vector<int> to_channels_last_perm(int rank) {
 
 // ONNX reshapes see NCHW data: read the input channels-first, reinterpret the
 // flat buffer under the new shape (channels-first too), store channels-last.
-void onnx_reshape_reorder(const float* in, const std::vector<int>& in_shape, float* out,
-                          const std::vector<int>& out_shape, float* scratch) {
-  const long long count = product(in_shape, 0, in_shape.size());
-  if (count <= 0) return;
-  transpose(in, scratch, in_shape, to_channels_first_perm(static_cast<int>(in_shape.size())));
+OnnxReshapePlan plan_onnx_reshape(const std::vector<int>& in_shape, const std::vector<int>& out_shape) {
+  OnnxReshapePlan plan;
+  plan.to_first = plan_transpose(in_shape, to_channels_first_perm(static_cast<int>(in_shape.size())));
   const int out_rank = static_cast<int>(out_shape.size());
-  if (out_rank < 3) {
-    std::memcpy(out, scratch, sizeof(float) * count);
-    return;
-  }
+  plan.flat = out_rank < 3;
+  if (plan.flat) return plan;
   // The reshaped data are channels-first: [N, C, D1, ..., Dk] under out_shape's
   // channels-last dimensions [N, D1, ..., Dk, C].
   std::vector<int> first_shape(out_rank);
   const std::vector<int> to_first = to_channels_first_perm(out_rank);
   for (int a = 0; a < out_rank; ++a) first_shape[a] = out_shape[to_first[a]];
-  transpose(scratch, out, first_shape, to_channels_last_perm(out_rank));
+  plan.to_last = plan_transpose(first_shape, to_channels_last_perm(out_rank));
+  return plan;
+}
+
+void onnx_reshape_reorder(const float* in, float* out, const OnnxReshapePlan& plan, float* scratch, int* index) {
+  const long long count = plan.to_first.count;
+  if (count <= 0) return;
+  transpose(in, scratch, plan.to_first, index);
+  if (plan.flat) {
+    std::memcpy(out, scratch, sizeof(float) * count);
+    return;
+  }
+  transpose(scratch, out, plan.to_last, index);
+}
+
+void onnx_reshape_reorder(const float* in, const std::vector<int>& in_shape, float* out,
+                          const std::vector<int>& out_shape, float* scratch) {
+  const OnnxReshapePlan plan = plan_onnx_reshape(in_shape, out_shape);
+  std::vector<int> index(std::max(in_shape.size(), out_shape.size()));
+  onnx_reshape_reorder(in, out, plan, scratch, index.data());
 }
 
 }  // namespace kovraexecutor

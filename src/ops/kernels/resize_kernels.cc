@@ -54,6 +54,10 @@ void for_each_row(int rows, long long work, RowFn row_fn) {
 void resize_nearest_f32(const float* in, float* out, const ResizeGeometry& g) {
   const std::vector<int> sy = nearest_source_indices(g.h, g.out_h);
   const std::vector<int> sx = nearest_source_indices(g.w, g.out_w);
+  resize_nearest_f32(in, out, g, sy.data(), sx.data());
+}
+
+void resize_nearest_f32(const float* in, float* out, const ResizeGeometry& g, const int* sy, const int* sx) {
   const int c = g.c;
   const int rows = g.n * g.out_h;
   for_each_row(rows, static_cast<long long>(rows) * g.out_w * c, [&](int row) {
@@ -64,11 +68,16 @@ void resize_nearest_f32(const float* in, float* out, const ResizeGeometry& g) {
   });
 }
 
-// Each output is top + (bottom - top) * y_frac with top/bottom interpolated
-// along x first, as TensorFlow orders the lerps.
 void resize_bilinear_f32(const float* in, float* out, const ResizeGeometry& g, bool align_corners) {
   const std::vector<LinearTap> ty = bilinear_taps(g.h, g.out_h, align_corners);
   const std::vector<LinearTap> tx = bilinear_taps(g.w, g.out_w, align_corners);
+  resize_bilinear_f32(in, out, g, ty.data(), tx.data());
+}
+
+// Each output is top + (bottom - top) * y_frac with top/bottom interpolated
+// along x first, as TensorFlow orders the lerps.
+void resize_bilinear_f32(const float* in, float* out, const ResizeGeometry& g, const LinearTap* ty,
+                         const LinearTap* tx) {
   const int c = g.c;
   const int rows = g.n * g.out_h;
   for_each_row(rows, static_cast<long long>(rows) * g.out_w * c * 4, [&](int row) {
