@@ -44,8 +44,8 @@ class FloatAddOpExecutor : public FloatBinaryOpExecutor<Op, Param> {
     this->_check_operands(inputs, n);
     float* grads[2];
     prepare_input_grads(inputs, output_grad, n, input_grads, 2, grads, Op::kName);
-    Op::kBackward(output->data<float>(), output_grad->data<float>(), n, inputs[1]->size(), this->op_param_.act,
-                  grads[0], grads[1]);
+    Op::kBackward(output->data<float>(), output_grad->data<float>(), n, inputs[1]->size(),
+                  this->op_param_.act, grads[0], grads[1]);
   }
 };
 

@@ -59,12 +59,13 @@ class FloatUnaryOpExecutor : public ParamOpExecutor<Param> {
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
     const int n = this->op_param_.count;
-    if (KOVRA_UNLIKELY(inputs.empty() || !is_float_of_size(inputs[0], n) || !is_float_of_size_at_least(output, n))) {
+    if (KOVRA_UNLIKELY(inputs.empty() || !is_float_of_size(inputs[0], n) ||
+                       !is_float_of_size_at_least(output, n))) {
       _refuse(inputs, output);
     }
     if (n > 0) {
-      static_cast<const Op*>(this)->compute(inputs[0]->template data<float>(), output->template mutable_data<float>(),
-                                           n);
+      static_cast<const Op*>(this)->compute(inputs[0]->template data<float>(),
+                                            output->template mutable_data<float>(), n);
     }
     return true;
   }
@@ -111,13 +112,14 @@ class FloatBinaryOpExecutor : public ParamOpExecutor<Param> {
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
     const Param& p = this->op_param_;
     if (KOVRA_UNLIKELY(!Op::operand_count_ok(inputs.size()) || !is_float_of_size(inputs[0], p.count) ||
-                       !is_float_of_size(inputs[1], p.b_count) || !is_float_of_size_at_least(output, p.count))) {
+                       !is_float_of_size(inputs[1], p.b_count) ||
+                       !is_float_of_size_at_least(output, p.count))) {
       _refuse(inputs, output);
     }
     if (p.count > 0) {
       static_cast<const Op*>(this)->compute(inputs[0]->template data<float>(), p.count,
-                                           inputs[1]->template data<float>(), p.b_count,
-                                           output->template mutable_data<float>());
+                                            inputs[1]->template data<float>(), p.b_count,
+                                            output->template mutable_data<float>());
     }
     return true;
   }

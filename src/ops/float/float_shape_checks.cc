@@ -53,7 +53,8 @@ void check_float_output(const Tensor* output, const char* op) {
 namespace {
 
 [[noreturn]] void fail_not_prepared(const char* op) {
-  check_failed_quoted("inference_shape before execute", std::string(op) + ": execute called before inference_shape");
+  check_failed_quoted("inference_shape before execute",
+                      std::string(op) + ": execute called before inference_shape");
 }
 
 }  // namespace

@@ -14,7 +14,8 @@ class Z40AvgPoolOpExecutor : public FloatPoolOpExecutor<Z40AvgPoolOpExecutor, Z4
   static constexpr void (*kKernel)(const float*, float*, const PoolGeometry&) = avg_pool_f32;
 
   static void check_input(const Tensor* input) {
-    KOVRA_ENSURE_MSG(input->dims() == 4, "input_tensor->shape().size() == 4", "Wrong input shape in z40_avg_pool.");
+    KOVRA_ENSURE_MSG(input->dims() == 4, "input_tensor->shape().size() == 4",
+                     "Wrong input shape in z40_avg_pool.");
     check_float(input, kName);
   }
 };

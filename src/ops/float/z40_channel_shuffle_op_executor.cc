@@ -21,7 +21,8 @@ class Z40ChannelShuffleOpExecutor : public ParamOpExecutor<Z40ChannelShufflePara
   static constexpr const char* kName = "Z40ChannelShuffle";
 
   void parse_parameter(const NodeDef& node) override {
-    require_float_as_int(node, "groups", op_param_.groups, "Do not find the groups in FloatZ40ChannelShuffle!!!");
+    require_float_as_int(node, "groups", op_param_.groups,
+                         "Do not find the groups in FloatZ40ChannelShuffle!!!");
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {

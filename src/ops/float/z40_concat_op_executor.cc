@@ -49,7 +49,8 @@ class Z40ConcatOpExecutor : public ParamOpExecutor<Z40ConcatParam> {
 
  private:
   static std::vector<int> _joined_shape(const std::vector<const Tensor*>& inputs) {
-    KOVRA_ENSURE_MSG(inputs.size() > 1, "inputs.size() > 1", "Z40Concat operator inputs must greater than 1.");
+    KOVRA_ENSURE_MSG(inputs.size() > 1, "inputs.size() > 1",
+                     "Z40Concat operator inputs must greater than 1.");
     const std::vector<int>& first = inputs[0]->shape();
     KOVRA_ENSURE_MSG(!first.empty(), "input_tensor->shape().size() > 0",
                      "The shape of input is 0 in FloatZ40Concat!!!");
@@ -61,8 +62,8 @@ class Z40ConcatOpExecutor : public ParamOpExecutor<Z40ConcatParam> {
       bool match = shape.size() == first.size();
       for (size_t a = 0; match && a + 1 < shape.size(); ++a) match = shape[a] == first[a];
       KOVRA_ENSURE_MSG(match, "inputs agree on every axis but the last",
-                       std::string(kName) + " cannot join " + input->name() + " " + shape_text(shape) + " to " +
-                           inputs[0]->name() + " " + shape_text(first));
+                       std::string(kName) + " cannot join " + input->name() + " " + shape_text(shape) +
+                           " to " + inputs[0]->name() + " " + shape_text(first));
       channels += shape.back();
     }
     KOVRA_ENSURE_MSG(channels <= 0x7fffffffLL, "joined channels fit in int",

@@ -14,7 +14,9 @@ class Z40DivOpExecutor : public FloatBinaryOpExecutor<Z40DivOpExecutor, Z40DivPa
   static constexpr const char* kRank4Message = "Wrong input shape in FloatZ40Div.";
   static constexpr Pairing kPairing = Pairing::kCyclic;
 
-  void compute(const float* a, int n, const float* b, int nb, float* out) const { div_cyclic_f32(a, n, b, nb, out); }
+  void compute(const float* a, int n, const float* b, int nb, float* out) const {
+    div_cyclic_f32(a, n, b, nb, out);
+  }
 };
 
 }  // namespace kovraexecutor

@@ -14,7 +14,9 @@ class Z40EltwiseDivOpExecutor : public FloatBinaryOpExecutor<Z40EltwiseDivOpExec
   static constexpr const char* kRank4Message = "Wrong input shape in FloatZ40EltwiseDiv.";
   static constexpr Pairing kPairing = Pairing::kScalarOrSame;
 
-  void compute(const float* a, int n, const float* b, int nb, float* out) const { eltwise_div_f32(a, n, b, nb, out); }
+  void compute(const float* a, int n, const float* b, int nb, float* out) const {
+    eltwise_div_f32(a, n, b, nb, out);
+  }
 };
 
 }  // namespace kovraexecutor

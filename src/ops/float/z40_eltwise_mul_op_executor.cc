@@ -19,11 +19,14 @@ class Z40EltwiseMulOpExecutor : public FloatBinaryOpExecutor<Z40EltwiseMulOpExec
 
   // Exactly two inputs; the message names the int8 operator it was copied from.
   static void check_operand_count(const std::vector<const Tensor*>& inputs) {
-    if (inputs.size() != 2) fatal("Unspport input size :" + std::to_string(inputs.size()) + "in Z40EltwiseMulInt8.");
+    if (inputs.size() != 2)
+      fatal("Unspport input size :" + std::to_string(inputs.size()) + "in Z40EltwiseMulInt8.");
   }
   static bool operand_count_ok(size_t count) { return count == 2; }
 
-  void compute(const float* a, int n, const float* b, int nb, float* out) const { mul_cyclic_f32(a, n, b, nb, out); }
+  void compute(const float* a, int n, const float* b, int nb, float* out) const {
+    mul_cyclic_f32(a, n, b, nb, out);
+  }
 };
 
 }  // namespace kovraexecutor

@@ -15,7 +15,9 @@ class Z40EltwiseSubOpExecutor : public FloatBinaryOpExecutor<Z40EltwiseSubOpExec
   static constexpr const char* kLabel = "Z40EltwiseSubInt8";
   static constexpr Pairing kPairing = Pairing::kScalarOrSame;
 
-  void compute(const float* a, int n, const float* b, int nb, float* out) const { eltwise_sub_f32(a, n, b, nb, out); }
+  void compute(const float* a, int n, const float* b, int nb, float* out) const {
+    eltwise_sub_f32(a, n, b, nb, out);
+  }
 };
 
 }  // namespace kovraexecutor

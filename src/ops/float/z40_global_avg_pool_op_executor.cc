@@ -42,7 +42,8 @@ class Z40GlobalAvgPoolOpExecutor : public ParamOpExecutor<Z40GlobalAvgPoolParam>
                 std::vector<Tensor*>& input_grads) override {
     (void)output;
     const Extent e = _extent(inputs);
-    KOVRA_ENSURE_MSG(output_grad != nullptr && output_grad->size() == e.n * e.c, "output_grad->size() == N * C",
+    KOVRA_ENSURE_MSG(output_grad != nullptr && output_grad->size() == e.n * e.c,
+                     "output_grad->size() == N * C",
                      std::string(kName) + ": the output gradient does not match [" + std::to_string(e.n) +
                          ",1,1," + std::to_string(e.c) + "]");
     check_float(output_grad, kName);

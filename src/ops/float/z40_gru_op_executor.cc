@@ -81,8 +81,8 @@ void Z40GRUOpExecutor::_run(const std::vector<const Tensor*>& inputs, const floa
     middle[k] = m->mutable_data<float>();
   }
   gru_f32(s, x, inputs[1]->data<float>(), inputs[2]->data<float>(), inputs[3]->data<float>(),
-          p.exist_sequence_lens ? p.lens.data() : nullptr, output->mutable_data<float>(), y_h->mutable_data<float>(),
-          middle, p.scratch.data());
+          p.exist_sequence_lens ? p.lens.data() : nullptr, output->mutable_data<float>(),
+          y_h->mutable_data<float>(), middle, p.scratch.data());
 }
 
 GruShape Z40GRUOpExecutor::_plan(const std::vector<const Tensor*>& inputs) const {
@@ -106,8 +106,8 @@ GruShape Z40GRUOpExecutor::_plan(const std::vector<const Tensor*>& inputs) const
   s.directions = p.direction == "bidirectional" ? 2 : 1;
   s.reverse = p.direction == "reverse";
   s.linear_before_reset = p.linear_before_reset;
-  check_positive_dims({s.seq_len, s.batch, s.input_size, s.hidden}, "[seq_len, batch, input_size, hidden_size]",
-                      kName);
+  check_positive_dims({s.seq_len, s.batch, s.input_size, s.hidden},
+                      "[seq_len, batch, input_size, hidden_size]", kName);
   const long long gates = 3LL * s.directions * s.hidden;
   _check_weight(inputs[1], gates * s.input_size, "W");
   _check_weight(inputs[2], gates * s.hidden, "R");
@@ -117,18 +117,19 @@ GruShape Z40GRUOpExecutor::_plan(const std::vector<const Tensor*>& inputs) const
 
 void Z40GRUOpExecutor::_check_weight(const Tensor* t, long long count, const char* what) {
   KOVRA_ENSURE_MSG(t->size() == count, "weight->size() == expected",
-                   std::string(kName) + ": " + what + " (" + t->name() + ") holds " + std::to_string(t->size()) +
-                       " values, the attributes need " + std::to_string(count));
+                   std::string(kName) + ": " + what + " (" + t->name() + ") holds " +
+                       std::to_string(t->size()) + " values, the attributes need " + std::to_string(count));
 }
 
 void Z40GRUOpExecutor::_read_sequence_lengths(const Tensor* t) {
   Z40GRUParam& p = op_param_;
   const GruShape& s = p.shape;
   KOVRA_ENSURE_MSG(t->size() == s.batch, "sequence_lens->size() == batch",
-                   std::string(kName) + ": " + std::to_string(t->size()) + " sequence lengths for a batch of " +
-                       std::to_string(s.batch));
+                   std::string(kName) + ": " + std::to_string(t->size()) +
+                       " sequence lengths for a batch of " + std::to_string(s.batch));
   KOVRA_ENSURE_MSG(
-      t->data_type() == Tensor::DT_INT32 || t->data_type() == Tensor::DT_FLOAT, "sequence_lens is int32 or float",
+      t->data_type() == Tensor::DT_INT32 || t->data_type() == Tensor::DT_FLOAT,
+      "sequence_lens is int32 or float",
       std::string(kName) + ": sequence lengths of type " + std::to_string(static_cast<int>(t->data_type())));
   for (int b = 0; b < s.batch; ++b) {
     const double v = t->data_type() == Tensor::DT_INT32 ? t->data<int>()[b] : t->data<float>()[b];
@@ -166,10 +167,12 @@ void Z40GRUOpExecutor::_name_outputs(const std::string& name) {
   p.names_for = name;
   p.y_h_name = name + ":1";
   p.middle_names.resize(2 * kGruMiddlePerDirection);
-  for (int k = 0; k < 2 * kGruMiddlePerDirection; ++k) p.middle_names[k] = name + "_middle_" + std::to_string(k);
+  for (int k = 0; k < 2 * kGruMiddlePerDirection; ++k)
+    p.middle_names[k] = name + "_middle_" + std::to_string(k);
 }
 
-bool Z40GRUOpExecutor::_matches_prepared(const std::vector<const Tensor*>& inputs, const Tensor* output) const {
+bool Z40GRUOpExecutor::_matches_prepared(const std::vector<const Tensor*>& inputs,
+                                         const Tensor* output) const {
   const Z40GRUParam& p = op_param_;
   const GruShape& s = p.shape;
   if (p.x_shape.empty() || inputs.size() < (p.exist_sequence_lens ? 5u : 4u)) return false;
@@ -179,7 +182,8 @@ bool Z40GRUOpExecutor::_matches_prepared(const std::vector<const Tensor*>& input
   };
   return inputs[0]->shape() == p.x_shape && inputs[0]->data_type() == Tensor::DT_FLOAT &&
          holds(inputs[1], gates * s.input_size) && holds(inputs[2], gates * s.hidden) &&
-         holds(inputs[3], 2 * gates) && output->shape() == p.y_shape && output->data_type() == Tensor::DT_FLOAT;
+         holds(inputs[3], 2 * gates) && output->shape() == p.y_shape &&
+         output->data_type() == Tensor::DT_FLOAT;
 }
 
 void Z40GRUOpExecutor::_refuse(const std::vector<const Tensor*>& inputs, const Tensor* output) const {

@@ -35,10 +35,12 @@ class Z40MulOpExecutor : public ParamOpExecutor<Z40MulParam> {
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
     const Z40MulParam& p = op_param_;
     if (KOVRA_UNLIKELY(inputs.size() < 2 || !is_float_of_size(inputs[0], p.count) ||
-                       !is_float_of_size(inputs[1], p.b_count) || !is_float_of_size_at_least(output, p.count))) {
+                       !is_float_of_size(inputs[1], p.b_count) ||
+                       !is_float_of_size_at_least(output, p.count))) {
       _refuse(inputs, output);
     }
-    mul_broadcast_f32(inputs[0]->data<float>(), inputs[1]->data<float>(), output->mutable_data<float>(), p.plan);
+    mul_broadcast_f32(inputs[0]->data<float>(), inputs[1]->data<float>(), output->mutable_data<float>(),
+                      p.plan);
     return true;
   }
 

@@ -14,7 +14,9 @@ class Z40PowOpExecutor : public FloatBinaryOpExecutor<Z40PowOpExecutor, Z40PowPa
   static constexpr const char* kLabel = "FloatZ40Pow";
   static constexpr Pairing kPairing = Pairing::kCyclic;
 
-  void compute(const float* a, int n, const float* b, int nb, float* out) const { pow_cyclic_f32(a, n, b, nb, out); }
+  void compute(const float* a, int n, const float* b, int nb, float* out) const {
+    pow_cyclic_f32(a, n, b, nb, out);
+  }
 };
 
 }  // namespace kovraexecutor

@@ -34,7 +34,8 @@ class Z40PReluOpExecutor : public FloatBinaryOpExecutor<Z40PReluOpExecutor, Z40P
     check_input_count(inputs, 2, kName);
     check_float(inputs[0], kName);
     check_float(inputs[1], kName);
-    KOVRA_ENSURE_MSG(inputs[0]->dims() == 4, "output->shape().size() == 4", "Wrong input shape in FloatZ40PRelu.");
+    KOVRA_ENSURE_MSG(inputs[0]->dims() == 4, "output->shape().size() == 4",
+                     "Wrong input shape in FloatZ40PRelu.");
     if (inputs[0]->size() > 0) check_min_size(inputs[1], inputs[0]->shape()[3], kName);
   }
 

@@ -4,8 +4,8 @@
 #include "common.h"
 #include "op_attr.h"
 #include "op_executor.h"
-#include "ops/float/float_shape_checks.h"
 #include "ops/common/op_checks.h"
+#include "ops/float/float_shape_checks.h"
 #include "ops/kernels/quantize_weight_kernels.h"
 
 namespace kovra {
@@ -67,10 +67,10 @@ class Z40QuantizeWeightOpExecutor : public ParamOpExecutor<Z40QuantizeWeightPara
     (void)output;
     const QuantizeWeightParam p = _plan(inputs);
     const Tensor* weight = inputs[0];
-    KOVRA_ENSURE_MSG(
-        output_grad != nullptr && output_grad->size() == weight->size(),
-        "output_grad->size() == weight->size()",
-        std::string(kName) + ": the output gradient does not match the weight " + shape_text(weight->shape()));
+    KOVRA_ENSURE_MSG(output_grad != nullptr && output_grad->size() == weight->size(),
+                     "output_grad->size() == weight->size()",
+                     std::string(kName) + ": the output gradient does not match the weight " +
+                         shape_text(weight->shape()));
     check_float(output_grad, kName);
     Tensor* grads[2] = {nullptr, nullptr};
     for (size_t i = 0; i < 2 && i < input_grads.size(); ++i) {

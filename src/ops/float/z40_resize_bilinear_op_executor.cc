@@ -24,7 +24,8 @@ class Z40ResizeBilinearOpExecutor : public ParamOpExecutor<Z40ResizeBilinearPara
 
   void parse_parameter(const NodeDef& node) override {
     read_bool(node, "align_corners", op_param_.align_corners);
-    require_float(node, "wh_scale", op_param_.wh_scale, "Do not find the wh_scale in FloatZ40ResizeBilinear!!!");
+    require_float(node, "wh_scale", op_param_.wh_scale,
+                  "Do not find the wh_scale in FloatZ40ResizeBilinear!!!");
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {

@@ -5,9 +5,9 @@
 #include "common.h"
 #include "op_attr.h"
 #include "op_executor.h"
+#include "ops/common/op_checks.h"
 #include "ops/float/float_shape_checks.h"
 #include "ops/kernels/layout_kernels.h"
-#include "ops/common/op_checks.h"
 
 namespace kovra {
 namespace trenkit {

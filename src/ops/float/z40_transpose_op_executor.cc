@@ -60,8 +60,8 @@ class Z40TransposeOpExecutor : public ParamOpExecutor<Z40TransposeParam> {
       for (int a = rank - 1; a >= 0; --a) perm.push_back(a);
     }
     KOVRA_ENSURE_MSG(is_permutation_of_rank(perm, rank), "is_permutation_of_rank(perm, rank)",
-                     std::string(kName) + ": perm " + shape_text(perm) + " is no permutation of the axes of " +
-                         shape_text(input->shape()));
+                     std::string(kName) + ": perm " + shape_text(perm) +
+                         " is no permutation of the axes of " + shape_text(input->shape()));
     std::vector<int> permuted(rank);
     for (int a = 0; a < rank; ++a) permuted[a] = input->shape()[perm[a]];
     KOVRA_ENSURE_MSG(permuted == op_param_.output_shape, "output_shape == input shape permuted by perm",

@@ -54,11 +54,12 @@ class Z40Unpool2DOpExecutor : public ParamOpExecutor<Z40Unpool2DParam> {
     const Z40Unpool2DParam& p = op_param_;
     KOVRA_ENSURE_MSG(p.mode == "nearest", "op_param_->mode == \"nearest\"",
                      std::string(kName) + " only supports mode nearest, not " + p.mode);
-    KOVRA_ENSURE_MSG(p.kernel_size.size() == 2 && p.kernel_size[0] > 0 && p.kernel_size[1] > 0,
-                     "kernel_size == [kernel_h, kernel_w] > 0",
-                     std::string(kName) + ": kernel_size " + shape_text(p.kernel_size) +
-                         " is not two positive factors");
-    return plan_resize(inputs, static_cast<float>(p.kernel_size[0]), static_cast<float>(p.kernel_size[1]), kName);
+    KOVRA_ENSURE_MSG(
+        p.kernel_size.size() == 2 && p.kernel_size[0] > 0 && p.kernel_size[1] > 0,
+        "kernel_size == [kernel_h, kernel_w] > 0",
+        std::string(kName) + ": kernel_size " + shape_text(p.kernel_size) + " is not two positive factors");
+    return plan_resize(inputs, static_cast<float>(p.kernel_size[0]), static_cast<float>(p.kernel_size[1]),
+                       kName);
   }
 
   [[noreturn]] __attribute__((noinline, cold)) void _refuse(const std::vector<const Tensor*>& inputs,

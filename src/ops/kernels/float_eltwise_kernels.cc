@@ -41,15 +41,21 @@ struct PlusThen {
 
 void add_fused(const float* a, int n, const float* b, int nb, float* out, FusedRelu act) {
   switch (act) {
-    case FusedRelu::kNone: binary_cyclic(a, n, b, nb, out, PlusThen<FusedRelu::kNone>()); break;
-    case FusedRelu::kRelu: binary_cyclic(a, n, b, nb, out, PlusThen<FusedRelu::kRelu>()); break;
-    case FusedRelu::kRelu6: binary_cyclic(a, n, b, nb, out, PlusThen<FusedRelu::kRelu6>()); break;
+    case FusedRelu::kNone:
+      binary_cyclic(a, n, b, nb, out, PlusThen<FusedRelu::kNone>());
+      break;
+    case FusedRelu::kRelu:
+      binary_cyclic(a, n, b, nb, out, PlusThen<FusedRelu::kRelu>());
+      break;
+    case FusedRelu::kRelu6:
+      binary_cyclic(a, n, b, nb, out, PlusThen<FusedRelu::kRelu6>());
+      break;
   }
 }
 
 template <FusedRelu kAct>
-void batch_norm_scale_rows(const float* x, int n, const float* scale, const float* bias,
-                           int channels, float* out) {
+void batch_norm_scale_rows(const float* x, int n, const float* scale, const float* bias, int channels,
+                           float* out) {
   for (int start = 0; start < n; start += channels) {
     const int len = std::min(channels, n - start);
     const float* px = x + start;
@@ -146,8 +152,8 @@ void max_f32(const float* a, int n, const float* b, float* out) {
   if (n > 0) binary_cyclic(a, n, b, n, out, Maximum());
 }
 
-void batch_norm_scale_f32(const float* x, int n, const float* scale, const float* bias,
-                          int channels, float* out, FusedRelu act) {
+void batch_norm_scale_f32(const float* x, int n, const float* scale, const float* bias, int channels,
+                          float* out, FusedRelu act) {
   switch (act) {
     case FusedRelu::kNone:
       batch_norm_scale_rows<FusedRelu::kNone>(x, n, scale, bias, channels, out);

@@ -48,8 +48,8 @@ void mul_broadcast_f32(const float* a, const float* b, float* out, const Broadca
 // std::max(a[i], b[i]); b holds at least n values.
 void max_f32(const float* a, int n, const float* b, float* out);
 // x * scale[i mod channels] + bias[i mod channels], then the fused activation.
-void batch_norm_scale_f32(const float* x, int n, const float* scale, const float* bias,
-                          int channels, float* out, FusedRelu act);
+void batch_norm_scale_f32(const float* x, int n, const float* scale, const float* bias, int channels,
+                          float* out, FusedRelu act);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit

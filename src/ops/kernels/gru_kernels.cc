@@ -82,7 +82,8 @@ void gru_f32(const GruShape& s, const float* x, const float* w, const float* r, 
           hidden[j] = (1.0f - z[j]) * cand[j] + z[j] * h_prev[j];
           h_prev[j] = hidden[j];
         }
-        std::copy(hidden, hidden + H, y + (static_cast<long long>(t) * D + d) * step + static_cast<long long>(b) * H);
+        std::copy(hidden, hidden + H,
+                  y + (static_cast<long long>(t) * D + d) * step + static_cast<long long>(b) * H);
       }
       std::copy(h_prev, h_prev + H, y_h + static_cast<long long>(d) * step + static_cast<long long>(b) * H);
     }

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 
-
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
@@ -95,8 +94,8 @@ void concat_f32(const float* const* ins, const ConcatPlan& plan, float* out) {
   }
 }
 
-void concat_f32(const std::vector<const float*>& ins, const std::vector<int>& axis_sizes,
-                float* out, const std::vector<int>& out_shape, int axis) {
+void concat_f32(const std::vector<const float*>& ins, const std::vector<int>& axis_sizes, float* out,
+                const std::vector<int>& out_shape, int axis) {
   concat_f32(ins.data(), plan_concat(axis_sizes, out_shape, axis), out);
 }
 
@@ -142,8 +141,7 @@ void slice_f32(const float* in, const SlicePlan& plan, float* out, int* index) {
   }
 }
 
-void slice_f32(const float* in, const std::vector<int>& in_shape, const SliceWindow& window,
-               float* out) {
+void slice_f32(const float* in, const std::vector<int>& in_shape, const SliceWindow& window, float* out) {
   const SlicePlan plan = plan_slice(in_shape, window);
   std::vector<int> index(in_shape.size());
   slice_f32(in, plan, out, index.data());
@@ -226,7 +224,8 @@ OnnxReshapePlan plan_onnx_reshape(const std::vector<int>& in_shape, const std::v
   return plan;
 }
 
-void onnx_reshape_reorder(const float* in, float* out, const OnnxReshapePlan& plan, float* scratch, int* index) {
+void onnx_reshape_reorder(const float* in, float* out, const OnnxReshapePlan& plan, float* scratch,
+                          int* index) {
   const long long count = plan.to_first.count;
   if (count <= 0) return;
   transpose(in, scratch, plan.to_first, index);

@@ -34,8 +34,8 @@ struct ConcatPlan {
 ConcatPlan plan_concat(const std::vector<int>& axis_sizes, const std::vector<int>& out_shape, int axis);
 // `ins` holds one pointer per chunk of the plan.
 void concat_f32(const float* const* ins, const ConcatPlan& plan, float* out);
-void concat_f32(const std::vector<const float*>& ins, const std::vector<int>& axis_sizes,
-                float* out, const std::vector<int>& out_shape, int axis);
+void concat_f32(const std::vector<const float*>& ins, const std::vector<int>& axis_sizes, float* out,
+                const std::vector<int>& out_shape, int axis);
 
 // Strided window of an array: output index j on axis a reads input index
 // starts[a] + j * steps[a]; out_shape gives the window's extent per axis.
@@ -45,22 +45,21 @@ struct SliceWindow {
   std::vector<int> out_shape;
 };
 struct SlicePlan {
-  long long count = 0;           // elements of the window
-  long long base = 0;            // input offset of its first element
-  std::vector<int> extent;       // the window's extent per axis
-  std::vector<long long> step;   // input offset of one step along each axis
+  long long count = 0;          // elements of the window
+  long long base = 0;           // input offset of its first element
+  std::vector<int> extent;      // the window's extent per axis
+  std::vector<long long> step;  // input offset of one step along each axis
 };
 SlicePlan plan_slice(const std::vector<int>& in_shape, const SliceWindow& window);
 void slice_f32(const float* in, const SlicePlan& plan, float* out, int* index);
-void slice_f32(const float* in, const std::vector<int>& in_shape, const SliceWindow& window,
-               float* out);
+void slice_f32(const float* in, const std::vector<int>& in_shape, const SliceWindow& window, float* out);
 
 // Constant padding: before[a] entries of `value` precede the input on axis a;
 // out_shape[a] - in_shape[a] - before[a] follow it.
 struct PadPlan {
   long long out_count = 0;
   long long in_count = 0;
-  long long offset = 0;                // output offset of the first input element
+  long long offset = 0;  // output offset of the first input element
   std::vector<int> in_shape;
   std::vector<long long> out_stride;
 };
@@ -85,7 +84,8 @@ struct OnnxReshapePlan {
   bool flat = false;       // an output below rank 3: the channels-first order is the result
 };
 OnnxReshapePlan plan_onnx_reshape(const std::vector<int>& in_shape, const std::vector<int>& out_shape);
-void onnx_reshape_reorder(const float* in, float* out, const OnnxReshapePlan& plan, float* scratch, int* index);
+void onnx_reshape_reorder(const float* in, float* out, const OnnxReshapePlan& plan, float* scratch,
+                          int* index);
 void onnx_reshape_reorder(const float* in, const std::vector<int>& in_shape, float* out,
                           const std::vector<int>& out_shape, float* scratch);
 
