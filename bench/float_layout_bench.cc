@@ -1,5 +1,6 @@
 // Throughput of the float pooling, resize and concat operators on a
-// [1, 112, 112, 64] activation; items are input elements.
+// [1, 112, 112, 64] activation; items are input elements. The *Tiny cases
+// time one call on a few elements: the operator's own cost per call.
 #include <benchmark/benchmark.h>
 
 #include <memory>
@@ -75,8 +76,43 @@ void BM_Concat(benchmark::State& state) {
   run_op(state, "Z40Concat", node, {&a, &b});
 }
 
+void BM_MaxPoolTiny(benchmark::State& state) {
+  Tensor input = random_tensor({1, 4, 4, 4}, 5);
+  NodeDef node;
+  set_ints(node, "ksize", {1, 3, 3, 1});
+  set_ints(node, "strides", {1, 2, 2, 1});
+  (*node.mutable_attr())["padding"].set_s("SAME");
+  run_op(state, "Z40MaxPool", node, {&input});
+}
+
+void BM_ResizeBilinearTiny(benchmark::State& state) {
+  Tensor input = random_tensor({1, 2, 2, 4}, 6);
+  NodeDef node;
+  (*node.mutable_attr())["wh_scale"].set_f(2.0f);
+  run_op(state, "Z40ResizeBilinear", node, {&input});
+}
+
+void BM_ConcatTiny(benchmark::State& state) {
+  Tensor a = random_tensor({1, 1, 1, 4}, 7);
+  Tensor b = random_tensor({1, 1, 1, 4}, 8);
+  NodeDef node;
+  run_op(state, "Z40Concat", node, {&a, &b});
+}
+
+void BM_TransposeTiny(benchmark::State& state) {
+  Tensor input = random_tensor({1, 2, 2, 4}, 9);
+  NodeDef node;
+  set_ints(node, "perm", {0, 3, 1, 2});
+  set_ints(node, "output_shape", {1, 4, 2, 2});
+  run_op(state, "Z40Transpose", node, {&input});
+}
+
 BENCHMARK(BM_MaxPool3x3S2)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(BM_ResizeBilinearX2)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(BM_Concat)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(BM_MaxPoolTiny);
+BENCHMARK(BM_ResizeBilinearTiny);
+BENCHMARK(BM_ConcatTiny);
+BENCHMARK(BM_TransposeTiny);
 
 }  // namespace

@@ -161,6 +161,19 @@ std::vector<MessageCase> message_cases() {
          make_op("Z40Relu")->execute({&x}, &out);
        },
        "tensor->data_type() == DT_FLOAT", "Z40Relu reads q as float but it holds type 6"},
+      {"ReluInt8Output",
+       [] {
+         Tensor x = make_tensor({1, 4}, {1, 2, 3, 4}, "x");
+         Tensor out({1, 4}, Tensor::DT_INT8, nullptr, "cpu");
+         out.set_name("y");
+         auto op = make_op("Z40Relu");
+         std::vector<int> shape;
+         op->inference_shape({&x}, shape);
+         op->execute({&x}, &out);
+       },
+       "output->data_type() == DT_FLOAT", "Z40Relu writes y as float but it holds type 6"},
+      // Operands the tensor arithmetic cannot broadcast are reported by it, last line naming b.
+      {"MulUnsupportedBroadcast", run("Z40Mul", {{1, 2, 3}, {1, 2}}), nullptr, "tensor: b  shape: [1,2]"},
       // A gradient shorter than the output.
       {"MaxShortGradient",
        [] {

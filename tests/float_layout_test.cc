@@ -31,15 +31,20 @@ struct LayoutCase {
   std::vector<float> in;
   std::vector<int> out_shape;
   std::vector<float> out;
+  std::vector<std::pair<std::vector<int>, std::vector<float>>> more_inputs = {};
 };
 
 class HandWorkedLayoutTest : public ::testing::TestWithParam<LayoutCase> {};
 
 TEST_P(HandWorkedLayoutTest, MatchesHandValues) {
   const LayoutCase& c = GetParam();
-  Tensor input = make_tensor(c.in_shape, c.in, "x");
+  std::vector<Tensor> tensors;
+  tensors.push_back(make_tensor(c.in_shape, c.in, "x"));
+  for (const auto& more : c.more_inputs) tensors.push_back(make_tensor(more.first, more.second));
+  std::vector<const Tensor*> inputs;
+  for (const Tensor& t : tensors) inputs.push_back(&t);
   std::vector<int> shape;
-  EXPECT_EQ(run_op(c.op, c.attrs, {&input}, &shape), c.out);
+  EXPECT_EQ(run_op(c.op, c.attrs, inputs, &shape), c.out);
   EXPECT_EQ(shape, c.out_shape);
 }
 
@@ -63,6 +68,13 @@ INSTANTIATE_TEST_SUITE_P(
         LayoutCase{"space_to_depth_4x4", "Z40SpaceToDepth", R"(attr { key: "output_shape" value { list { i: 1 i: 2 i: 2 i: 4 } } })",
                    {1, 4, 4, 1}, iota(16), {1, 2, 2, 4},
                    {0, 1, 4, 5, 2, 3, 6, 7, 8, 9, 12, 13, 10, 11, 14, 15}},
+        // [1, H=1, W=2, C=2] = pixels (a0,a1), (b0,b1): channels-first flat order is a0 b0 a1 b1
+        LayoutCase{"reshape_onnx_flatten", "Z40Reshape",
+                   R"(attr { key: "src_framework" value { s: "ONNX" } } attr { key: "output_shape" value { list { i: 1 i: 4 } } })",
+                   {1, 1, 2, 2}, {1, 2, 3, 4}, {1, 4}, {1, 3, 2, 4}},
+        // every input joins along the channels
+        LayoutCase{"concat_three", "Z40Concat", "", {1, 1, 2, 2}, {1, 2, 3, 4}, {1, 1, 2, 6},
+                   {1, 2, 5, 7, 8, 9, 3, 4, 6, 10, 11, 12}, {{{1, 1, 2, 1}, {5, 6}}, {{1, 1, 2, 3}, {7, 8, 9, 10, 11, 12}}}},
         LayoutCase{"reshape_plain", "Z40Reshape", R"(attr { key: "output_shape" value { list { i: 3 i: 2 } } })",
                    {1, 1, 2, 3}, iota(6), {3, 2}, iota(6)},
         LayoutCase{"squeeze", "Z40Squeeze", R"(attr { key: "output_shape" value { list { i: 4 } } })", {1, 1, 1, 4},
@@ -112,16 +124,6 @@ INSTANTIATE_TEST_SUITE_P(
                       attr { key: "output_shape" value { list { i: 1 i: 2 i: 2 i: 2 } } })",
                    {1, 1, 1, 2}, {7, 8}, {1, 2, 2, 2}, {0, 0, 7, 8, 0, 0, 0, 0}}),
     [](const ::testing::TestParamInfo<LayoutCase>& info) { return std::string(info.param.label); });
-
-TEST(FloatConcatTest, JoinsChannelsOfEveryInput) {
-  Tensor a = make_tensor({1, 1, 2, 2}, {1, 2, 3, 4}, "a");
-  Tensor b = make_tensor({1, 1, 2, 1}, {5, 6}, "b");
-  Tensor c = make_tensor({1, 1, 2, 3}, {7, 8, 9, 10, 11, 12}, "c");
-  std::vector<int> shape;
-  EXPECT_EQ(run_op("Z40Concat", "", {&a, &b, &c}, &shape),
-            (std::vector<float>{1, 2, 5, 7, 8, 9, 3, 4, 6, 10, 11, 12}));
-  EXPECT_EQ(shape, (std::vector<int>{1, 1, 2, 6}));
-}
 
 TEST(FloatConcatTest, ConstantOperandInAGraph) {
   GraphDef graph;
@@ -184,48 +186,67 @@ INSTANTIATE_TEST_SUITE_P(Shapes, OnnxReshapeTest,
                                            OnnxReshapeCase{{1, 2, 2, 2}, {1, 1, 4, 2}},
                                            OnnxReshapeCase{{2, 6}, {2, 1, 3, 2}}));
 
-TEST(OnnxReshapeTest, FlattenHandValues) {
-  // [1, H=1, W=2, C=2] = pixels (a0,a1), (b0,b1): channels-first flat order is a0 b0 a1 b1.
-  Tensor input = make_tensor({1, 1, 2, 2}, {1, 2, 3, 4});
-  EXPECT_EQ(run_op("Z40Reshape",
-                   R"(attr { key: "src_framework" value { s: "ONNX" } } attr { key: "output_shape" value { list { i: 1 i: 4 } } })",
-                   {&input}),
-            (std::vector<float>{1, 3, 2, 4}));
-}
-
 // ---- every missing-attribute and rank message ---------------------------
 
-enum Stage { kParse, kInfer, kExecute };
+// kRun is inference_shape then execute, as a node runs. kExecute runs execute
+// alone, into a [1,1,1,1] output. kUnprepared does the same into the output
+// that inference_shape would give, which is never called; kChanged calls
+// inference_shape on `prepared` first.
+enum Stage { kParse, kInfer, kRun, kExecute, kUnprepared, kChanged };
 
 struct FatalCase {
   const char* label;
   const char* op;
-  const char* attrs;
+  std::string attrs;
   std::vector<std::vector<int>> inputs;  // an empty shape is a rank-0 tensor
   Stage stage;
   const char* condition;  // null for a plain "Error: <message>" line
   std::string message;
+  std::vector<std::vector<int>> prepared = {};
+  float fill = 0.5f;  // every input value
 };
 
-void run_to_stage(const FatalCase& c) {
+// Tensors in0, in1, ... of the given shapes, every value `fill`.
+std::vector<Tensor> filled_tensors(const std::vector<std::vector<int>>& shapes, float fill = 0.5f) {
   std::vector<Tensor> tensors;
-  for (size_t i = 0; i < c.inputs.size(); ++i) {
-    if (c.inputs[i].empty()) {
+  for (size_t i = 0; i < shapes.size(); ++i) {
+    if (shapes[i].empty()) {
       tensors.emplace_back();
       continue;
     }
     int count = 1;
-    for (int d : c.inputs[i]) count *= d;
-    tensors.push_back(make_tensor(c.inputs[i], std::vector<float>(count, 0.5f), "in" + std::to_string(i)));
+    for (int d : shapes[i]) count *= d;
+    tensors.push_back(make_tensor(shapes[i], std::vector<float>(count, fill), "in" + std::to_string(i)));
   }
-  std::vector<const Tensor*> inputs;
-  for (const Tensor& t : tensors) inputs.push_back(&t);
-  SingleOpRunner runner(c.op, node_with_attrs(c.attrs));
+  return tensors;
+}
+
+std::vector<const Tensor*> pointers(const std::vector<Tensor>& tensors) {
+  std::vector<const Tensor*> p;
+  for (const Tensor& t : tensors) p.push_back(&t);
+  return p;
+}
+
+void run_to_stage(const FatalCase& c) {
+  const std::vector<Tensor> tensors = filled_tensors(c.inputs, c.fill);
+  const std::vector<const Tensor*> inputs = pointers(tensors);
+  SingleOpRunner runner(c.op, node_with_attrs(c.attrs, "n"));
+  std::vector<int> shape;
   if (c.stage == kInfer) {
-    std::vector<int> shape;
     runner.op()->inference_shape(inputs, shape);
+  } else if (c.stage == kRun) {
+    runner.run(inputs);
   } else if (c.stage == kExecute) {
     runner.output().set_data({1, 1, 1, 1}, Tensor::DT_FLOAT, nullptr);
+    runner.op()->execute(inputs, &runner.output());
+  } else if (c.stage == kUnprepared || c.stage == kChanged) {
+    if (c.stage == kChanged) {
+      const std::vector<Tensor> earlier = filled_tensors(c.prepared);
+      runner.op()->inference_shape(pointers(earlier), shape);
+    }
+    SingleOpRunner other(c.op, node_with_attrs(c.attrs));
+    other.op()->inference_shape(inputs, shape);
+    runner.output().set_data(shape, Tensor::DT_FLOAT, nullptr);
     runner.op()->execute(inputs, &runner.output());
   }
 }
@@ -247,6 +268,14 @@ const char* const kPool = R"(attr { key: "ksize" value { list { i: 1 i: 2 i: 2 i
 const char* const kSlice = R"(attr { key: "starts" value { list { i: 0 } } } attr { key: "ends" value { list { i: 1 } } }
                               attr { key: "output_shape" value { list { i: 1 i: 1 i: 1 i: 1 } } })";
 const char* const kGru = R"(attr { key: "hidden_size" value { f: 1 } })";
+const char* const kGruLens = R"(attr { key: "hidden_size" value { f: 1 } } attr { key: "exist_sequence_lens" value { b: true } })";
+const std::vector<std::vector<int>> kGruShapes = {{2, 1, 1}, {1, 3, 1}, {1, 3, 1}, {1, 6}};
+const char* const kPool4x2 = R"(attr { key: "ksize" value { list { i: 1 i: 4 i: 2 i: 1 } } }
+                                attr { key: "strides" value { list { i: 1 i: 1 i: 1 i: 1 } } })";
+const char* const kPoolStride0 = R"(attr { key: "ksize" value { list { i: 1 i: 2 i: 2 i: 1 } } }
+                                    attr { key: "strides" value { list { i: 1 i: 0 i: 1 i: 1 } } })";
+const char* const kBilinear = R"(attr { key: "wh_scale" value { f: 2 } })";
+const char* const kAdaRound = R"(attr { key: "weight_bitwidth" value { f: 8 } })";
 const char* const kScalarCond = "input_tensor->shape().size() > 0";
 const char* const kRank4Cond = "input_tensor->shape().size() == 4";
 
@@ -416,8 +445,191 @@ INSTANTIATE_TEST_SUITE_P(
                   R"(attr { key: "pads" value { list { i: 0 i: 0 i: -1 i: 1 } } } attr { key: "output_shape" value { list { i: 1 i: 2 i: 2 i: 1 } } })",
                   {{1, 2, 2, 1}}, kInfer, "output_shape == input shape + pads",
                   "Z40Pad: input [1,2,2,1] padded by [0,0,-1,1] does not give output_shape [1,2,2,1]"},
-        FatalCase{"missing_input", "Z40Squeeze", kShape4, {}, kInfer, "inputs.size() >= 1", "Z40Squeeze needs 1 inputs but has 0"}),
+        FatalCase{"missing_input", "Z40Squeeze", kShape4, {}, kInfer, "inputs.size() >= 1", "Z40Squeeze needs 1 inputs but has 0"},
+        // pooling and resizing
+        FatalCase{"pool_kernel_larger_than_input", "Z40MaxPool", kPool4x2, {{1, 3, 3, 1}}, kInfer, "kernel <= padded input",
+                  "Z40MaxPool: ksize [1,4,2,1] is larger than the padded input [1,3,3,1]"},
+        FatalCase{"pool_zero_stride", "Z40AvgPool", kPoolStride0, {{1, 3, 3, 1}}, kInfer, "kernel and strides > 0",
+                  "Z40AvgPool: ksize [1,2,2,1] and strides [1,0,1,1] must be positive"},
+        FatalCase{"pool_short_pads", "Z40AvgPool", std::string(kPool) + R"( attr { key: "pads" value { list { i: 1 i: 1 } } })",
+                  {{1, 3, 3, 1}}, kInfer, "pads.size() >= 4", "Z40AvgPool: pads [1,1] needs top, bottom, left and right"},
+        FatalCase{"pool_pad_as_large_as_kernel", "Z40MaxPool",
+                  std::string(kPool) + R"( attr { key: "pads" value { list { i: 0 i: 0 i: 2 i: 0 } } })", {{1, 3, 3, 1}},
+                  kInfer, "0 <= pad < kernel", "Z40MaxPool: pads [0,0,2,0] must be smaller than ksize [1,2,2,1]"},
+        FatalCase{"max_pool_rank", "Z40MaxPool", kPool, {{3, 3, 1}}, kInfer, "input->dims() == 4",
+                  "Z40MaxPool needs a 4-D input but got [3,3,1]"},
+        FatalCase{"global_pool_rank", "Z40GlobalAvgPool", "", {{1, 1, 1, 1, 1}}, kInfer,
+                  "input->dims() == 3 || input->dims() == 4", "Z40GlobalAvgPool needs a 3-D or 4-D input but got [1,1,1,1,1]"},
+        FatalCase{"resize_rank", "Z40ResizeBilinear", kBilinear, {{2, 2}}, kInfer, "input->dims() == 4",
+                  "Z40ResizeBilinear needs a 4-D input but got [2,2]"},
+        FatalCase{"resize_to_nothing", "Z40ResizeBilinear", R"(attr { key: "wh_scale" value { f: 0.1 } })", {{1, 4, 4, 1}},
+                  kInfer, "all dimensions > 0", "Z40ResizeBilinear: resized shape [1,0,0,1] has an empty dimension"},
+        FatalCase{"resize_scale_of_wrong_kind", "Z40ResizeNearestNeighbor", R"(attr { key: "wh_scale" value { i: 2 } })",
+                  {{1, 4, 4, 1}}, kInfer, "all dimensions > 0",
+                  "Z40ResizeNearestNeighbor: resized shape [1,0,0,1] has an empty dimension"},
+        FatalCase{"nearest_mode", "Z40ResizeNearestNeighbor",
+                  std::string(kBilinear) + R"( attr { key: "mode" value { s: "linear" } })", {{1, 2, 2, 1}}, kInfer,
+                  "op_param_->mode == \"nearest\"", "Z40ResizeNearestNeighbor only supports mode nearest, not linear"},
+        FatalCase{"unpool_mode", "Z40Unpool2D", R"(attr { key: "mode" value { s: "max" } })", {{1, 2, 2, 1}}, kInfer,
+                  "op_param_->mode == \"nearest\"", "Z40Unpool2D only supports mode nearest, not max"},
+        FatalCase{"unpool_kernel", "Z40Unpool2D", R"(attr { key: "kernel_size" value { list { i: 2 i: 0 } } })",
+                  {{1, 2, 2, 1}}, kInfer, "kernel_size == [kernel_h, kernel_w] > 0",
+                  "Z40Unpool2D: kernel_size [2,0] is not two positive factors"},
+        // recurrence
+        FatalCase{"gru_too_few_inputs", "Z40GRU", kGru, {{2, 1, 1}, {1, 3, 1}}, kInfer, "inputs.size() >= 4",
+                  "Z40GRU needs 4 inputs but has 2"},
+        FatalCase{"gru_lens_missing", "Z40GRU", kGruLens, kGruShapes, kInfer, "inputs.size() >= 5",
+                  "Z40GRU needs 5 inputs but has 4"},
+        FatalCase{"gru_x_rank", "Z40GRU", kGru, {{2, 1}, {1, 3, 1}, {1, 3, 1}, {1, 6}}, kInfer, "input->dims() >= 3",
+                  "Z40GRU needs x as [seq_len, batch, input_size] but got [2,1]"},
+        FatalCase{"gru_direction", "Z40GRU", std::string(kGru) + R"( attr { key: "direction" value { s: "sideways" } })",
+                  kGruShapes, kInfer, "direction is forward, reverse or bidirectional", "Z40GRU: unknown direction sideways"},
+        FatalCase{"gru_hidden_zero", "Z40GRU", R"(attr { key: "hidden_size" value { f: 0 } })", kGruShapes, kInfer,
+                  "all dimensions > 0", "Z40GRU: [seq_len, batch, input_size, hidden_size] [2,1,1,0] has an empty dimension"},
+        FatalCase{"gru_short_w", "Z40GRU", std::string(kGru) + R"( attr { key: "direction" value { s: "bidirectional" } })",
+                  kGruShapes, kInfer, "weight->size() == expected", "Z40GRU: W (in1) holds 3 values, the attributes need 6"},
+        FatalCase{"gru_short_r", "Z40GRU", R"(attr { key: "hidden_size" value { f: 2 } })",
+                  {{2, 1, 1}, {1, 6, 1}, {1, 6, 1}, {1, 12}}, kInfer, "weight->size() == expected",
+                  "Z40GRU: R (in2) holds 6 values, the attributes need 12"},
+        FatalCase{"gru_short_b", "Z40GRU", kGru, {{2, 1, 1}, {1, 3, 1}, {1, 3, 1}, {1, 3}}, kInfer, "weight->size() == expected",
+                  "Z40GRU: B (in3) holds 3 values, the attributes need 6"},
+        FatalCase{"gru_output_shape_count", "Z40GRU", std::string(kGru) + R"( attr { key: "output_shape" value { list { i: 3 } } })",
+                  kGruShapes, kInfer, "element_count(shape) == expected", "Z40GRU: output_shape [3] does not hold 2 values"},
+        FatalCase{"gru_output_shape1_count", "Z40GRU",
+                  std::string(kGru) + R"( attr { key: "output_shape1" value { list { i: 2 } } })", kGruShapes, kInfer,
+                  "element_count(shape) == expected", "Z40GRU: output_shape1 [2] does not hold 1 values"},
+        // the sequence lengths are values, read on every run
+        FatalCase{"gru_lens_count", "Z40GRU", kGruLens, {{2, 1, 1}, {1, 3, 1}, {1, 3, 1}, {1, 6}, {2}}, kRun,
+                  "sequence_lens->size() == batch", "Z40GRU: 2 sequence lengths for a batch of 1"},
+        FatalCase{"gru_lens_too_long", "Z40GRU", kGruLens, {{2, 1, 1}, {1, 3, 1}, {1, 3, 1}, {1, 6}, {1}}, kRun,
+                  "0 <= sequence_len <= seq_len", "Z40GRU: sequence length 9.000000 outside 0..2", {}, 9.0f},
+        // weight rounding
+        FatalCase{"adaround_rounding_count", "Z40AdaRoundQuantizeWeight", kAdaRound, {{2, 2}, {3}}, kInfer,
+                  "rounding->size() == weight->size()", "Z40QuantizeWeight: in1 has 3 rounding variables for 4 weights"},
+        FatalCase{"adaround_bitwidth", "Z40AdaRoundQuantizeWeight", R"(attr { key: "weight_bitwidth" value { f: 1 } })",
+                  {{2, 2}, {2, 2}}, kInfer, "2 <= weight_bitwidth <= 16", "Z40QuantizeWeight: weight_bitwidth 1 is not supported"},
+        FatalCase{"adaround_bitwidth_of_wrong_kind", "Z40AdaRoundQuantizeWeight",
+                  R"(attr { key: "weight_bitwidth" value { i: 8 } })", {{2, 2}, {2, 2}}, kInfer, "2 <= weight_bitwidth <= 16",
+                  "Z40QuantizeWeight: weight_bitwidth 0 is not supported"}),
     [](const ::testing::TestParamInfo<FatalCase>& info) { return std::string(info.param.label); });
+
+// ---- execute runs on what inference_shape prepared -----------------------
+// A direct caller that skips inference_shape, or changes an input after it,
+// is stopped before anything is read; element-wise operators compare element
+// counts, the others shapes.
+
+const char* const kNotPrepared = "inference_shape before execute";
+const char* const kOtherSize = "input->size() == prepared size";
+const char* const kOtherShape = "input->shape() == prepared shape";
+const char* const kOnnxFlatten = R"(attr { key: "src_framework" value { s: "ONNX" } }
+                                    attr { key: "output_shape" value { list { i: 1 i: 4 } } })";
+
+INSTANTIATE_TEST_SUITE_P(
+    ExecuteOnWhatWasPrepared, FloatLayoutFatalTest,
+    ::testing::Values(
+        FatalCase{"relu_unprepared", "Z40Relu", "", {{1, 4}}, kUnprepared, kNotPrepared,
+                  "Z40Relu: execute called before inference_shape"},
+        FatalCase{"add_unprepared", "Z40Add", "", {{1, 4}, {1}}, kUnprepared, kNotPrepared,
+                  "Z40Add: execute called before inference_shape"},
+        FatalCase{"clone_unprepared", "Z40Clone", "", {{1, 1, 1, 2}}, kUnprepared, kNotPrepared,
+                  "Z40Clone: execute called before inference_shape"},
+        FatalCase{"concat_unprepared", "Z40Concat", "", {{1, 1, 1, 1}, {1, 1, 1, 2}}, kUnprepared, kNotPrepared,
+                  "Z40Concat: execute called before inference_shape"},
+        FatalCase{"gru_unprepared", "Z40GRU", kGru, kGruShapes, kUnprepared, kNotPrepared,
+                  "Z40GRU: execute called before inference_shape"},
+        FatalCase{"relu_smaller", "Z40Relu", "", {{1, 3}}, kChanged, kOtherSize,
+                  "Z40Relu: input in0 has 3 elements but inference_shape prepared 4", {{1, 4}}},
+        FatalCase{"linear_larger", "Z40Linear", "", {{5}}, kChanged, kOtherSize,
+                  "Z40Linear: input in0 has 5 elements but inference_shape prepared 4", {{2, 2}}},
+        // b may be one value or one per channel, but not another one than prepared
+        FatalCase{"add_other_b", "Z40Add", "", {{1, 1, 1, 3}, {1}}, kChanged, kOtherSize,
+                  "Z40Add: input in1 has 1 elements but inference_shape prepared 3", {{1, 1, 1, 3}, {3}}},
+        FatalCase{"mul_smaller", "Z40Mul", "", {{1, 1, 1, 3}, {3}}, kChanged, kOtherSize,
+                  "Z40Mul: input in0 has 3 elements but inference_shape prepared 6", {{1, 1, 2, 3}, {3}}},
+        FatalCase{"prelu_larger", "Z40PRelu", "", {{1, 2, 2, 3}, {3}}, kChanged, kOtherSize,
+                  "Z40PRelu: input in0 has 12 elements but inference_shape prepared 6", {{1, 1, 2, 3}, {3}}},
+        FatalCase{"max_pool_smaller", "Z40MaxPool", kPool, {{1, 3, 3, 1}}, kChanged, kOtherShape,
+                  "Z40MaxPool: input in0 is [1,3,3,1] but inference_shape prepared [1,4,4,1]", {{1, 4, 4, 1}}},
+        FatalCase{"bilinear_larger", "Z40ResizeBilinear", kBilinear, {{1, 3, 3, 1}}, kChanged, kOtherShape,
+                  "Z40ResizeBilinear: input in0 is [1,3,3,1] but inference_shape prepared [1,2,2,1]",
+                  {{1, 2, 2, 1}}},
+        // the same elements in another layout would be reordered otherwise
+        FatalCase{"onnx_reshape_layout", "Z40Reshape", kOnnxFlatten, {{1, 2, 1, 2}}, kChanged, kOtherShape,
+                  "Z40Reshape: input in0 is [1,2,1,2] but inference_shape prepared [1,1,2,2]", {{1, 1, 2, 2}}},
+        FatalCase{"concat_other_part", "Z40Concat", "", {{1, 1, 1, 1}, {1, 1, 1, 3}}, kChanged, kOtherShape,
+                  "Z40Concat: input in1 is [1,1,1,3] but inference_shape prepared [1,1,1,2]",
+                  {{1, 1, 1, 1}, {1, 1, 1, 2}}},
+        FatalCase{"concat_more_parts", "Z40Concat", "", {{1, 1, 1, 1}, {1, 1, 1, 2}, {1, 1, 1, 1}}, kChanged,
+                  "inputs.size() == prepared inputs", "Z40Concat: execute on 3 inputs but inference_shape prepared 2",
+                  {{1, 1, 1, 1}, {1, 1, 1, 2}}},
+        FatalCase{"gru_longer", "Z40GRU", kGru, {{3, 1, 1}, {1, 3, 1}, {1, 3, 1}, {1, 6}}, kChanged, kOtherShape,
+                  "Z40GRU: input in0 is [3,1,1] but inference_shape prepared [2,1,1]", kGruShapes},
+        FatalCase{"adaround_other_weight", "Z40AdaRoundQuantizeWeight", kAdaRound, {{4}, {4}}, kChanged, kOtherShape,
+                  "Z40QuantizeWeight: input in0 is [4] but inference_shape prepared [2,2]", {{2, 2}, {2, 2}}}),
+    [](const ::testing::TestParamInfo<FatalCase>& info) { return std::string(info.param.label); });
+
+// ---- a new input shape is planned afresh ---------------------------------
+// The same operator run on inputs of one shape, then of another (as the graph
+// does when its fed shapes change), gives exactly what a fresh operator gives
+// for the second: nothing of the first plan (geometry, taps, strides, scratch)
+// survives inference_shape.
+
+struct ReplanCase {
+  const char* label;
+  const char* op;
+  const char* attrs;
+  std::vector<std::vector<int>> first, second;
+};
+
+std::vector<Tensor> seeded_tensors(const std::vector<std::vector<int>>& shapes, unsigned seed) {
+  std::vector<Tensor> tensors;
+  for (size_t i = 0; i < shapes.size(); ++i) {
+    int count = 1;
+    for (int d : shapes[i]) count *= d;
+    std::vector<float> values(count);
+    for (int k = 0; k < count; ++k) values[k] = static_cast<float>((k * 7919 + seed * 104729 + i * 31) % 97) / 24.0f - 2.0f;
+    tensors.push_back(make_tensor(shapes[i], values, "in" + std::to_string(i)));
+  }
+  return tensors;
+}
+
+class ReplanTest : public ::testing::TestWithParam<ReplanCase> {};
+
+TEST_P(ReplanTest, SecondShapeGivesWhatAFreshOperatorGives) {
+  const ReplanCase& c = GetParam();
+  const std::vector<Tensor> first = seeded_tensors(c.first, 1);
+  const std::vector<Tensor> second = seeded_tensors(c.second, 2);
+  SingleOpRunner reused(c.op, node_with_attrs(c.attrs, "n"));
+  reused.run(pointers(first));
+  std::vector<int> reused_shape, fresh_shape;
+  const std::vector<float> again = reused.run(pointers(second), &reused_shape);
+  SingleOpRunner fresh(c.op, node_with_attrs(c.attrs, "n"));
+  EXPECT_EQ(again, fresh.run(pointers(second), &fresh_shape));
+  EXPECT_EQ(reused_shape, fresh_shape);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Operators, ReplanTest,
+    ::testing::Values(
+        ReplanCase{"relu", "Z40Relu", "", {{1, 4}}, {{2, 3, 5}}},
+        ReplanCase{"add", "Z40Add", "", {{1, 1, 2, 3}, {3}}, {{1, 2, 2, 4}, {4}}},
+        ReplanCase{"mul_broadcast", "Z40Mul", "", {{1, 1, 2, 3}, {3}}, {{2, 3}, {2, 1}}},
+        ReplanCase{"prelu", "Z40PRelu", "", {{1, 1, 2, 3}, {3}}, {{1, 2, 2, 2}, {2}}},
+        ReplanCase{"max_pool", "Z40MaxPool", kPool, {{1, 4, 4, 1}}, {{2, 5, 3, 2}}},
+        ReplanCase{"avg_pool", "Z40AvgPool", kPool, {{1, 4, 4, 1}}, {{2, 5, 3, 2}}},
+        ReplanCase{"global_avg_pool", "Z40GlobalAvgPool", "", {{1, 2, 2, 3}}, {{2, 3, 4}}},
+        ReplanCase{"bilinear", "Z40ResizeBilinear", kBilinear, {{1, 2, 2, 1}}, {{1, 3, 5, 2}}},
+        ReplanCase{"nearest", "Z40ResizeNearestNeighbor", kBilinear, {{1, 2, 2, 1}}, {{1, 3, 5, 2}}},
+        ReplanCase{"unpool", "Z40Unpool2D", "", {{1, 2, 2, 1}}, {{1, 3, 1, 2}}},
+        ReplanCase{"shuffle", "Z40ChannelShuffle", R"(attr { key: "groups" value { f: 2 } })", {{1, 1, 1, 4}},
+                   {{1, 2, 1, 6}}},
+        ReplanCase{"focus", "Z40Focus", "", {{1, 2, 2, 1}}, {{1, 4, 6, 2}}},
+        ReplanCase{"clone", "Z40Clone", "", {{1, 1, 1, 2}}, {{1, 2, 3, 1}}},
+        ReplanCase{"onnx_reshape", "Z40Reshape", kOnnxFlatten, {{1, 1, 2, 2}}, {{1, 2, 1, 2}}},
+        ReplanCase{"concat", "Z40Concat", "", {{1, 1, 1, 1}, {1, 1, 1, 2}}, {{1, 2, 1, 2}, {1, 2, 1, 1}, {1, 2, 1, 3}}},
+        ReplanCase{"gru", "Z40GRU", kGru, kGruShapes, {{3, 2, 1}, {1, 3, 1}, {1, 3, 1}, {1, 6}}},
+        ReplanCase{"adaround", "Z40AdaRoundQuantizeWeight", kAdaRound, {{2, 2}, {2, 2}}, {{3, 1, 4}, {3, 1, 4}}}),
+    [](const ::testing::TestParamInfo<ReplanCase>& info) { return std::string(info.param.label); });
 
 TEST(FloatLayoutFatalTest, ConcatChannelsBeyondIntAreRefused) {
   // Shapes only: borrowed one-float buffers never read by shape inference.

@@ -38,9 +38,9 @@ void expect_near(const std::vector<float>& actual, const std::vector<float>& exp
   for (size_t i = 0; i < actual.size(); ++i) EXPECT_NEAR(actual[i], expected[i], tol) << "element " << i;
 }
 
-// ---- pooling --------------------------------------------------------------
+// ---- hand-worked pooling and resizing ----------------------------------------
 
-struct PoolHandCase {
+struct HandCase {
   const char* label;
   const char* op;
   std::string attrs;
@@ -50,10 +50,10 @@ struct PoolHandCase {
   std::vector<float> out;
 };
 
-class PoolHandTest : public ::testing::TestWithParam<PoolHandCase> {};
+class HandTest : public ::testing::TestWithParam<HandCase> {};
 
-TEST_P(PoolHandTest, MatchesHandValues) {
-  const PoolHandCase& c = GetParam();
+TEST_P(HandTest, MatchesHandValues) {
+  const HandCase& c = GetParam();
   Tensor input = make_tensor(c.in_shape, c.in, "x");
   SingleOpRunner runner(c.op, node_with_attrs(c.attrs));
   std::vector<int> shape;
@@ -67,41 +67,43 @@ std::vector<float> ramp(int n) {
   return v;
 }
 
+const char* const kScale2 = R"(attr { key: "wh_scale" value { f: 2 } })";
+
 INSTANTIATE_TEST_SUITE_P(
-    Pools, PoolHandTest,
+    Pools, HandTest,
     ::testing::Values(
         // 5x5 ramp, 3x3 windows every 2: each maximum is the window's last cell
-        PoolHandCase{"max_3x3_s2_valid", "Z40MaxPool", pool_attrs(3, 3, 2, 2, "VALID", {}, false), {1, 5, 5, 1}, ramp(25),
+        HandCase{"max_3x3_s2_valid", "Z40MaxPool", pool_attrs(3, 3, 2, 2, "VALID", {}, false), {1, 5, 5, 1}, ramp(25),
                      {1, 2, 2, 1}, {12, 14, 22, 24}},
         // SAME on 3x3 with 2x2 windows: the one padding row/column is at the bottom/right,
         // and the padded cells are not counted in the mean
-        PoolHandCase{"avg_same_pad_after", "Z40AvgPool", pool_attrs(2, 2, 2, 2, "SAME", {}, false), {1, 3, 3, 1}, ramp(9),
+        HandCase{"avg_same_pad_after", "Z40AvgPool", pool_attrs(2, 2, 2, 2, "SAME", {}, false), {1, 3, 3, 1}, ramp(9),
                      {1, 2, 2, 1}, {2, 3.5f, 6.5f, 8}},
         // SAME, H = 5, kernel 3, stride 2: one padding row on top, one at the bottom
-        PoolHandCase{"max_same_pad_split", "Z40MaxPool", pool_attrs(3, 1, 2, 1, "SAME", {}, false), {1, 5, 1, 1},
+        HandCase{"max_same_pad_split", "Z40MaxPool", pool_attrs(3, 1, 2, 1, "SAME", {}, false), {1, 5, 1, 1},
                      {5, 1, 4, 2, 3}, {1, 3, 1, 1}, {5, 4, 3}},
-        PoolHandCase{"avg_same_pad_split", "Z40AvgPool", pool_attrs(3, 1, 2, 1, "SAME", {}, false), {1, 5, 1, 1},
+        HandCase{"avg_same_pad_split", "Z40AvgPool", pool_attrs(3, 1, 2, 1, "SAME", {}, false), {1, 5, 1, 1},
                      {5, 1, 4, 2, 3}, {1, 3, 1, 1}, {3, 7.0f / 3, 2.5f}},
         // explicit pads with VALID: top 1, bottom 0
-        PoolHandCase{"avg_explicit_pads", "Z40AvgPool", pool_attrs(2, 1, 2, 1, "VALID", {1, 0, 0, 0}, false), {1, 3, 1, 1},
+        HandCase{"avg_explicit_pads", "Z40AvgPool", pool_attrs(2, 1, 2, 1, "VALID", {1, 0, 0, 0}, false), {1, 3, 1, 1},
                      {2, 4, 8}, {1, 2, 1, 1}, {2, 6}},
         // ceil_mode keeps the partial last window (rows 4..5 -> row 4)
-        PoolHandCase{"max_ceil_partial_window", "Z40MaxPool", pool_attrs(2, 1, 2, 1, "VALID", {}, true), {1, 5, 1, 1},
+        HandCase{"max_ceil_partial_window", "Z40MaxPool", pool_attrs(2, 1, 2, 1, "VALID", {}, true), {1, 5, 1, 1},
                      {3, 1, 4, 1, 5}, {1, 3, 1, 1}, {3, 4, 5}},
-        PoolHandCase{"max_floor_drops_partial_window", "Z40MaxPool", pool_attrs(2, 1, 2, 1, "VALID", {}, false), {1, 5, 1, 1},
+        HandCase{"max_floor_drops_partial_window", "Z40MaxPool", pool_attrs(2, 1, 2, 1, "VALID", {}, false), {1, 5, 1, 1},
                      {3, 1, 4, 1, 5}, {1, 2, 1, 1}, {3, 4}},
         // ceil would give 3 windows, but the third would start at row 5, past input and top pad: dropped
-        PoolHandCase{"max_ceil_correction", "Z40MaxPool", pool_attrs(2, 1, 3, 1, "VALID", {1, 1, 0, 0}, true), {1, 4, 1, 1},
+        HandCase{"max_ceil_correction", "Z40MaxPool", pool_attrs(2, 1, 3, 1, "VALID", {1, 1, 0, 0}, true), {1, 4, 1, 1},
                      {1, 5, 2, 7}, {1, 2, 1, 1}, {1, 7}},
-        PoolHandCase{"max_lowest_values", "Z40MaxPool", pool_attrs(2, 2, 1, 1, "VALID", {}, false), {1, 2, 2, 1},
+        HandCase{"max_lowest_values", "Z40MaxPool", pool_attrs(2, 2, 1, 1, "VALID", {}, false), {1, 2, 2, 1},
                      {-3e38f, -3.4e38f, -2e38f, -3.4e38f}, {1, 1, 1, 1}, {-2e38f}},
         // channels are pooled independently
-        PoolHandCase{"avg_two_channels", "Z40AvgPool", pool_attrs(2, 2, 2, 2, "VALID", {}, false), {1, 2, 2, 2},
+        HandCase{"avg_two_channels", "Z40AvgPool", pool_attrs(2, 2, 2, 2, "VALID", {}, false), {1, 2, 2, 2},
                      {1, 10, 2, 20, 3, 30, 4, 40}, {1, 1, 1, 2}, {2.5f, 25}},
-        PoolHandCase{"global_avg_4d", "Z40GlobalAvgPool", "", {2, 1, 2, 2}, {1, 2, 3, 4, 5, 6, 7, 9}, {2, 1, 1, 2},
+        HandCase{"global_avg_4d", "Z40GlobalAvgPool", "", {2, 1, 2, 2}, {1, 2, 3, 4, 5, 6, 7, 9}, {2, 1, 1, 2},
                      {2, 3, 6, 7.5f}},
-        PoolHandCase{"global_avg_3d", "Z40GlobalAvgPool", "", {1, 3, 1}, {1, 2, 6}, {1, 1, 1, 1}, {3}}),
-    [](const ::testing::TestParamInfo<PoolHandCase>& info) { return std::string(info.param.label); });
+        HandCase{"global_avg_3d", "Z40GlobalAvgPool", "", {1, 3, 1}, {1, 2, 6}, {1, 1, 1, 1}, {3}}),
+    [](const ::testing::TestParamInfo<HandCase>& info) { return std::string(info.param.label); });
 
 // Reference pooling written from the definition: output (y, x) covers padded
 // rows y*sh .. y*sh+kh-1 (input row = padded row - pad_top); only cells inside
@@ -213,53 +215,30 @@ TEST(GlobalAvgPoolTest, BackwardRefusesMismatchedGradient) {
 
 // ---- resizing ---------------------------------------------------------------
 
-struct ResizeHandCase {
-  const char* label;
-  const char* op;
-  std::string attrs;
-  std::vector<int> in_shape;
-  std::vector<float> in;
-  std::vector<int> out_shape;
-  std::vector<float> out;
-};
-
-class ResizeHandTest : public ::testing::TestWithParam<ResizeHandCase> {};
-
-TEST_P(ResizeHandTest, MatchesHandValues) {
-  const ResizeHandCase& c = GetParam();
-  Tensor input = make_tensor(c.in_shape, c.in, "x");
-  SingleOpRunner runner(c.op, node_with_attrs(c.attrs));
-  std::vector<int> shape;
-  expect_near(runner.run({&input}, &shape), c.out, 1e-6f);
-  EXPECT_EQ(shape, c.out_shape);
-}
-
-const char* const kScale2 = R"(attr { key: "wh_scale" value { f: 2 } })";
-
 INSTANTIATE_TEST_SUITE_P(
-    Resizes, ResizeHandTest,
+    Resizes, HandTest,
     ::testing::Values(
         // half-pixel centres: source rows/cols -0.25(->0), 0.25, 0.75, 1.25(->hi clamps to 1)
-        ResizeHandCase{"bilinear_half_pixel", "Z40ResizeBilinear", kScale2, {1, 2, 2, 1}, {1, 2, 3, 4}, {1, 4, 4, 1},
+        HandCase{"bilinear_half_pixel", "Z40ResizeBilinear", kScale2, {1, 2, 2, 1}, {1, 2, 3, 4}, {1, 4, 4, 1},
                        {1, 1.25f, 1.75f, 2, 1.5f, 1.75f, 2.25f, 2.5f, 2.5f, 2.75f, 3.25f, 3.5f, 3, 3.25f, 3.75f, 4}},
         // corners map to corners: sources 0, 0.5, 1
-        ResizeHandCase{"bilinear_align_corners", "Z40ResizeBilinear",
+        HandCase{"bilinear_align_corners", "Z40ResizeBilinear",
                        R"(attr { key: "wh_scale" value { f: 1.5 } } attr { key: "align_corners" value { b: true } })",
                        {1, 2, 2, 1}, {1, 2, 3, 4}, {1, 3, 3, 1}, {1, 1.5f, 2, 2, 2.5f, 3, 3, 3.5f, 4}},
         // 3 * 0.5 = 1.5 rounds to 2, 5 * 0.5 = 2.5 rounds to 2 (half to even)
-        ResizeHandCase{"bilinear_downscale_sizes", "Z40ResizeBilinear", R"(attr { key: "wh_scale" value { f: 0.5 } })",
+        HandCase{"bilinear_downscale_sizes", "Z40ResizeBilinear", R"(attr { key: "wh_scale" value { f: 0.5 } })",
                        {1, 3, 5, 1}, std::vector<float>(15, 2.0f), {1, 2, 2, 1}, {2, 2, 2, 2}},
-        ResizeHandCase{"nearest_x2", "Z40ResizeNearestNeighbor", kScale2, {1, 2, 2, 1}, {1, 2, 3, 4}, {1, 4, 4, 1},
+        HandCase{"nearest_x2", "Z40ResizeNearestNeighbor", kScale2, {1, 2, 2, 1}, {1, 2, 3, 4}, {1, 4, 4, 1},
                        {1, 1, 2, 2, 1, 1, 2, 2, 3, 3, 4, 4, 3, 3, 4, 4}},
         // 2 * 1.5 = 3: sources floor(o * 2 / 3) = 0, 0, 1
-        ResizeHandCase{"nearest_x1_5", "Z40ResizeNearestNeighbor", R"(attr { key: "wh_scale" value { f: 1.5 } })",
+        HandCase{"nearest_x1_5", "Z40ResizeNearestNeighbor", R"(attr { key: "wh_scale" value { f: 1.5 } })",
                        {1, 2, 2, 2}, {1, 10, 2, 20, 3, 30, 4, 40}, {1, 3, 3, 2},
                        {1, 10, 1, 10, 2, 20, 1, 10, 1, 10, 2, 20, 3, 30, 3, 30, 4, 40}},
-        ResizeHandCase{"unpool_2x3", "Z40Unpool2D", R"(attr { key: "kernel_size" value { list { i: 2 i: 3 } } })",
+        HandCase{"unpool_2x3", "Z40Unpool2D", R"(attr { key: "kernel_size" value { list { i: 2 i: 3 } } })",
                        {1, 1, 2, 1}, {5, 6}, {1, 2, 6, 1}, {5, 5, 5, 6, 6, 6, 5, 5, 5, 6, 6, 6}},
-        ResizeHandCase{"unpool_default_2x2", "Z40Unpool2D", "", {1, 1, 1, 2}, {7, 8}, {1, 2, 2, 2},
+        HandCase{"unpool_default_2x2", "Z40Unpool2D", "", {1, 1, 1, 2}, {7, 8}, {1, 2, 2, 2},
                        {7, 8, 7, 8, 7, 8, 7, 8}}),
-    [](const ::testing::TestParamInfo<ResizeHandCase>& info) { return std::string(info.param.label); });
+    [](const ::testing::TestParamInfo<HandCase>& info) { return std::string(info.param.label); });
 
 // TensorFlow's bilinear resize written out per output element.
 std::vector<float> reference_bilinear(const std::vector<float>& in, const std::vector<int>& s, int oh, int ow,
@@ -315,66 +294,6 @@ INSTANTIATE_TEST_SUITE_P(Shapes, BilinearRandomTest,
                                            BilinearRandomCase{{1, 9, 6, 4}, 0.5f, false, 4, 3},
                                            BilinearRandomCase{{1, 1, 3, 2}, 3.0f, true, 3, 9},
                                            BilinearRandomCase{{1, 24, 24, 40}, 2.0f, false, 48, 48}));
-
-const char* const kPoolBase = R"(attr { key: "ksize" value { list { i: 1 i: 2 i: 2 i: 1 } } }
-                                 attr { key: "strides" value { list { i: 1 i: 1 i: 1 i: 1 } } } )";
-
-struct PoolFatalCase {
-  const char* label;
-  const char* op;
-  std::string attrs;
-  std::vector<int> shape;
-  const char* condition;
-  std::string message;
-};
-
-class PoolFatalTest : public ::testing::TestWithParam<PoolFatalCase> {};
-
-void infer(const PoolFatalCase& c) {
-  int count = 1;
-  for (int d : c.shape) count *= d;
-  Tensor input = make_tensor(c.shape, std::vector<float>(count, 0.0f), "x");
-  SingleOpRunner runner(c.op, node_with_attrs(c.attrs));
-  std::vector<int> shape;
-  runner.op()->inference_shape({&input}, shape);
-}
-
-TEST_P(PoolFatalTest, AbortsWithExactMessage) {
-  const PoolFatalCase& c = GetParam();
-  EXPECT_CHECK_FAILED(infer(c), c.condition, c.message);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    MalformedModels, PoolFatalTest,
-    ::testing::Values(
-        PoolFatalCase{"kernel_larger_than_input", "Z40MaxPool", pool_attrs(4, 2, 1, 1, "VALID", {}, false), {1, 3, 3, 1},
-                      "kernel <= padded input", "Z40MaxPool: ksize [1,4,2,1] is larger than the padded input [1,3,3,1]"},
-        PoolFatalCase{"zero_stride", "Z40AvgPool", pool_attrs(2, 2, 0, 1, "VALID", {}, false), {1, 3, 3, 1},
-                      "kernel and strides > 0", "Z40AvgPool: ksize [1,2,2,1] and strides [1,0,1,1] must be positive"},
-        PoolFatalCase{"short_pads", "Z40AvgPool", std::string(kPoolBase) + ints("pads", {1, 1}), {1, 3, 3, 1},
-                      "pads.size() >= 4", "Z40AvgPool: pads [1,1] needs top, bottom, left and right"},
-        PoolFatalCase{"pad_as_large_as_kernel", "Z40MaxPool", std::string(kPoolBase) + ints("pads", {0, 0, 2, 0}),
-                      {1, 3, 3, 1}, "0 <= pad < kernel", "Z40MaxPool: pads [0,0,2,0] must be smaller than ksize [1,2,2,1]"},
-        PoolFatalCase{"max_rank", "Z40MaxPool", kPoolBase, {3, 3, 1}, "input->dims() == 4",
-                      "Z40MaxPool needs a 4-D input but got [3,3,1]"},
-        PoolFatalCase{"global_rank", "Z40GlobalAvgPool", "", {1, 1, 1, 1, 1}, "input->dims() == 3 || input->dims() == 4",
-                      "Z40GlobalAvgPool needs a 3-D or 4-D input but got [1,1,1,1,1]"},
-        PoolFatalCase{"resize_rank", "Z40ResizeBilinear", kScale2, {2, 2}, "input->dims() == 4",
-                      "Z40ResizeBilinear needs a 4-D input but got [2,2]"},
-        PoolFatalCase{"resize_to_nothing", "Z40ResizeBilinear", R"(attr { key: "wh_scale" value { f: 0.1 } })", {1, 4, 4, 1},
-                      "all dimensions > 0", "Z40ResizeBilinear: resized shape [1,0,0,1] has an empty dimension"},
-        PoolFatalCase{"scale_of_wrong_kind", "Z40ResizeNearestNeighbor", R"(attr { key: "wh_scale" value { i: 2 } })",
-                      {1, 4, 4, 1}, "all dimensions > 0",
-                      "Z40ResizeNearestNeighbor: resized shape [1,0,0,1] has an empty dimension"},
-        PoolFatalCase{"nearest_mode", "Z40ResizeNearestNeighbor",
-                      std::string(kScale2) + R"( attr { key: "mode" value { s: "linear" } })", {1, 2, 2, 1},
-                      "op_param_->mode == \"nearest\"", "Z40ResizeNearestNeighbor only supports mode nearest, not linear"},
-        PoolFatalCase{"unpool_mode", "Z40Unpool2D", R"(attr { key: "mode" value { s: "max" } })", {1, 2, 2, 1},
-                      "op_param_->mode == \"nearest\"", "Z40Unpool2D only supports mode nearest, not max"},
-        PoolFatalCase{"unpool_kernel", "Z40Unpool2D", ints("kernel_size", {2, 0}), {1, 2, 2, 1},
-                      "kernel_size == [kernel_h, kernel_w] > 0",
-                      "Z40Unpool2D: kernel_size [2,0] is not two positive factors"}),
-    [](const ::testing::TestParamInfo<PoolFatalCase>& info) { return std::string(info.param.label); });
 
 }  // namespace
 }  // namespace kovra_test

@@ -44,6 +44,42 @@ void check_output_shape(const Tensor* output, const std::vector<int>& shape, con
                        " but the inputs give " + shape_text(shape));
 }
 
+void check_float_output(const Tensor* output, const char* op) {
+  KOVRA_ENSURE_MSG(output->data_type() == Tensor::DT_FLOAT, "output->data_type() == DT_FLOAT",
+                   std::string(op) + " writes " + output->name() + " as float but it holds type " +
+                       std::to_string(static_cast<int>(output->data_type())));
+}
+
+namespace {
+
+[[noreturn]] void fail_not_prepared(const char* op) {
+  check_failed_quoted("inference_shape before execute",
+                      std::string(op) + ": execute called before inference_shape");
+}
+
+}  // namespace
+
+void fail_unprepared(const Tensor* input, const std::vector<int>& prepared, const char* op) {
+  if (prepared.empty()) fail_not_prepared(op);
+  check_failed_quoted("input->shape() == prepared shape",
+                      std::string(op) + ": input " + input->name() + " is " + shape_text(input->shape()) +
+                          " but inference_shape prepared " + shape_text(prepared));
+}
+
+void fail_unprepared_size(const Tensor* input, long long prepared, const char* op) {
+  if (prepared < 0) fail_not_prepared(op);
+  check_failed_quoted("input->size() == prepared size",
+                      std::string(op) + ": input " + input->name() + " has " + std::to_string(input->size()) +
+                          " elements but inference_shape prepared " + std::to_string(prepared));
+}
+
+void refuse_unprepared(const std::vector<const Tensor*>& inputs, const Tensor* output,
+                       const std::vector<int>& expected, const PreparedShapes& prepared, const char* op) {
+  check_output_shape(output, expected, op);
+  check_float_output(output, op);
+  fail_unprepared(inputs[0], prepared.in_shape, op);
+}
+
 }  // namespace kovraexecutor
 }  // namespace trenkit
 }  // namespace kovra

@@ -1,19 +1,19 @@
 #include "ops/float/float_add_op.h"
-#include "ops/kernels/float_eltwise_kernels.h"
 
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-struct Z40AddParam : BaseParam {
-  std::string action_type;
-};
+struct Z40AddParam : FloatAddParam {};
 
 // a + b[i mod count(b)] (a per-channel bias, or one value for all), then the fused activation.
-class Z40AddOpExecutor : public FloatAddOpExecutor<Z40AddParam> {
+class Z40AddOpExecutor : public FloatAddOpExecutor<Z40AddOpExecutor, Z40AddParam> {
  public:
-  Z40AddOpExecutor()
-      : FloatAddOpExecutor("Z40Add", "FloatZ40Add", Pairing::kCyclic, add_cpu, add_backward_cpu) {}
+  static constexpr const char* kName = "Z40Add";
+  static constexpr const char* kLabel = "FloatZ40Add";
+  static constexpr Pairing kPairing = Pairing::kCyclic;
+  static constexpr AddKernel kForward = add_cpu;
+  static constexpr AddGradKernel kBackward = add_backward_cpu;
 };
 
 }  // namespace kovraexecutor

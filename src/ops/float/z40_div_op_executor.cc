@@ -5,18 +5,16 @@ namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-struct Z40DivParam : BaseParam {};
+struct Z40DivParam : BaseParam, EltwiseSizes {};
 
 // a / b on 4-D tensors, b repeating cyclically (one value per channel, or one in all).
-class Z40DivOpExecutor : public FloatBinaryOpExecutor<Z40DivParam> {
+class Z40DivOpExecutor : public FloatBinaryOpExecutor<Z40DivOpExecutor, Z40DivParam> {
  public:
-  Z40DivOpExecutor() : FloatBinaryOpExecutor("Z40Div", "FloatZ40Div", Pairing::kCyclic) {}
+  static constexpr const char* kName = "Z40Div";
+  static constexpr const char* kRank4Message = "Wrong input shape in FloatZ40Div.";
+  static constexpr Pairing kPairing = Pairing::kCyclic;
 
- protected:
-  void _check_rank(const Tensor* input_tensor) const override {
-    check_rank4(input_tensor, "Wrong input shape in FloatZ40Div.");
-  }
-  void _compute(const float* a, int n, const float* b, int nb, float* out) const override {
+  void compute(const float* a, int n, const float* b, int nb, float* out) const {
     div_cyclic_f32(a, n, b, nb, out);
   }
 };

@@ -1,20 +1,19 @@
 #include "ops/float/float_add_op.h"
-#include "ops/kernels/float_eltwise_kernels.h"
 
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-struct Z40EltwiseAddParam : BaseParam {
-  std::string action_type;
-};
+struct Z40EltwiseAddParam : FloatAddParam {};
 
 // a + b with b a single value or one per element of a, then the fused activation.
-class Z40EltwiseAddOpExecutor : public FloatAddOpExecutor<Z40EltwiseAddParam> {
+class Z40EltwiseAddOpExecutor : public FloatAddOpExecutor<Z40EltwiseAddOpExecutor, Z40EltwiseAddParam> {
  public:
-  Z40EltwiseAddOpExecutor()
-      : FloatAddOpExecutor("Z40EltwiseAdd", "FloatZ40EltwiseAdd", Pairing::kScalarOrSame, eltwise_add_cpu,
-                           eltwise_add_backward_cpu) {}
+  static constexpr const char* kName = "Z40EltwiseAdd";
+  static constexpr const char* kLabel = "FloatZ40EltwiseAdd";
+  static constexpr Pairing kPairing = Pairing::kScalarOrSame;
+  static constexpr AddKernel kForward = eltwise_add_cpu;
+  static constexpr AddGradKernel kBackward = eltwise_add_backward_cpu;
 };
 
 }  // namespace kovraexecutor

@@ -5,19 +5,16 @@ namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-struct Z40EltwiseDivParam : BaseParam {};
+struct Z40EltwiseDivParam : BaseParam, EltwiseSizes {};
 
 // a / b on 4-D tensors, with b a single value or one value per element of a.
-class Z40EltwiseDivOpExecutor : public FloatBinaryOpExecutor<Z40EltwiseDivParam> {
+class Z40EltwiseDivOpExecutor : public FloatBinaryOpExecutor<Z40EltwiseDivOpExecutor, Z40EltwiseDivParam> {
  public:
-  Z40EltwiseDivOpExecutor()
-      : FloatBinaryOpExecutor("Z40EltwiseDiv", "FloatZ40EltwiseDiv", Pairing::kScalarOrSame) {}
+  static constexpr const char* kName = "Z40EltwiseDiv";
+  static constexpr const char* kRank4Message = "Wrong input shape in FloatZ40EltwiseDiv.";
+  static constexpr Pairing kPairing = Pairing::kScalarOrSame;
 
- protected:
-  void _check_rank(const Tensor* input_tensor) const override {
-    check_rank4(input_tensor, "Wrong input shape in FloatZ40EltwiseDiv.");
-  }
-  void _compute(const float* a, int n, const float* b, int nb, float* out) const override {
+  void compute(const float* a, int n, const float* b, int nb, float* out) const {
     eltwise_div_f32(a, n, b, nb, out);
   }
 };

@@ -8,23 +8,23 @@ namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-struct Z40EltwiseMulParam : BaseParam {};
+struct Z40EltwiseMulParam : BaseParam, EltwiseSizes {};
 
 // a * b, b repeating cyclically, so a per-channel b of C values scales each channel.
-class Z40EltwiseMulOpExecutor : public FloatBinaryOpExecutor<Z40EltwiseMulParam> {
+class Z40EltwiseMulOpExecutor : public FloatBinaryOpExecutor<Z40EltwiseMulOpExecutor, Z40EltwiseMulParam> {
  public:
-  Z40EltwiseMulOpExecutor()
-      : FloatBinaryOpExecutor("Z40EltwiseMul", "FloatZ40EltwiseMul", Pairing::kCyclic) {}
+  static constexpr const char* kName = "Z40EltwiseMul";
+  static constexpr const char* kLabel = "FloatZ40EltwiseMul";
+  static constexpr Pairing kPairing = Pairing::kCyclic;
 
- protected:
   // Exactly two inputs; the message names the int8 operator it was copied from.
-  void _check_inputs(const std::vector<const Tensor*>& inputs) const override {
-    if (inputs.size() != 2) {
+  static void check_operand_count(const std::vector<const Tensor*>& inputs) {
+    if (inputs.size() != 2)
       fatal("Unspport input size :" + std::to_string(inputs.size()) + "in Z40EltwiseMulInt8.");
-    }
-    _check_float_inputs(inputs, 2);
   }
-  void _compute(const float* a, int n, const float* b, int nb, float* out) const override {
+  static bool operand_count_ok(size_t count) { return count == 2; }
+
+  void compute(const float* a, int n, const float* b, int nb, float* out) const {
     mul_cyclic_f32(a, n, b, nb, out);
   }
 };

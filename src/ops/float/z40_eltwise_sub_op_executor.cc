@@ -5,17 +5,17 @@ namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-struct Z40EltwiseSubParam : BaseParam {};
+struct Z40EltwiseSubParam : BaseParam, EltwiseSizes {};
 
 // a - b, with b a single value or one value per element of a.
 // Its rank message names the int8 operator, as it always has.
-class Z40EltwiseSubOpExecutor : public FloatBinaryOpExecutor<Z40EltwiseSubParam> {
+class Z40EltwiseSubOpExecutor : public FloatBinaryOpExecutor<Z40EltwiseSubOpExecutor, Z40EltwiseSubParam> {
  public:
-  Z40EltwiseSubOpExecutor()
-      : FloatBinaryOpExecutor("Z40EltwiseSub", "Z40EltwiseSubInt8", Pairing::kScalarOrSame) {}
+  static constexpr const char* kName = "Z40EltwiseSub";
+  static constexpr const char* kLabel = "Z40EltwiseSubInt8";
+  static constexpr Pairing kPairing = Pairing::kScalarOrSame;
 
- protected:
-  void _compute(const float* a, int n, const float* b, int nb, float* out) const override {
+  void compute(const float* a, int n, const float* b, int nb, float* out) const {
     eltwise_sub_f32(a, n, b, nb, out);
   }
 };

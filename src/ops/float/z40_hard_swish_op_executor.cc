@@ -1,11 +1,11 @@
-#include "ops/kernels/float_activation_kernels.h"
 #include "ops/float/float_eltwise.h"
+#include "ops/kernels/float_activation_kernels.h"
 
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-struct Z40HardSwishParam : BaseParam {
+struct Z40HardSwishParam : BaseParam, EltwiseSizes {
   int add_scalar_value = 0;
   // Read for completeness; the computation does not use it.
   float mul_scalar_value = 0.0f;
@@ -13,9 +13,10 @@ struct Z40HardSwishParam : BaseParam {
 
 // x * clamp(x + add_scalar_value, 0, 6) / 6. The offset is stored as an
 // integer, so a fractional model value is truncated.
-class Z40HardSwishOpExecutor : public FloatUnaryOpExecutor<Z40HardSwishParam> {
+class Z40HardSwishOpExecutor : public FloatUnaryOpExecutor<Z40HardSwishOpExecutor, Z40HardSwishParam> {
  public:
-  Z40HardSwishOpExecutor() : FloatUnaryOpExecutor("Z40HardSwish", "FloatZ40HardSwish") {}
+  static constexpr const char* kName = "Z40HardSwish";
+  static constexpr const char* kLabel = "FloatZ40HardSwish";
 
   void parse_parameter(const NodeDef& node_def) override {
     // The message names the wrong key; it is what users find in their logs.
@@ -23,9 +24,7 @@ class Z40HardSwishOpExecutor : public FloatUnaryOpExecutor<Z40HardSwishParam> {
                          "Do not find the padding in FloatZ40HardSwish!!!");
     read_float(node_def, "mul_scalar_value", op_param_.mul_scalar_value);
   }
-
- protected:
-  void _compute(const float* in, float* out, int n) const override {
+  void compute(const float* in, float* out, int n) const {
     hard_swish_f32(in, out, n, op_param_.add_scalar_value);
   }
 };

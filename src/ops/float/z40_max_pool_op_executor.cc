@@ -1,45 +1,26 @@
-#include <memory>
-
 #include "op_attr.h"
-#include "op_executor.h"
 #include "ops/float/float_pool_params.h"
-#include "ops/float/float_shape_checks.h"
-#include "ops/common/op_checks.h"
-#include "ops/kernels/pool_kernels.h"
 
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-struct Z40MaxPoolParam : BaseParam, PoolAttributes {};
+struct Z40MaxPoolParam : FloatPoolParam {};
 
-class Z40MaxPoolOpExecutor : public ParamOpExecutor<Z40MaxPoolParam> {
+class Z40MaxPoolOpExecutor : public FloatPoolOpExecutor<Z40MaxPoolOpExecutor, Z40MaxPoolParam> {
  public:
+  static constexpr const char* kName = "Z40MaxPool";
+  static constexpr const char* kKsizeMessage = "Do not find the ksize in FloatZ40MaxPool!!!";
+  static constexpr void (*kKernel)(const float*, float*, const PoolGeometry&) = max_pool_f32;
+
   void parse_parameter(const NodeDef& node) override {
-    read_pool_attributes(node, op_param_, "Do not find the ksize in FloatZ40MaxPool!!!");
+    FloatPoolOpExecutor::parse_parameter(node);
     read_bool(node, "ceil_mode", op_param_.ceil_mode);
   }
 
-  void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
-    const PoolGeometry g = _plan(inputs);
-    shape = {g.n, g.out_h, g.out_w, g.c};
-  }
-
-  bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    const PoolGeometry g = _plan(inputs);
-    check_output_shape(output, {g.n, g.out_h, g.out_w, g.c}, "Z40MaxPool");
-    if (inputs[0]->size() < 1) return true;
-    max_pool_f32(inputs[0]->data<float>(), output->mutable_data<float>(), g);
-    return true;
-  }
-
- private:
-  PoolGeometry _plan(const std::vector<const Tensor*>& inputs) const {
-    check_input_count(inputs, 1, "Z40MaxPool");
-    const Tensor* input = inputs[0];
+  static void check_input(const Tensor* input) {
     check_input_not_scalar(input, "FloatZ40MaxPool");
-    check_rank(input, 4, "Z40MaxPool");
-    return plan_pool(input->shape(), op_param_, "Z40MaxPool");
+    check_rank(input, 4, kName);
   }
 };
 

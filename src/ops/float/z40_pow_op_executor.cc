@@ -5,15 +5,16 @@ namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-struct Z40PowParam : BaseParam {};
+struct Z40PowParam : BaseParam, EltwiseSizes {};
 
 // pow(a, b) with the C library's pow, b repeating cyclically (a single exponent applies to all).
-class Z40PowOpExecutor : public FloatBinaryOpExecutor<Z40PowParam> {
+class Z40PowOpExecutor : public FloatBinaryOpExecutor<Z40PowOpExecutor, Z40PowParam> {
  public:
-  Z40PowOpExecutor() : FloatBinaryOpExecutor("Z40Pow", "FloatZ40Pow", Pairing::kCyclic) {}
+  static constexpr const char* kName = "Z40Pow";
+  static constexpr const char* kLabel = "FloatZ40Pow";
+  static constexpr Pairing kPairing = Pairing::kCyclic;
 
- protected:
-  void _compute(const float* a, int n, const float* b, int nb, float* out) const override {
+  void compute(const float* a, int n, const float* b, int nb, float* out) const {
     pow_cyclic_f32(a, n, b, nb, out);
   }
 };

@@ -1,32 +1,35 @@
-#include <memory>
+#include <string>
+#include <vector>
 
+#include "common.h"
 #include "op_attr.h"
 #include "op_executor.h"
-#include "ops/float/float_shape_checks.h"
 #include "ops/common/op_checks.h"
+#include "ops/float/float_shape_checks.h"
 #include "ops/kernels/quantize_weight_kernels.h"
 
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-struct Z40QuantizeWeightParam : BaseParam {
+struct Z40QuantizeWeightParam : BaseParam, PreparedShapes {
   int weight_bitwidth = 8;
   bool update_parameter = false;
   bool soft_targets = false;
   bool is_depthwise = false;
   float gamma = -0.1f;
   float zeta = 1.1f;
+  QuantizeWeightParam kernel;  // the attributes and the weight's channel layout
+  std::vector<float> scale;    // the kernel's per-channel steps, recomputed on every run
 };
-
-namespace {
-const char* const kOp = "Z40QuantizeWeight";
-}  // namespace
 
 // Inputs: the weight and its rounding variables (same element count). Runs
 // from weights alone, on demand before the node that reads its output.
 class Z40QuantizeWeightOpExecutor : public ParamOpExecutor<Z40QuantizeWeightParam> {
  public:
+  // The name its messages go by; it is registered as "Z40AdaRoundQuantizeWeight".
+  static constexpr const char* kName = "Z40QuantizeWeight";
+
   void parse_parameter(const NodeDef& node) override {
     Z40QuantizeWeightParam& p = op_param_;
     require_float_as_int(node, "weight_bitwidth", p.weight_bitwidth,
@@ -39,15 +42,21 @@ class Z40QuantizeWeightOpExecutor : public ParamOpExecutor<Z40QuantizeWeightPara
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
-    _plan(inputs);
-    shape = inputs[0]->shape();
+    Z40QuantizeWeightParam& p = op_param_;
+    p.kernel = _plan(inputs);
+    p.scale.resize(p.kernel.channels);
+    p.in_shape = p.out_shape = inputs[0]->shape();
+    shape = p.out_shape;
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    const QuantizeWeightParam p = _plan(inputs);
-    check_output_shape(output, inputs[0]->shape(), kOp);
+    Z40QuantizeWeightParam& p = op_param_;
+    if (KOVRA_UNLIKELY(!matches_prepared(inputs, output, p) || inputs.size() < 2 ||
+                       !is_float_of_size(inputs[1], inputs[0]->size()))) {
+      _refuse(inputs, output);
+    }
     quantize_weight_cpu(inputs[0]->data<float>(), inputs[1]->data<float>(), output->mutable_data<float>(),
-                        inputs[0]->size(), p);
+                        inputs[0]->size(), p.kernel, p.scale.data());
     return true;
   }
 
@@ -58,11 +67,11 @@ class Z40QuantizeWeightOpExecutor : public ParamOpExecutor<Z40QuantizeWeightPara
     (void)output;
     const QuantizeWeightParam p = _plan(inputs);
     const Tensor* weight = inputs[0];
-    KOVRA_ENSURE_MSG(
-        output_grad != nullptr && output_grad->size() == weight->size(),
-        "output_grad->size() == weight->size()",
-        std::string(kOp) + ": the output gradient does not match the weight " + shape_text(weight->shape()));
-    check_float(output_grad, kOp);
+    KOVRA_ENSURE_MSG(output_grad != nullptr && output_grad->size() == weight->size(),
+                     "output_grad->size() == weight->size()",
+                     std::string(kName) + ": the output gradient does not match the weight " +
+                         shape_text(weight->shape()));
+    check_float(output_grad, kName);
     Tensor* grads[2] = {nullptr, nullptr};
     for (size_t i = 0; i < 2 && i < input_grads.size(); ++i) {
       grads[i] = input_grads[i];
@@ -74,20 +83,26 @@ class Z40QuantizeWeightOpExecutor : public ParamOpExecutor<Z40QuantizeWeightPara
   }
 
  private:
+  [[noreturn]] __attribute__((noinline, cold)) void _refuse(const std::vector<const Tensor*>& inputs,
+                                                            const Tensor* output) const {
+    _plan(inputs);
+    refuse_unprepared(inputs, output, inputs[0]->shape(), op_param_, kName);
+  }
+
   QuantizeWeightParam _plan(const std::vector<const Tensor*>& inputs) const {
     const Z40QuantizeWeightParam& a = op_param_;
-    check_input_count(inputs, 2, kOp);
+    check_input_count(inputs, 2, kName);
     const Tensor* weight = inputs[0];
-    check_input_not_scalar(weight, kOp);
-    check_float(weight, kOp);
-    check_float(inputs[1], kOp);
+    check_input_not_scalar(weight, kName);
+    check_float(weight, kName);
+    check_float(inputs[1], kName);
     KOVRA_ENSURE_MSG(inputs[1]->size() == weight->size(), "rounding->size() == weight->size()",
-                     std::string(kOp) + ": " + inputs[1]->name() + " has " +
+                     std::string(kName) + ": " + inputs[1]->name() + " has " +
                          std::to_string(inputs[1]->size()) + " rounding variables for " +
                          std::to_string(weight->size()) + " weights");
     KOVRA_ENSURE_MSG(
         a.weight_bitwidth >= 2 && a.weight_bitwidth <= 16, "2 <= weight_bitwidth <= 16",
-        std::string(kOp) + ": weight_bitwidth " + std::to_string(a.weight_bitwidth) + " is not supported");
+        std::string(kName) + ": weight_bitwidth " + std::to_string(a.weight_bitwidth) + " is not supported");
     QuantizeWeightParam p;
     p.bitwidth = a.weight_bitwidth;
     p.soft_targets = a.soft_targets;
@@ -102,7 +117,7 @@ class Z40QuantizeWeightOpExecutor : public ParamOpExecutor<Z40QuantizeWeightPara
       p.channels = s.back();
       p.channel_stride = 1;
     }
-    check_positive_dims(s, "weight", kOp);
+    check_positive_dims(s, "weight", kName);
     return p;
   }
 };

@@ -1,19 +1,19 @@
-#include "ops/kernels/float_activation_kernels.h"
 #include "ops/float/float_eltwise.h"
+#include "ops/kernels/float_activation_kernels.h"
 
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-struct Z40ReluParam : BaseParam {};
+struct Z40ReluParam : BaseParam, EltwiseSizes {};
 
 // max(x, 0).
-class Z40ReluOpExecutor : public FloatUnaryOpExecutor<Z40ReluParam> {
+class Z40ReluOpExecutor : public FloatUnaryOpExecutor<Z40ReluOpExecutor, Z40ReluParam> {
  public:
-  Z40ReluOpExecutor() : FloatUnaryOpExecutor("Z40Relu", "FloatZ40Relu") {}
+  static constexpr const char* kName = "Z40Relu";
+  static constexpr const char* kLabel = "FloatZ40Relu";
 
- protected:
-  void _compute(const float* in, float* out, int n) const override { relu_f32(in, out, n); }
+  void compute(const float* in, float* out, int n) const { relu_f32(in, out, n); }
 };
 
 }  // namespace kovraexecutor

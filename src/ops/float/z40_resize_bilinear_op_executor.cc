@@ -1,5 +1,6 @@
-#include <memory>
+#include <vector>
 
+#include "common.h"
 #include "op_attr.h"
 #include "op_executor.h"
 #include "ops/float/float_resize_params.h"
@@ -10,13 +11,17 @@ namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-struct Z40ResizeBilinearParam : BaseParam {
+struct Z40ResizeBilinearParam : BaseParam, PreparedShapes {
   bool align_corners = false;
   float wh_scale = 1.0f;
+  ResizeGeometry geometry;
+  std::vector<LinearTap> taps_y, taps_x;  // per output row and column
 };
 
 class Z40ResizeBilinearOpExecutor : public ParamOpExecutor<Z40ResizeBilinearParam> {
  public:
+  static constexpr const char* kName = "Z40ResizeBilinear";
+
   void parse_parameter(const NodeDef& node) override {
     read_bool(node, "align_corners", op_param_.align_corners);
     require_float(node, "wh_scale", op_param_.wh_scale,
@@ -24,20 +29,33 @@ class Z40ResizeBilinearOpExecutor : public ParamOpExecutor<Z40ResizeBilinearPara
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
+    Z40ResizeBilinearParam& p = op_param_;
     const ResizeGeometry g = _plan(inputs);
-    shape = {g.n, g.out_h, g.out_w, g.c};
+    p.geometry = g;
+    p.taps_y = bilinear_taps(g.h, g.out_h, p.align_corners);
+    p.taps_x = bilinear_taps(g.w, g.out_w, p.align_corners);
+    p.in_shape = inputs[0]->shape();
+    p.out_shape = {g.n, g.out_h, g.out_w, g.c};
+    shape = p.out_shape;
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    const ResizeGeometry g = _plan(inputs);
-    check_output_shape(output, {g.n, g.out_h, g.out_w, g.c}, "Z40ResizeBilinear");
-    resize_bilinear_f32(inputs[0]->data<float>(), output->mutable_data<float>(), g, op_param_.align_corners);
+    const Z40ResizeBilinearParam& p = op_param_;
+    if (KOVRA_UNLIKELY(!matches_prepared(inputs, output, p))) _refuse(inputs, output);
+    resize_bilinear_f32(inputs[0]->data<float>(), output->mutable_data<float>(), p.geometry, p.taps_y.data(),
+                        p.taps_x.data());
     return true;
   }
 
  private:
   ResizeGeometry _plan(const std::vector<const Tensor*>& inputs) const {
-    return plan_resize(inputs, op_param_.wh_scale, op_param_.wh_scale, "Z40ResizeBilinear");
+    return plan_resize(inputs, op_param_.wh_scale, op_param_.wh_scale, kName);
+  }
+
+  [[noreturn]] __attribute__((noinline, cold)) void _refuse(const std::vector<const Tensor*>& inputs,
+                                                            const Tensor* output) const {
+    const ResizeGeometry g = _plan(inputs);
+    refuse_unprepared(inputs, output, {g.n, g.out_h, g.out_w, g.c}, op_param_, kName);
   }
 };
 

@@ -1,19 +1,19 @@
-#include "ops/kernels/float_activation_kernels.h"
 #include "ops/float/float_eltwise.h"
+#include "ops/kernels/float_activation_kernels.h"
 
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-struct Z40SeluParam : BaseParam {};
+struct Z40SeluParam : BaseParam, EltwiseSizes {};
 
 // Scaled exponential linear unit with the fixed self-normalising constants.
-class Z40SeluOpExecutor : public FloatUnaryOpExecutor<Z40SeluParam> {
+class Z40SeluOpExecutor : public FloatUnaryOpExecutor<Z40SeluOpExecutor, Z40SeluParam> {
  public:
-  Z40SeluOpExecutor() : FloatUnaryOpExecutor("Z40Selu", "FloatZ40Selu") {}
+  static constexpr const char* kName = "Z40Selu";
+  static constexpr const char* kLabel = "FloatZ40Selu";
 
- protected:
-  void _compute(const float* in, float* out, int n) const override { selu_f32(in, out, n); }
+  void compute(const float* in, float* out, int n) const { selu_f32(in, out, n); }
 };
 
 }  // namespace kovraexecutor

@@ -1,17 +1,19 @@
 #include <algorithm>
-#include <memory>
+#include <string>
+#include <vector>
 
+#include "common.h"
 #include "op_attr.h"
 #include "op_executor.h"
+#include "ops/common/op_checks.h"
 #include "ops/float/float_shape_checks.h"
 #include "ops/kernels/layout_kernels.h"
-#include "ops/common/op_checks.h"
 
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-struct Z40SliceParam : BaseParam {
+struct Z40SliceParam : BaseParam, PreparedShapes {
   std::vector<int> split;
   int axis = 0;
   std::vector<int> output_shape;
@@ -19,11 +21,11 @@ struct Z40SliceParam : BaseParam {
   std::vector<int> ends;
   std::vector<int> axes;
   std::vector<int> steps;
+  SlicePlan plan;
+  std::vector<int> index;  // the plan's odometer
 };
 
 namespace {
-
-const char* const kOp = "Z40Slice";
 
 std::string list_text(const char* key, const std::vector<int>& values) {
   return std::string(key) + " " + shape_text(values);
@@ -37,6 +39,8 @@ std::string list_text(const char* key, const std::vector<int>& values) {
 // one of the pieces whose sizes "split" lists.
 class Z40SliceOpExecutor : public ParamOpExecutor<Z40SliceParam> {
  public:
+  static constexpr const char* kName = "Z40Slice";
+
   void parse_parameter(const NodeDef& node) override {
     Z40SliceParam& p = op_param_;
     read_int_list(node, "split", p.split);
@@ -50,27 +54,32 @@ class Z40SliceOpExecutor : public ParamOpExecutor<Z40SliceParam> {
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
-    _window(inputs);
-    shape = op_param_.output_shape;
+    Z40SliceParam& p = op_param_;
+    const SliceWindow window = _window(inputs);
+    p.in_shape = inputs[0]->shape();
+    p.plan = plan_slice(p.in_shape, window);
+    p.index.resize(p.in_shape.size());
+    p.out_shape = p.output_shape;
+    shape = p.out_shape;
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    const SliceWindow window = _window(inputs);
-    check_output_shape(output, op_param_.output_shape, kOp);
+    Z40SliceParam& p = op_param_;
+    if (KOVRA_UNLIKELY(!matches_prepared(inputs, output, p))) _refuse(inputs, output);
     if (output->size() < 1) return true;
-    slice_f32(inputs[0]->data<float>(), inputs[0]->shape(), window, output->mutable_data<float>());
+    slice_f32(inputs[0]->data<float>(), p.plan, output->mutable_data<float>(), p.index.data());
     return true;
   }
 
  private:
   SliceWindow _window(const std::vector<const Tensor*>& inputs) const {
     const Z40SliceParam& p = op_param_;
-    check_input_count(inputs, 1, kOp);
+    check_input_count(inputs, 1, kName);
     const Tensor* input = inputs[0];
     KOVRA_ENSURE_MSG(input->dims() == 4 || input->dims() == 5,
                      "input_tensor->shape().size() == 4 || input_tensor->shape().size() == 5",
                      "The shape of input only support  4D or 5D  in FloatZ40Slice!!!");
-    check_float(input, kOp);
+    check_float(input, kName);
     const std::vector<int>& in = input->shape();
     const int rank = input->dims();
     SliceWindow window;
@@ -81,31 +90,31 @@ class Z40SliceOpExecutor : public ParamOpExecutor<Z40SliceParam> {
       _split_piece(in, window);
     } else {
       KOVRA_ENSURE_MSG(p.ends.size() == p.starts.size(), "ends.size() == starts.size()",
-                       std::string(kOp) + ": " + list_text("starts", p.starts) + " and " +
+                       std::string(kName) + ": " + list_text("starts", p.starts) + " and " +
                            list_text("ends", p.ends) + " differ in length");
       KOVRA_ENSURE_MSG(p.axes.empty() || p.axes.size() == p.starts.size(), "axes.size() == starts.size()",
-                       std::string(kOp) + ": " + list_text("axes", p.axes) + " does not match " +
+                       std::string(kName) + ": " + list_text("axes", p.axes) + " does not match " +
                            list_text("starts", p.starts));
       KOVRA_ENSURE_MSG(p.steps.empty() || p.steps.size() == p.starts.size(), "steps.size() == starts.size()",
-                       std::string(kOp) + ": " + list_text("steps", p.steps) + " does not match " +
+                       std::string(kName) + ": " + list_text("steps", p.steps) + " does not match " +
                            list_text("starts", p.starts));
       std::vector<bool> seen(rank, false);
       for (size_t i = 0; i < p.starts.size(); ++i) {
         int axis = p.axes.empty() ? static_cast<int>(i) : p.axes[i];
         if (axis < 0) axis += rank;
         KOVRA_ENSURE_MSG(axis >= 0 && axis < rank && !seen[axis], "0 <= axis < rank, each axis once",
-                         std::string(kOp) + ": axis " + std::to_string(p.axes.empty() ? i : p.axes[i]) +
+                         std::string(kName) + ": axis " + std::to_string(p.axes.empty() ? i : p.axes[i]) +
                              " is out of range or repeated for input " + shape_text(in));
         seen[axis] = true;
         const int step = p.steps.empty() ? 1 : p.steps[i];
         KOVRA_ENSURE_MSG(step != 0, "step != 0",
-                         std::string(kOp) + ": a step of 0 on axis " + std::to_string(axis));
+                         std::string(kName) + ": a step of 0 on axis " + std::to_string(axis));
         _clamp_axis(in[axis], p.starts[i], p.ends[i], step, window, axis);
       }
     }
-    check_positive_dims(window.out_shape, "slice", kOp);
+    check_positive_dims(window.out_shape, "slice", kName);
     KOVRA_ENSURE_MSG(window.out_shape == p.output_shape, "output_shape == slice extent",
-                     std::string(kOp) + ": output_shape " + shape_text(p.output_shape) +
+                     std::string(kName) + ": output_shape " + shape_text(p.output_shape) +
                          " but the slice of " + shape_text(in) + " is " + shape_text(window.out_shape));
     return window;
   }
@@ -132,10 +141,10 @@ class Z40SliceOpExecutor : public ParamOpExecutor<Z40SliceParam> {
     const int rank = static_cast<int>(in.size());
     const int axis = p.axis < 0 ? p.axis + rank : p.axis;
     KOVRA_ENSURE_MSG(axis >= 0 && axis < rank, "0 <= axis < rank",
-                     std::string(kOp) + ": split axis " + std::to_string(p.axis) + " is out of range for " +
+                     std::string(kName) + ": split axis " + std::to_string(p.axis) + " is out of range for " +
                          shape_text(in));
     KOVRA_ENSURE_MSG(!p.starts.empty() && !p.ends.empty(), "!starts.empty() && !ends.empty()",
-                     std::string(kOp) + ": a split piece needs starts and ends");
+                     std::string(kName) + ": a split piece needs starts and ends");
     long long total = 0;
     bool is_piece = false;
     for (int size : p.split) {
@@ -143,11 +152,17 @@ class Z40SliceOpExecutor : public ParamOpExecutor<Z40SliceParam> {
       total += size;
     }
     KOVRA_ENSURE_MSG(total == in[axis] && is_piece, "starts..ends is one piece of split",
-                     std::string(kOp) + ": " + list_text("split", p.split) + " on axis " +
+                     std::string(kName) + ": " + list_text("split", p.split) + " on axis " +
                          std::to_string(axis) + " of " + shape_text(in) + " has no piece " +
                          std::to_string(p.starts[0]) + ".." + std::to_string(p.ends[0]));
     window.starts[axis] = p.starts[0];
     window.out_shape[axis] = p.ends[0] - p.starts[0];
+  }
+
+  [[noreturn]] __attribute__((noinline, cold)) void _refuse(const std::vector<const Tensor*>& inputs,
+                                                            const Tensor* output) const {
+    _window(inputs);
+    refuse_unprepared(inputs, output, op_param_.output_shape, op_param_, kName);
   }
 };
 

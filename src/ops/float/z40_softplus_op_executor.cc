@@ -1,19 +1,19 @@
-#include "ops/kernels/float_activation_kernels.h"
 #include "ops/float/float_eltwise.h"
+#include "ops/kernels/float_activation_kernels.h"
 
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-struct Z40SoftplusParam : BaseParam {};
+struct Z40SoftplusParam : BaseParam, EltwiseSizes {};
 
 // log(exp(x) + 1).
-class Z40SoftplusOpExecutor : public FloatUnaryOpExecutor<Z40SoftplusParam> {
+class Z40SoftplusOpExecutor : public FloatUnaryOpExecutor<Z40SoftplusOpExecutor, Z40SoftplusParam> {
  public:
-  Z40SoftplusOpExecutor() : FloatUnaryOpExecutor("Z40Softplus", "FloatZ40Softplus") {}
+  static constexpr const char* kName = "Z40Softplus";
+  static constexpr const char* kLabel = "FloatZ40Softplus";
 
- protected:
-  void _compute(const float* in, float* out, int n) const override { softplus_f32(in, out, n); }
+  void compute(const float* in, float* out, int n) const { softplus_f32(in, out, n); }
 };
 
 }  // namespace kovraexecutor

@@ -41,15 +41,21 @@ struct PlusThen {
 
 void add_fused(const float* a, int n, const float* b, int nb, float* out, FusedRelu act) {
   switch (act) {
-    case FusedRelu::kNone: binary_cyclic(a, n, b, nb, out, PlusThen<FusedRelu::kNone>()); break;
-    case FusedRelu::kRelu: binary_cyclic(a, n, b, nb, out, PlusThen<FusedRelu::kRelu>()); break;
-    case FusedRelu::kRelu6: binary_cyclic(a, n, b, nb, out, PlusThen<FusedRelu::kRelu6>()); break;
+    case FusedRelu::kNone:
+      binary_cyclic(a, n, b, nb, out, PlusThen<FusedRelu::kNone>());
+      break;
+    case FusedRelu::kRelu:
+      binary_cyclic(a, n, b, nb, out, PlusThen<FusedRelu::kRelu>());
+      break;
+    case FusedRelu::kRelu6:
+      binary_cyclic(a, n, b, nb, out, PlusThen<FusedRelu::kRelu6>());
+      break;
   }
 }
 
 template <FusedRelu kAct>
-void batch_norm_scale_rows(const float* x, int n, const float* scale, const float* bias,
-                           int channels, float* out) {
+void batch_norm_scale_rows(const float* x, int n, const float* scale, const float* bias, int channels,
+                           float* out) {
   for (int start = 0; start < n; start += channels) {
     const int len = std::min(channels, n - start);
     const float* px = x + start;
@@ -113,12 +119,41 @@ void pow_cyclic_f32(const float* a, int n, const float* b, int nb, float* out) {
   binary_cyclic(a, n, b, nb, out, Power());
 }
 
+void mul_broadcast_f32(const float* a, const float* b, float* out, const BroadcastPlan& p) {
+  for (int k = 0; k < p.lead; ++k) {
+    const float* pa = a + static_cast<long long>(k) * p.step_a;
+    const float* pb = b + static_cast<long long>(k) * p.step_b;
+    float* po = out + static_cast<long long>(k) * p.block;
+    // Runs over which neither operand index wraps, each one plain loop.
+    int j = 0;
+    while (j < p.block) {
+      const int ia = j % p.block_a, ib = j % p.block_b;
+      int len = p.block - j;
+      if (p.block_a > 1) len = std::min(len, p.block_a - ia);
+      if (p.block_b > 1) len = std::min(len, p.block_b - ib);
+      const float* x = pa + ia;
+      const float* y = pb + ib;
+      float* r = po + j;
+      if (p.block_a == 1 && p.block_b > 1) {
+        const float s = x[0];
+        for (int i = 0; i < len; ++i) r[i] = s * y[i];
+      } else if (p.block_b == 1 && p.block_a > 1) {
+        const float s = y[0];
+        for (int i = 0; i < len; ++i) r[i] = x[i] * s;
+      } else {
+        for (int i = 0; i < len; ++i) r[i] = x[i] * y[i];
+      }
+      j += len;
+    }
+  }
+}
+
 void max_f32(const float* a, int n, const float* b, float* out) {
   if (n > 0) binary_cyclic(a, n, b, n, out, Maximum());
 }
 
-void batch_norm_scale_f32(const float* x, int n, const float* scale, const float* bias,
-                          int channels, float* out, FusedRelu act) {
+void batch_norm_scale_f32(const float* x, int n, const float* scale, const float* bias, int channels,
+                          float* out, FusedRelu act) {
   switch (act) {
     case FusedRelu::kNone:
       batch_norm_scale_rows<FusedRelu::kNone>(x, n, scale, bias, channels, out);

@@ -35,11 +35,21 @@ void mul_cyclic_f32(const float* a, int n, const float* b, int nb, float* out);
 void div_cyclic_f32(const float* a, int n, const float* b, int nb, float* out);
 // pow(a, b[i mod nb]) with the C library's double pow.
 void pow_cyclic_f32(const float* a, int n, const float* b, int nb, float* out);
+// The tensor arithmetic's broadcast product, planned once: for k < lead and
+// j < block, out[k * block + j] = a[k * step_a + j % block_a] *
+// b[k * step_b + j % block_b] (the operand with the extra leading dimensions
+// steps by its block, the other stays).
+struct BroadcastPlan {
+  int lead = 0, block = 0;
+  int block_a = 1, block_b = 1;
+  int step_a = 0, step_b = 0;
+};
+void mul_broadcast_f32(const float* a, const float* b, float* out, const BroadcastPlan& plan);
 // std::max(a[i], b[i]); b holds at least n values.
 void max_f32(const float* a, int n, const float* b, float* out);
 // x * scale[i mod channels] + bias[i mod channels], then the fused activation.
-void batch_norm_scale_f32(const float* x, int n, const float* scale, const float* bias,
-                          int channels, float* out, FusedRelu act);
+void batch_norm_scale_f32(const float* x, int n, const float* scale, const float* bias, int channels,
+                          float* out, FusedRelu act);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit

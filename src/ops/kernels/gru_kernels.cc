@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <vector>
 
 namespace kovra {
 namespace trenkit {
@@ -30,12 +29,16 @@ void matvec_add(const float* m, const float* v, const float* bias, int rows, int
 //   c = g(x W_h^T + r * (h R_h^T + Rb_h) + Wb_h)        linear_before_reset != 0
 //   h' = (1 - z) * c + z * h
 void gru_f32(const GruShape& s, const float* x, const float* w, const float* r, const float* bias,
-             const int* seq_lens, float* y, float* y_h, float* const* middle) {
+             const int* seq_lens, float* y, float* y_h, float* const* middle, float* scratch) {
   const int T = s.seq_len, B = s.batch, I = s.input_size, H = s.hidden, D = s.directions;
   const long long step = static_cast<long long>(B) * H;
   std::fill(y, y + static_cast<long long>(T) * D * step, 0.0f);
   for (int m = 0; m < D * kGruMiddlePerDirection; ++m) std::fill(middle[m], middle[m] + T * step, 0.0f);
-  std::vector<float> h_prev(H), gated(H), rec_z(H), rec_r(H), rec_h(H);
+  float* h_prev = scratch;
+  float* gated = scratch + H;
+  float* rec_z = scratch + 2 * H;
+  float* rec_r = scratch + 3 * H;
+  float* rec_h = scratch + 4 * H;
   for (int d = 0; d < D; ++d) {
     const bool reverse = D == 2 ? d == 1 : s.reverse;
     const float* wd = w + static_cast<long long>(d) * 3 * H * I;
@@ -45,7 +48,7 @@ void gru_f32(const GruShape& s, const float* x, const float* w, const float* r, 
     float* const* mid = middle + d * kGruMiddlePerDirection;
     for (int b = 0; b < B; ++b) {
       const int len = seq_lens != nullptr ? seq_lens[b] : T;
-      std::fill(h_prev.begin(), h_prev.end(), 0.0f);
+      std::fill(h_prev, h_prev + H, 0.0f);
       for (int i = 0; i < len; ++i) {
         const int t = reverse ? len - 1 - i : i;
         const long long at = t * step + static_cast<long long>(b) * H;
@@ -56,8 +59,8 @@ void gru_f32(const GruShape& s, const float* x, const float* w, const float* r, 
         matvec_add(wd, xt, wb, H, I, in_z);
         matvec_add(wd + H * I, xt, wb + H, H, I, in_r);
         matvec_add(wd + 2 * H * I, xt, wb + 2 * H, H, I, in_h);
-        matvec_add(rd, h_prev.data(), rb, H, H, rec_z.data());
-        matvec_add(rd + H * H, h_prev.data(), rb + H, H, H, rec_r.data());
+        matvec_add(rd, h_prev, rb, H, H, rec_z);
+        matvec_add(rd + H * H, h_prev, rb + H, H, H, rec_r);
         float* z = mid[kGruGateZ] + at;
         float* g = mid[kGruGateR] + at;
         for (int j = 0; j < H; ++j) {
@@ -66,11 +69,11 @@ void gru_f32(const GruShape& s, const float* x, const float* w, const float* r, 
         }
         float* rec = mid[kGruRecurrentH] + at;
         if (s.linear_before_reset) {
-          matvec_add(rd + 2 * H * H, h_prev.data(), rb + 2 * H, H, H, rec_h.data());
+          matvec_add(rd + 2 * H * H, h_prev, rb + 2 * H, H, H, rec_h);
           for (int j = 0; j < H; ++j) rec[j] = g[j] * rec_h[j];
         } else {
           for (int j = 0; j < H; ++j) gated[j] = g[j] * h_prev[j];
-          matvec_add(rd + 2 * H * H, gated.data(), rb + 2 * H, H, H, rec);
+          matvec_add(rd + 2 * H * H, gated, rb + 2 * H, H, H, rec);
         }
         float* cand = mid[kGruCandidate] + at;
         float* hidden = mid[kGruHidden] + at;
@@ -79,9 +82,10 @@ void gru_f32(const GruShape& s, const float* x, const float* w, const float* r, 
           hidden[j] = (1.0f - z[j]) * cand[j] + z[j] * h_prev[j];
           h_prev[j] = hidden[j];
         }
-        std::copy(hidden, hidden + H, y + (static_cast<long long>(t) * D + d) * step + static_cast<long long>(b) * H);
+        std::copy(hidden, hidden + H,
+                  y + (static_cast<long long>(t) * D + d) * step + static_cast<long long>(b) * H);
       }
-      std::copy(h_prev.begin(), h_prev.end(), y_h + static_cast<long long>(d) * step + static_cast<long long>(b) * H);
+      std::copy(h_prev, h_prev + H, y_h + static_cast<long long>(d) * step + static_cast<long long>(b) * H);
     }
   }
 }

@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include "ops/kernels/transpose.h"
-
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
@@ -75,40 +73,58 @@ void space_to_depth_f32(const float* in, float* out, const std::vector<int>& sha
   }
 }
 
-void concat_f32(const std::vector<const float*>& ins, const std::vector<int>& axis_sizes,
-                float* out, const std::vector<int>& out_shape, int axis) {
-  const long long outer = product(out_shape, 0, axis);
+ConcatPlan plan_concat(const std::vector<int>& axis_sizes, const std::vector<int>& out_shape, int axis) {
+  ConcatPlan plan;
+  plan.outer = product(out_shape, 0, axis);
   const long long inner = product(out_shape, axis + 1, out_shape.size());
-  std::vector<long long> chunk(ins.size());
-  for (size_t i = 0; i < ins.size(); ++i) chunk[i] = axis_sizes[i] * inner;
+  plan.chunks.resize(axis_sizes.size());
+  for (size_t i = 0; i < axis_sizes.size(); ++i) plan.chunks[i] = axis_sizes[i] * inner;
+  return plan;
+}
+
+void concat_f32(const float* const* ins, const ConcatPlan& plan, float* out) {
+  const size_t parts = plan.chunks.size();
+  const long long* chunk = plan.chunks.data();
   float* dst = out;
-  for (long long o = 0; o < outer; ++o) {
-    for (size_t i = 0; i < ins.size(); ++i) {
+  for (long long o = 0; o < plan.outer; ++o) {
+    for (size_t i = 0; i < parts; ++i) {
       std::memcpy(dst, ins[i] + o * chunk[i], sizeof(float) * chunk[i]);
       dst += chunk[i];
     }
   }
 }
 
-void slice_f32(const float* in, const std::vector<int>& in_shape, const SliceWindow& window,
-               float* out) {
+void concat_f32(const std::vector<const float*>& ins, const std::vector<int>& axis_sizes, float* out,
+                const std::vector<int>& out_shape, int axis) {
+  concat_f32(ins.data(), plan_concat(axis_sizes, out_shape, axis), out);
+}
+
+SlicePlan plan_slice(const std::vector<int>& in_shape, const SliceWindow& window) {
   const int rank = static_cast<int>(in_shape.size());
-  const std::vector<int>& extent = window.out_shape;
-  const long long count = product(extent, 0, extent.size());
-  if (count <= 0) return;
+  SlicePlan plan;
+  plan.extent = window.out_shape;
+  plan.count = product(plan.extent, 0, plan.extent.size());
   std::vector<long long> stride(rank, 1);
   for (int a = rank - 2; a >= 0; --a) stride[a] = stride[a + 1] * in_shape[a + 1];
-  long long base = 0;
-  std::vector<long long> step(rank);
+  plan.step.resize(rank);
   for (int a = 0; a < rank; ++a) {
-    base += window.starts[a] * stride[a];
-    step[a] = static_cast<long long>(window.steps[a]) * stride[a];
+    plan.base += window.starts[a] * stride[a];
+    plan.step[a] = static_cast<long long>(window.steps[a]) * stride[a];
   }
+  return plan;
+}
+
+void slice_f32(const float* in, const SlicePlan& plan, float* out, int* index) {
+  const long long count = plan.count;
+  if (count <= 0) return;
+  const int rank = static_cast<int>(plan.extent.size());
+  const std::vector<int>& extent = plan.extent;
+  const std::vector<long long>& step = plan.step;
   // Odometer over every axis but the last; the last is one strided run.
   const int inner = extent[rank - 1];
   const long long inner_step = step[rank - 1];
-  std::vector<int> index(rank, 0);
-  long long offset = base;
+  for (int a = 0; a < rank; ++a) index[a] = 0;
+  long long offset = plan.base;
   for (long long o = 0; o < count; o += inner) {
     const float* src = in + offset;
     if (inner_step == 1) {
@@ -123,6 +139,12 @@ void slice_f32(const float* in, const std::vector<int>& in_shape, const SliceWin
       index[a] = 0;
     }
   }
+}
+
+void slice_f32(const float* in, const std::vector<int>& in_shape, const SliceWindow& window, float* out) {
+  const SlicePlan plan = plan_slice(in_shape, window);
+  std::vector<int> index(in_shape.size());
+  slice_f32(in, plan, out, index.data());
 }
 
 void pad_constant_f32(const float* in, const std::vector<int>& in_shape, const std::vector<int>& before,
@@ -173,22 +195,38 @@ std::vector<int> to_channels_last_perm(int rank) {
 
 // ONNX reshapes see NCHW data: read the input channels-first, reinterpret the
 // flat buffer under the new shape (channels-first too), store channels-last.
-void onnx_reshape_reorder(const float* in, const std::vector<int>& in_shape, float* out,
-                          const std::vector<int>& out_shape, float* scratch) {
-  const long long count = product(in_shape, 0, in_shape.size());
-  if (count <= 0) return;
-  transpose(in, scratch, in_shape, to_channels_first_perm(static_cast<int>(in_shape.size())));
+OnnxReshapePlan plan_onnx_reshape(const std::vector<int>& in_shape, const std::vector<int>& out_shape) {
+  OnnxReshapePlan plan;
+  plan.to_first = plan_transpose(in_shape, to_channels_first_perm(static_cast<int>(in_shape.size())));
   const int out_rank = static_cast<int>(out_shape.size());
-  if (out_rank < 3) {
-    std::memcpy(out, scratch, sizeof(float) * count);
-    return;
-  }
+  plan.flat = out_rank < 3;
+  if (plan.flat) return plan;
   // The reshaped data are channels-first: [N, C, D1, ..., Dk] under out_shape's
   // channels-last dimensions [N, D1, ..., Dk, C].
   std::vector<int> first_shape(out_rank);
   const std::vector<int> to_first = to_channels_first_perm(out_rank);
   for (int a = 0; a < out_rank; ++a) first_shape[a] = out_shape[to_first[a]];
-  transpose(scratch, out, first_shape, to_channels_last_perm(out_rank));
+  plan.to_last = plan_transpose(first_shape, to_channels_last_perm(out_rank));
+  return plan;
+}
+
+void onnx_reshape_reorder(const float* in, float* out, const OnnxReshapePlan& plan, float* scratch,
+                          int* index) {
+  const long long count = plan.to_first.count;
+  if (count <= 0) return;
+  transpose(in, scratch, plan.to_first, index);
+  if (plan.flat) {
+    std::memcpy(out, scratch, sizeof(float) * count);
+    return;
+  }
+  transpose(scratch, out, plan.to_last, index);
+}
+
+void onnx_reshape_reorder(const float* in, const std::vector<int>& in_shape, float* out,
+                          const std::vector<int>& out_shape, float* scratch) {
+  const OnnxReshapePlan plan = plan_onnx_reshape(in_shape, out_shape);
+  std::vector<int> index(std::max(in_shape.size(), out_shape.size()));
+  onnx_reshape_reorder(in, out, plan, scratch, index.data());
 }
 
 }  // namespace kovraexecutor

@@ -3,12 +3,17 @@
 
 #include <vector>
 
+#include "ops/kernels/transpose.h"
+
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
 // Data-movement kernels over channels-last arrays. Callers validate shapes
 // and parameters once; the kernels trust them and never check per element.
+// Kernels that walk an arbitrary rank come in two forms: a plan made once per
+// shape plus a run that allocates nothing (its `index` scratch holds one int
+// per axis), and a one-off form that plans on every call.
 
 // [N, H, W, C] with C divisible by `groups`.
 void channel_shuffle_f32(const float* in, float* out, const std::vector<int>& shape, int groups);
@@ -20,9 +25,17 @@ void focus_f32(const float* in, float* out, const std::vector<int>& shape);
 void space_to_depth_f32(const float* in, float* out, const std::vector<int>& shape, int block);
 
 // Joins arrays along `axis`; every input has the output's dimensions except on
-// that axis, where input i contributes axis_sizes[i] entries.
-void concat_f32(const std::vector<const float*>& ins, const std::vector<int>& axis_sizes,
-                float* out, const std::vector<int>& out_shape, int axis);
+// that axis, where input i contributes axis_sizes[i] entries. The output is
+// `outer` blocks, each made of chunks[i] values of input i in turn.
+struct ConcatPlan {
+  long long outer = 0;
+  std::vector<long long> chunks;
+};
+ConcatPlan plan_concat(const std::vector<int>& axis_sizes, const std::vector<int>& out_shape, int axis);
+// `ins` holds one pointer per chunk of the plan.
+void concat_f32(const float* const* ins, const ConcatPlan& plan, float* out);
+void concat_f32(const std::vector<const float*>& ins, const std::vector<int>& axis_sizes, float* out,
+                const std::vector<int>& out_shape, int axis);
 
 // Strided window of an array: output index j on axis a reads input index
 // starts[a] + j * steps[a]; out_shape gives the window's extent per axis.
@@ -31,8 +44,15 @@ struct SliceWindow {
   std::vector<int> steps;
   std::vector<int> out_shape;
 };
-void slice_f32(const float* in, const std::vector<int>& in_shape, const SliceWindow& window,
-               float* out);
+struct SlicePlan {
+  long long count = 0;          // elements of the window
+  long long base = 0;           // input offset of its first element
+  std::vector<int> extent;      // the window's extent per axis
+  std::vector<long long> step;  // input offset of one step along each axis
+};
+SlicePlan plan_slice(const std::vector<int>& in_shape, const SliceWindow& window);
+void slice_f32(const float* in, const SlicePlan& plan, float* out, int* index);
+void slice_f32(const float* in, const std::vector<int>& in_shape, const SliceWindow& window, float* out);
 
 // Constant padding: before[a] entries of `value` precede the input on axis a;
 // out_shape[a] - in_shape[a] - before[a] follow it. Rank 1 to kMaxPadRank;
@@ -48,7 +68,16 @@ std::vector<int> to_channels_last_perm(int rank);
 // A reshape written for channels-first data, applied to channels-last data:
 // the input is viewed channels-first, its elements are taken in that order
 // under `out_shape`, and the result is stored channels-last again.
-// `scratch` holds at least as many floats as the input.
+// `scratch` holds at least as many floats as the input; `index` one int per
+// axis of the larger of the two ranks.
+struct OnnxReshapePlan {
+  TransposePlan to_first;  // the input, viewed channels-first
+  TransposePlan to_last;   // the reshaped channels-first data, stored channels-last
+  bool flat = false;       // an output below rank 3: the channels-first order is the result
+};
+OnnxReshapePlan plan_onnx_reshape(const std::vector<int>& in_shape, const std::vector<int>& out_shape);
+void onnx_reshape_reorder(const float* in, float* out, const OnnxReshapePlan& plan, float* scratch,
+                          int* index);
 void onnx_reshape_reorder(const float* in, const std::vector<int>& in_shape, float* out,
                           const std::vector<int>& out_shape, float* scratch);
 

@@ -26,20 +26,25 @@ inline float rounding_offset(float v, const QuantizeWeightParam& p) {
 
 }  // namespace
 
-std::vector<float> quantize_weight_scales(const float* weight, int count, const QuantizeWeightParam& p) {
-  std::vector<float> scale(p.channels, 0.0f);
+void quantize_weight_scales(const float* weight, int count, const QuantizeWeightParam& p, float* scale) {
+  std::fill(scale, scale + p.channels, 0.0f);
   for (int i = 0; i < count; ++i) {
     float& m = scale[channel_of(i, p)];
     m = std::max(m, std::fabs(weight[i]));
   }
   const float qmax = qmax_of(p.bitwidth);
-  for (float& s : scale) s /= qmax;
+  for (int c = 0; c < p.channels; ++c) scale[c] /= qmax;
+}
+
+std::vector<float> quantize_weight_scales(const float* weight, int count, const QuantizeWeightParam& p) {
+  std::vector<float> scale(p.channels);
+  quantize_weight_scales(weight, count, p, scale.data());
   return scale;
 }
 
 void quantize_weight_cpu(const float* weight, const float* rounding, float* out, int count,
-                         const QuantizeWeightParam& p) {
-  const std::vector<float> scale = quantize_weight_scales(weight, count, p);
+                         const QuantizeWeightParam& p, float* scale) {
+  quantize_weight_scales(weight, count, p, scale);
   const float qmin = qmin_of(p.bitwidth), qmax = qmax_of(p.bitwidth);
   for (int i = 0; i < count; ++i) {
     const float s = scale[channel_of(i, p)];

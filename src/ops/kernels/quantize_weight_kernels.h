@@ -21,12 +21,15 @@ struct QuantizeWeightParam {
   int channel_stride = 1;
 };
 
-// Symmetric per-channel step: max |w| over the channel / (2^(bitwidth-1) - 1).
+// Symmetric per-channel step: max |w| over the channel / (2^(bitwidth-1) - 1),
+// into `scale` (p.channels floats) or a new vector.
+void quantize_weight_scales(const float* weight, int count, const QuantizeWeightParam& p, float* scale);
 std::vector<float> quantize_weight_scales(const float* weight, int count, const QuantizeWeightParam& p);
 
-// out = s * clamp(floor(w / s) + h(v), -2^(b-1), 2^(b-1) - 1) per element.
+// out = s * clamp(floor(w / s) + h(v), -2^(b-1), 2^(b-1) - 1) per element;
+// `scale` is scratch for p.channels floats.
 void quantize_weight_cpu(const float* weight, const float* rounding, float* out, int count,
-                         const QuantizeWeightParam& p);
+                         const QuantizeWeightParam& p, float* scale);
 
 // Gradients of quantize_weight_cpu given the output gradient: the weight's is
 // passed straight through where the code was not clamped; the rounding

@@ -26,11 +26,11 @@ std::vector<int> nearest_source_indices(int in, int out) {
 // clamped below at 0. lo = floor(src), hi = min(lo + 1, in - 1).
 std::vector<LinearTap> bilinear_taps(int in, int out, bool align_corners) {
   std::vector<LinearTap> taps(out);
-  const float scale = align_corners ? (out > 1 ? static_cast<float>(in - 1) / static_cast<float>(out - 1) : 0.0f)
-                                    : static_cast<float>(in) / static_cast<float>(out);
+  const float scale = align_corners
+                          ? (out > 1 ? static_cast<float>(in - 1) / static_cast<float>(out - 1) : 0.0f)
+                          : static_cast<float>(in) / static_cast<float>(out);
   for (int o = 0; o < out; ++o) {
-    float src = align_corners ? static_cast<float>(o) * scale
-                              : (static_cast<float>(o) + 0.5f) * scale - 0.5f;
+    float src = align_corners ? static_cast<float>(o) * scale : (static_cast<float>(o) + 0.5f) * scale - 0.5f;
     src = std::max(src, 0.0f);
     const int lo = std::min(static_cast<int>(std::floor(src)), in - 1);
     taps[o] = {lo, std::min(lo + 1, in - 1), src - static_cast<float>(lo)};
@@ -68,14 +68,14 @@ void resize_nearest_f32(const float* in, float* out, const ResizeGeometry& g, co
   });
 }
 
-// Each output is top + (bottom - top) * y_frac with top/bottom interpolated
-// along x first, as TensorFlow orders the lerps.
 void resize_bilinear_f32(const float* in, float* out, const ResizeGeometry& g, bool align_corners) {
   const std::vector<LinearTap> ty = bilinear_taps(g.h, g.out_h, align_corners);
   const std::vector<LinearTap> tx = bilinear_taps(g.w, g.out_w, align_corners);
   resize_bilinear_f32(in, out, g, ty.data(), tx.data());
 }
 
+// Each output is top + (bottom - top) * y_frac with top/bottom interpolated
+// along x first, as TensorFlow orders the lerps.
 void resize_bilinear_f32(const float* in, float* out, const ResizeGeometry& g, const LinearTap* ty,
                          const LinearTap* tx) {
   const int c = g.c;

@@ -24,13 +24,15 @@ struct LinearTap {
 };
 std::vector<LinearTap> bilinear_taps(int in, int out, bool align_corners);
 
+// With the source indices (taps) of every output row and column worked out
+// beforehand (nearest_source_indices / bilinear_taps); these allocate nothing.
+void resize_nearest_f32(const float* in, float* out, const ResizeGeometry& g, const int* src_y,
+                        const int* src_x);
+void resize_bilinear_f32(const float* in, float* out, const ResizeGeometry& g, const LinearTap* taps_y,
+                         const LinearTap* taps_x);
+// Working the indices out on every call.
 void resize_nearest_f32(const float* in, float* out, const ResizeGeometry& g);
 void resize_bilinear_f32(const float* in, float* out, const ResizeGeometry& g, bool align_corners);
-// The same with the per-axis tables computed beforehand (sy: out_h rows, sx:
-// out_w columns), so a caller that prepares them once allocates nothing here.
-void resize_nearest_f32(const float* in, float* out, const ResizeGeometry& g, const int* sy, const int* sx);
-void resize_bilinear_f32(const float* in, float* out, const ResizeGeometry& g, const LinearTap* ty,
-                         const LinearTap* tx);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit
