@@ -1,6 +1,6 @@
 #include <immintrin.h>
 
-#include "ops/kernels/gemm_f32.h"
+#include "ops/kernels/x86/x86_kernels.h"
 
 namespace kovra {
 namespace trenkit {
@@ -70,7 +70,7 @@ void kernel_rows_x16(const float* a, int lda, const float* b, int ldb, float* c,
 
 }  // namespace
 
-void gemm_f32_8x32_avx2(const float* a, int lda, const float* b, int ldb, float* c, int ldc,
+void gemm_f32_4x16_avx2(const float* a, int lda, const float* b, int ldb, float* c, int ldc,
                         int rows, int cols, int kc, bool accumulate, const float* bias) {
   for (int r0 = 0; r0 < rows; r0 += 4) {
     const int rr = rows - r0 < 4 ? rows - r0 : 4;
@@ -81,7 +81,7 @@ void gemm_f32_8x32_avx2(const float* a, int lda, const float* b, int ldb, float*
   }
 }
 
-void gemv_f32_avx2(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias) {
+void gemv_f32_1x64_avx2(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias) {
   constexpr int kVectors = 8;
   for (int n0 = 0; n0 < N; n0 += 8 * kVectors) {
     __m256i mask[kVectors];

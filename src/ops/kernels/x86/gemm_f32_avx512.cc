@@ -1,6 +1,6 @@
 #include <immintrin.h>
 
-#include "ops/kernels/gemm_f32.h"
+#include "ops/kernels/x86/x86_kernels.h"
 
 namespace kovra {
 namespace trenkit {
@@ -106,7 +106,7 @@ void indirect_rows(const float* const* taps, int tap_count, int C_runtime, const
 
 }  // namespace
 
-void gemm_f32_8x32_indirect_avx512(const float* const* taps, int tap_count, int C, const float* b, int ldb,
+void conv_f32_8x32_indirect_avx512(const float* const* taps, int tap_count, int C, const float* b, int ldb,
                                    float* c, int ldc, int rows, int cols, bool accumulate, const float* bias) {
   const __mmask16 m0 = lanes(cols), m1 = lanes(cols - 16);
   if (rows == 8 && cols == 32) {
@@ -150,7 +150,7 @@ void gemm_f32_8x32_avx512(const float* a, int lda, const float* b, int ldb, floa
   }
 }
 
-void gemv_f32_avx512(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias) {
+void gemv_f32_1x128_avx512(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias) {
   // 128 columns in 8 independent chains hide the multiply-add latency while
   // the rows of B stream through once.
   constexpr int kVectors = 8;
