@@ -349,7 +349,7 @@ void conv2d_avx_cpu(const ConvTilePlan& plan, const float* input, const float* w
   shared.bias = bias;
   shared.output = output;
   ThreadPool& pool = ThreadPool::instance();
-  const int tasks = std::min(plan.workers, pool.num_threads());
+  const int tasks = plan.workers <= 1 ? 1 : std::min(plan.workers, pool.num_threads());
   if (tasks <= 1) {
     ConvThreadArg arg{0, 1, &shared};
     computeConv_tiled(&arg);

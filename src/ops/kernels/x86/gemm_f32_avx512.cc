@@ -150,30 +150,49 @@ void gemm_f32_8x32_avx512(const float* a, int lda, const float* b, int ldb, floa
   }
 }
 
+namespace {
+// kVectors registers of 16 columns, each an independent fused multiply-add
+// chain per column, so the count never changes a result.
+template <int kVectors>
+void gemv_columns(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias, int n0) {
+  __mmask16 mask[kVectors];
+  __m512 acc[kVectors];
+#pragma GCC unroll 8
+  for (int v = 0; v < kVectors; ++v) {
+    mask[v] = lanes(N - n0 - 16 * v);
+    acc[v] = _mm512_setzero_ps();
+  }
+  const float* row = b + n0;
+  for (int k = 0; k < K; ++k, row += ldb) {
+    const __m512 av = _mm512_set1_ps(a[k]);
+#pragma GCC unroll 8
+    for (int v = 0; v < kVectors; ++v) {
+      acc[v] = _mm512_fmadd_ps(av, _mm512_maskz_loadu_ps(mask[v], row + 16 * v), acc[v]);
+    }
+  }
+#pragma GCC unroll 8
+  for (int v = 0; v < kVectors; ++v) {
+    if (bias != nullptr) acc[v] = _mm512_add_ps(acc[v], _mm512_maskz_loadu_ps(mask[v], bias + n0 + 16 * v));
+    _mm512_mask_storeu_ps(c + n0 + 16 * v, mask[v], acc[v]);
+  }
+}
+}  // namespace
+
 void gemv_f32_1x128_avx512(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias) {
   // 128 columns in 8 independent chains hide the multiply-add latency while
-  // the rows of B stream through once.
-  constexpr int kVectors = 8;
-  for (int n0 = 0; n0 < N; n0 += 16 * kVectors) {
-    __mmask16 mask[kVectors];
-    __m512 acc[kVectors];
-#pragma GCC unroll 8
-    for (int v = 0; v < kVectors; ++v) {
-      mask[v] = lanes(N - n0 - 16 * v);
-      acc[v] = _mm512_setzero_ps();
-    }
-    const float* row = b + n0;
-    for (int k = 0; k < K; ++k, row += ldb) {
-      const __m512 av = _mm512_set1_ps(a[k]);
-#pragma GCC unroll 8
-      for (int v = 0; v < kVectors; ++v) {
-        acc[v] = _mm512_fmadd_ps(av, _mm512_maskz_loadu_ps(mask[v], row + 16 * v), acc[v]);
-      }
-    }
-#pragma GCC unroll 8
-    for (int v = 0; v < kVectors; ++v) {
-      if (bias != nullptr) acc[v] = _mm512_add_ps(acc[v], _mm512_maskz_loadu_ps(mask[v], bias + n0 + 16 * v));
-      _mm512_mask_storeu_ps(c + n0 + 16 * v, mask[v], acc[v]);
+  // the rows of B stream through once; a narrow tail takes only the
+  // registers it fills.
+  for (int n0 = 0; n0 < N; n0 += 128) {
+    const int columns = N - n0 < 128 ? N - n0 : 128;
+    switch ((columns + 15) / 16) {
+      case 1: gemv_columns<1>(a, b, ldb, c, N, K, bias, n0); break;
+      case 2: gemv_columns<2>(a, b, ldb, c, N, K, bias, n0); break;
+      case 3: gemv_columns<3>(a, b, ldb, c, N, K, bias, n0); break;
+      case 4: gemv_columns<4>(a, b, ldb, c, N, K, bias, n0); break;
+      case 5: gemv_columns<5>(a, b, ldb, c, N, K, bias, n0); break;
+      case 6: gemv_columns<6>(a, b, ldb, c, N, K, bias, n0); break;
+      case 7: gemv_columns<7>(a, b, ldb, c, N, K, bias, n0); break;
+      default: gemv_columns<8>(a, b, ldb, c, N, K, bias, n0); break;
     }
   }
 }

@@ -31,10 +31,14 @@ void scan_codes_f32_1x16_avx512(const float* v, long long count, float* lo, floa
   float lanes_lo[16], lanes_hi[16];
   _mm512_storeu_ps(lanes_lo, vlo);
   _mm512_storeu_ps(lanes_hi, vhi);
+  // Locals: stores through lo/hi would be reloaded after every lane.
+  float l = *lo, h = *hi;
   for (int i = 0; i < 16; ++i) {
-    *lo = lanes_lo[i] < *lo ? lanes_lo[i] : *lo;
-    *hi = lanes_hi[i] > *hi ? lanes_hi[i] : *hi;
+    l = lanes_lo[i] < l ? lanes_lo[i] : l;
+    h = lanes_hi[i] > h ? lanes_hi[i] : h;
   }
+  *lo = l;
+  *hi = h;
   *integral = *integral && bad == 0;
 }
 
