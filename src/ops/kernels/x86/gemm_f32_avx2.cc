@@ -81,28 +81,48 @@ void gemm_f32_4x16_avx2(const float* a, int lda, const float* b, int ldb, float*
   }
 }
 
+namespace {
+// kVectors registers of 8 columns, each an independent fused multiply-add
+// chain per column, so the count never changes a result.
+template <int kVectors>
+void gemv_columns(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias, int n0) {
+  __m256i mask[kVectors];
+  __m256 acc[kVectors];
+#pragma GCC unroll 8
+  for (int v = 0; v < kVectors; ++v) {
+    mask[v] = lanes(N - n0 - 8 * v);
+    acc[v] = _mm256_setzero_ps();
+  }
+  const float* row = b + n0;
+  for (int k = 0; k < K; ++k, row += ldb) {
+    const __m256 av = _mm256_broadcast_ss(a + k);
+#pragma GCC unroll 8
+    for (int v = 0; v < kVectors; ++v) {
+      acc[v] = _mm256_fmadd_ps(av, _mm256_maskload_ps(row + 8 * v, mask[v]), acc[v]);
+    }
+  }
+#pragma GCC unroll 8
+  for (int v = 0; v < kVectors; ++v) {
+    if (bias != nullptr) acc[v] = _mm256_add_ps(acc[v], _mm256_maskload_ps(bias + n0 + 8 * v, mask[v]));
+    _mm256_maskstore_ps(c + n0 + 8 * v, mask[v], acc[v]);
+  }
+}
+}  // namespace
+
 void gemv_f32_1x64_avx2(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias) {
-  constexpr int kVectors = 8;
-  for (int n0 = 0; n0 < N; n0 += 8 * kVectors) {
-    __m256i mask[kVectors];
-    __m256 acc[kVectors];
-#pragma GCC unroll 8
-    for (int v = 0; v < kVectors; ++v) {
-      mask[v] = lanes(N - n0 - 8 * v);
-      acc[v] = _mm256_setzero_ps();
-    }
-    const float* row = b + n0;
-    for (int k = 0; k < K; ++k, row += ldb) {
-      const __m256 av = _mm256_broadcast_ss(a + k);
-#pragma GCC unroll 8
-      for (int v = 0; v < kVectors; ++v) {
-        acc[v] = _mm256_fmadd_ps(av, _mm256_maskload_ps(row + 8 * v, mask[v]), acc[v]);
-      }
-    }
-#pragma GCC unroll 8
-    for (int v = 0; v < kVectors; ++v) {
-      if (bias != nullptr) acc[v] = _mm256_add_ps(acc[v], _mm256_maskload_ps(bias + n0 + 8 * v, mask[v]));
-      _mm256_maskstore_ps(c + n0 + 8 * v, mask[v], acc[v]);
+  // 64 columns in 8 independent chains; a narrow tail takes only the
+  // registers it fills.
+  for (int n0 = 0; n0 < N; n0 += 64) {
+    const int columns = N - n0 < 64 ? N - n0 : 64;
+    switch ((columns + 7) / 8) {
+      case 1: gemv_columns<1>(a, b, ldb, c, N, K, bias, n0); break;
+      case 2: gemv_columns<2>(a, b, ldb, c, N, K, bias, n0); break;
+      case 3: gemv_columns<3>(a, b, ldb, c, N, K, bias, n0); break;
+      case 4: gemv_columns<4>(a, b, ldb, c, N, K, bias, n0); break;
+      case 5: gemv_columns<5>(a, b, ldb, c, N, K, bias, n0); break;
+      case 6: gemv_columns<6>(a, b, ldb, c, N, K, bias, n0); break;
+      case 7: gemv_columns<7>(a, b, ldb, c, N, K, bias, n0); break;
+      default: gemv_columns<8>(a, b, ldb, c, N, K, bias, n0); break;
     }
   }
 }
