@@ -56,7 +56,8 @@ class Z40DepthwiseConv2dNativeOpExecutor : public ParamOpExecutor<Z40DepthwiseCo
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
-    _prepare(inputs);
+    // Inputs as before need no second preparation.
+    if (inputs.size() < 2 || !_prepared_for(inputs)) _prepare(inputs);
     const ConvGeometry& g = op_param_.geometry;
     shape = {g.batch, g.out_h, g.out_w, g.out_c};
   }

@@ -17,7 +17,8 @@ void Z40Conv2DInt8OpExecutor::parse_parameter(const NodeDef& node_def) {
 
 void Z40Conv2DInt8OpExecutor::inference_shape(const std::vector<const Tensor*>& inputs,
                                               std::vector<int>& shape) {
-  prepare_conv2d_int8(inputs, &op_param_);
+  // Inputs as before need no second preparation.
+  if (inputs.size() < 2 || !int8_prepared_for(op_param_.prepared, inputs)) prepare_conv2d_int8(inputs, &op_param_);
   shape = op_param_.prepared.output_shape;
 }
 
@@ -26,6 +27,7 @@ bool Z40Conv2DInt8OpExecutor::execute(const std::vector<const Tensor*>& inputs, 
   if (!int8_prepared_for(op_param_.prepared, inputs)) prepare_conv2d_int8(inputs, &op_param_);
   const Int8Prepared& prep = op_param_.prepared;
   // A node without bias adds C_out zeros.
+  if (op_param_.has_bias) check_float(inputs[2], kName);
   const float* bias = op_param_.has_bias ? inputs[2]->data<float>() : prep.zero_bias.data();
   run_conv2d_int8(inputs[0], inputs[1], bias, output, &op_param_, prep.tiled);
   return true;

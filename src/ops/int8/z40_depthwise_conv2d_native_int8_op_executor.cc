@@ -16,7 +16,8 @@ void Z40DepthwiseConv2dNativeInt8OpExecutor::parse_parameter(const NodeDef& node
 
 void Z40DepthwiseConv2dNativeInt8OpExecutor::inference_shape(const std::vector<const Tensor*>& inputs,
                                                              std::vector<int>& shape) {
-  prepare_dwconv2d_int8(inputs, &op_param_);
+  // Inputs as before need no second preparation.
+  if (inputs.size() < 2 || !int8_prepared_for(op_param_.prepared, inputs)) prepare_dwconv2d_int8(inputs, &op_param_);
   shape = op_param_.prepared.output_shape;
 }
 
@@ -24,6 +25,7 @@ bool Z40DepthwiseConv2dNativeInt8OpExecutor::execute(const std::vector<const Ten
                                                      Tensor* output) {
   check_input_count(inputs, 2, kName);
   if (!int8_prepared_for(op_param_.prepared, inputs)) prepare_dwconv2d_int8(inputs, &op_param_);
+  if (op_param_.has_bias) check_float(inputs[2], kName);
   const float* bias = op_param_.has_bias ? inputs[2]->data<float>() : op_param_.prepared.zero_bias.data();
   run_dwconv2d_int8(inputs[0], inputs[1], bias, output, &op_param_);
   return true;
