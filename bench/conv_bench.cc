@@ -6,28 +6,26 @@
 // The "op/" rows time one execute of an operator on a tiny input: the fixed
 // cost of a node, with the heap allocations per execute as a counter.
 
+#include <benchmark/benchmark.h>
 #include <dlfcn.h>
-
 #include <time.h>
 
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <new>
-#include <cmath>
-#include <map>
 #include <random>
 #include <string>
 #include <vector>
 
-#include <benchmark/benchmark.h>
-
 #include "op_executor.h"
 #include "ops/kernels/activate.h"
-#include "ops/kernels/gemm_f32.h"
 #include "ops/kernels/conv2d_cpu.h"
 #include "ops/kernels/dwconv2d_cpu.h"
+#include "ops/kernels/gemm_f32.h"
 #include "ops/kernels/matmul_cpu.h"
 #include "thread_pool.h"
 
@@ -165,8 +163,9 @@ void run_ours(benchmark::State& state, const Shape& s, int threads) {
       prepare_conv_tiles(g, &plan);
       PackedPanelsF32 cache;
       const float* packed = pack_panels_f32(w.data(), plan.K, s.oc, 1, &cache);
-      seconds = timed_loop(state, threads,
-                           [&] { conv2d_avx_cpu(plan, in.data(), w.data(), packed, bias.data(), out.data()); });
+      seconds = timed_loop(state, threads, [&] {
+        conv2d_avx_cpu(plan, in.data(), w.data(), packed, bias.data(), out.data());
+      });
     }
   }
   report(state, s, seconds, std::string(s.name) + "/" + std::to_string(threads), true);
@@ -270,11 +269,12 @@ void run_tiny_op(benchmark::State& state, const char* op_name, bool int8) {
 }
 
 const bool kRegistered = [] {
-  benchmark::RegisterBenchmark("op/Z40Conv2D_1x1_c4", [](benchmark::State& st) { run_tiny_op(st, "Z40Conv2D", false); })
-      ->Unit(benchmark::kNanosecond);
-  benchmark::RegisterBenchmark("op/Z40Conv2DInt8_1x1_c4",
-                               [](benchmark::State& st) { run_tiny_op(st, "Z40Conv2DInt8", true); })
-      ->Unit(benchmark::kNanosecond);
+  benchmark::RegisterBenchmark("op/Z40Conv2D_1x1_c4", [](benchmark::State& st) {
+    run_tiny_op(st, "Z40Conv2D", false);
+  })->Unit(benchmark::kNanosecond);
+  benchmark::RegisterBenchmark("op/Z40Conv2DInt8_1x1_c4", [](benchmark::State& st) {
+    run_tiny_op(st, "Z40Conv2DInt8", true);
+  })->Unit(benchmark::kNanosecond);
   for (const Shape& s : kShapes) {
     for (int threads : {1, 2}) {
       const std::string suffix = std::string(s.name) + "/threads:" + std::to_string(threads);

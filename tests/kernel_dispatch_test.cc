@@ -1,6 +1,8 @@
 // The kernel families' tables: which variant runs for each instruction set,
 // every variant the processor supports against the straightforward kernel
 // on seeded random data (bit for bit), and the per-operator weight caches.
+#include <gtest/gtest.h>
+
 #include <cmath>
 #include <cstring>
 #include <functional>
@@ -9,8 +11,6 @@
 #include <random>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "op_executor.h"
 #include "ops/kernels/avx_common.h"
@@ -134,7 +134,8 @@ void check_gemm(const kx::GemmF32Kernels& v) {
               want = b ? acc + b[n] : acc;
             }
             ASSERT_TRUE(same_bits(&C[r * ldc + n], &want, 1))
-                << v.name << " rows " << rows << " cols " << cols << " mode " << mode << " at " << r << "," << n;
+                << v.name << " rows " << rows << " cols " << cols << " mode " << mode << " at " << r << ","
+                << n;
           }
       }
     }
@@ -263,7 +264,8 @@ void check_codes(const kx::Int8CodeKernels& v) {
   std::vector<int32_t> sums(rows * ld), correction(channels);
   for (int32_t& s : sums) s = sum(rng);
   for (int32_t& s : correction) s = sum(rng) / 8;
-  const std::vector<float> bias = uniform(channels, 16, -300, 300), scale = uniform(channels, 17, 0.001f, 0.01f),
+  const std::vector<float> bias = uniform(channels, 16, -300, 300),
+                           scale = uniform(channels, 17, 0.001f, 0.01f),
                            negative = uniform(channels, 18, 0.0001f, 0.001f);
   for (const float* neg : {static_cast<const float*>(nullptr), negative.data()}) {
     kx::Int8RequantizeArgs args;
@@ -293,7 +295,8 @@ void check_codes(const kx::Int8CodeKernels& v) {
   fractional[40] = 7.5f;
   beyond[17] = 256.0f;
   nan[33] = std::numeric_limits<float>::quiet_NaN();
-  for (const Scan& s : {Scan{in_range, true}, Scan{fractional, false}, Scan{beyond, false}, Scan{nan, false}}) {
+  for (const Scan& s :
+       {Scan{in_range, true}, Scan{fractional, false}, Scan{beyond, false}, Scan{nan, false}}) {
     float lo = 0.0f, hi = 0.0f;
     bool integral = true;
     v.scan(s.values.data(), static_cast<long long>(s.values.size()), &lo, &hi, &integral);
@@ -322,8 +325,8 @@ void check_int8_float_gemm(const kx::Int8FloatGemmKernels& v) {
   for (int rows : {8, 3}) {
     std::vector<float> got(8 * out_c, -1.0f), want(8 * out_c, -1.0f);
     v.gemm(got.data(), in.data(), weights, bias.data(), in_c, out_c, rows, kp, 16);
-    kx::gemm_float_int8(want.data(), in.data(), w.data(), bias.data(), nullptr, nullptr, false, in_c, out_c, rows,
-                        kp, nullptr, 0.0f, 16, 0);
+    kx::gemm_float_int8(want.data(), in.data(), w.data(), bias.data(), nullptr, nullptr, false, in_c, out_c,
+                        rows, kp, nullptr, 0.0f, 16, 0);
     ASSERT_TRUE(same_bits(got.data(), want.data(), got.size())) << v.name << " rows " << rows;
   }
 }
@@ -332,11 +335,12 @@ void check_int8_float_gemm(const kx::Int8FloatGemmKernels& v) {
 std::vector<float> eltwise_data(int n, unsigned seed) {
   std::mt19937 rng(seed);
   std::uniform_real_distribution<float> dist(-300.0f, 300.0f);
-  const float specials[] = {0.5f, -0.5f, 2.5f, -2.5f, -0.0f, 0.0f, -0.25f, 1e-30f, -1e-30f,
-                            1e30f, -1e30f, std::numeric_limits<float>::infinity(),
-                            -std::numeric_limits<float>::infinity()};
+  const float inf = std::numeric_limits<float>::infinity();
+  const float specials[] = {0.5f,  -0.5f,  2.5f,  -2.5f,  -0.0f, 0.0f, -0.25f,
+                            1e-30f, -1e-30f, 1e30f, -1e30f, inf,  -inf};
   std::vector<float> v(n);
-  for (int i = 0; i < n; ++i) v[i] = i % 7 == 3 ? specials[(i / 7) % 13] : (i % 2 ? std::round(dist(rng)) : dist(rng));
+  for (int i = 0; i < n; ++i)
+    v[i] = i % 7 == 3 ? specials[(i / 7) % 13] : (i % 2 ? std::round(dist(rng)) : dist(rng));
   return v;
 }
 
@@ -467,8 +471,8 @@ TEST_P(WeightCacheTest, RepacksWhenTheWeightChanges) {
   for (int d : c.input_shape) count *= d;
   for (int d : c.weight_shape) weights *= d;
   const bool integer = c.code_lo <= c.code_hi;
-  const Tensor input =
-      make_tensor(c.input_shape, integer ? codes(count, 30, c.code_lo, c.code_hi) : uniform(count, 30, -40, 40));
+  const Tensor input = make_tensor(
+      c.input_shape, integer ? codes(count, 30, c.code_lo, c.code_hi) : uniform(count, 30, -40, 40));
   const std::vector<float> w0 = codes(weights, 31, -20, 20);
   auto* weight = new Tensor(make_tensor(c.weight_shape, w0));
   const std::vector<float> first = run_op(op.get(), {&input, weight});
@@ -497,13 +501,13 @@ TEST_P(WeightCacheTest, RepacksWhenTheWeightChanges) {
 
 INSTANTIATE_TEST_SUITE_P(
     Ops, WeightCacheTest,
-    ::testing::Values(CacheCase{"conv_tiled", "Z40Conv2D", kConvAttrs, {1, 5, 6, 8}, {3, 3, 8, 20}, 1, 0},
-                      CacheCase{"conv_one_by_one", "Z40Conv2D", kConvAttrs, {1, 4, 4, 40}, {1, 1, 40, 20}, 1, 0},
-                      CacheCase{"matmul", "Z40MatMul", "", {9, 30}, {30, 20}, 1, 0},
-                      CacheCase{"conv_int8_integer", "Z40Conv2DInt8", kInt8Attrs, {1, 5, 6, 8}, {3, 3, 8, 20}, 0,
-                                255},
-                      CacheCase{"conv_int8_float", "Z40Conv2DInt8", kInt8Attrs, {1, 5, 6, 8}, {3, 3, 8, 20}, 1, 0},
-                      CacheCase{"matmul_int8", "Z40MatMulInt8", kInt8Attrs, {9, 30}, {30, 20}, -128, 127}),
+    ::testing::Values(
+        CacheCase{"conv_tiled", "Z40Conv2D", kConvAttrs, {1, 5, 6, 8}, {3, 3, 8, 20}, 1, 0},
+        CacheCase{"conv_one_by_one", "Z40Conv2D", kConvAttrs, {1, 4, 4, 40}, {1, 1, 40, 20}, 1, 0},
+        CacheCase{"matmul", "Z40MatMul", "", {9, 30}, {30, 20}, 1, 0},
+        CacheCase{"conv_int8_integer", "Z40Conv2DInt8", kInt8Attrs, {1, 5, 6, 8}, {3, 3, 8, 20}, 0, 255},
+        CacheCase{"conv_int8_float", "Z40Conv2DInt8", kInt8Attrs, {1, 5, 6, 8}, {3, 3, 8, 20}, 1, 0},
+        CacheCase{"matmul_int8", "Z40MatMulInt8", kInt8Attrs, {9, 30}, {30, 20}, -128, 127}),
     [](const auto& info) { return info.param.name; });
 
 }  // namespace

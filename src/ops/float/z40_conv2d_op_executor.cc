@@ -4,11 +4,11 @@
 #include "common.h"
 #include "op_attr.h"
 #include "op_executor.h"
+#include "ops/common/conv_attrs.h"
+#include "ops/common/op_checks.h"
 #include "ops/kernels/activate.h"
 #include "ops/kernels/conv2d_cpu.h"
-#include "ops/common/conv_attrs.h"
 #include "ops/kernels/conv_backward.h"
-#include "ops/common/op_checks.h"
 #include "ops/kernels/gemm_f32.h"
 
 namespace kovra {

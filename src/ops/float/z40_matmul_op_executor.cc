@@ -4,9 +4,9 @@
 #include "common.h"
 #include "op_attr.h"
 #include "op_executor.h"
+#include "ops/common/op_checks.h"
 #include "ops/kernels/gemm_f32.h"
 #include "ops/kernels/matmul_cpu.h"
-#include "ops/common/op_checks.h"
 
 namespace kovra {
 namespace trenkit {
@@ -60,7 +60,8 @@ class Z40MatMulOpExecutor : public ParamOpExecutor<Z40MatMulParam> {
     const float* bias = p.has_bias ? inputs[2]->data<float>() : p.zero_bias.data();
     const float* b = inputs[1]->data<float>();
     // A single row reads the weights as they are stored.
-    const float* packed = args.M > 1 ? pack_panels_f32(b, args.K, args.N, inputs[1]->version(), &p.packed) : nullptr;
+    const float* packed =
+        args.M > 1 ? pack_panels_f32(b, args.K, args.N, inputs[1]->version(), &p.packed) : nullptr;
     matmul_cpu(inputs[0]->data<float>(), b, bias, output->mutable_data<float>(), args, packed);
     return true;
   }

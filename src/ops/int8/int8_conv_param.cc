@@ -1,8 +1,8 @@
 #include "ops/int8/int8_conv_param.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <algorithm>
 #include <cstring>
 
 #include "common.h"

@@ -42,9 +42,9 @@ struct Int8Prepared {
   size_t input_count = 0;
   std::vector<int> input_shape, weight_shape, output_shape;
   int bias_size = 0;
-  ConvGeometry geometry;  // convolutions; a product is a 1 x 1 one
-  int multiplier = 1;     // 2^m, truncated
-  bool tiled = false;     // the tiled (and integer) path, else the direct loop
+  ConvGeometry geometry;         // convolutions; a product is a 1 x 1 one
+  int multiplier = 1;            // 2^m, truncated
+  bool tiled = false;            // the tiled (and integer) path, else the direct loop
   std::vector<float> pad;        // one value per input channel
   std::vector<float> zero_bias;  // out_c zeros standing in for a missing bias
 };

@@ -17,7 +17,8 @@ void Z40DepthwiseConv2dNativeInt8OpExecutor::parse_parameter(const NodeDef& node
 void Z40DepthwiseConv2dNativeInt8OpExecutor::inference_shape(const std::vector<const Tensor*>& inputs,
                                                              std::vector<int>& shape) {
   // Inputs as before need no second preparation.
-  if (inputs.size() < 2 || !int8_prepared_for(op_param_.prepared, inputs)) prepare_dwconv2d_int8(inputs, &op_param_);
+  if (inputs.size() < 2 || !int8_prepared_for(op_param_.prepared, inputs))
+    prepare_dwconv2d_int8(inputs, &op_param_);
   shape = op_param_.prepared.output_shape;
 }
 

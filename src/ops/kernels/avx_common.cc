@@ -86,7 +86,8 @@ const char* isa_name(KernelIsa isa) {
     case KernelIsa::kPortable: return "portable";
     case KernelIsa::kAvx2: return "avx2";
     case KernelIsa::kAvx512: return "avx512";
-    case KernelIsa::kAvx512Vnni: return "avx512vnni";
+    case KernelIsa::kAvx512Vnni:
+      return "avx512vnni";
   }
   return "unknown";
 }

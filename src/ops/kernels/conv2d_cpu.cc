@@ -152,15 +152,17 @@ struct IndirectRowBlock {
 
 // The indirect product over blocks of tap pointers: whole kernel positions
 // per pass, about kGemmReductionBlock reduction steps, against B's panels.
-void gemm_f32_indirect(ConvIndirectTileFn tile, const IndirectRowBlock* blocks, int block_count, int tap_count,
-                       int C, int ldc, const float* B, int N, const float* bias, const float* packed) {
+void gemm_f32_indirect(ConvIndirectTileFn tile, const IndirectRowBlock* blocks, int block_count,
+                       int tap_count, int C, int ldc, const float* B, int N, const float* bias,
+                       const float* packed) {
   if (block_count <= 0 || N <= 0 || tap_count <= 0 || C <= 0) return;
   const int K = tap_count * C;
   const int panels = (N + kGemmPanelWidth - 1) / kGemmPanelWidth;
   const int taps_per_pass = std::max(1, kGemmReductionBlock / C);
-  float* scratch = packed == nullptr ? scratch_floats(ScratchSlot::kWeightPanel,
-                                                      static_cast<size_t>(taps_per_pass) * C * kGemmPanelWidth * panels)
-                                     : nullptr;
+  float* scratch = packed == nullptr
+                       ? scratch_floats(ScratchSlot::kWeightPanel,
+                                        static_cast<size_t>(taps_per_pass) * C * kGemmPanelWidth * panels)
+                       : nullptr;
   for (int t0 = 0; t0 < tap_count; t0 += taps_per_pass) {
     const int taps = std::min(taps_per_pass, tap_count - t0);
     const int k0 = t0 * C, kc = taps * C;
@@ -171,8 +173,8 @@ void gemm_f32_indirect(ConvIndirectTileFn tile, const IndirectRowBlock* blocks, 
         const float* row = B + static_cast<long long>(k0 + k) * N;
         for (int p = 0; p < panels; ++p) {
           const int cols = std::min(kGemmPanelWidth, N - p * kGemmPanelWidth);
-          std::memcpy(scratch + (static_cast<size_t>(p) * kc + k) * kGemmPanelWidth, row + p * kGemmPanelWidth,
-                      sizeof(float) * cols);
+          std::memcpy(scratch + (static_cast<size_t>(p) * kc + k) * kGemmPanelWidth,
+                      row + p * kGemmPanelWidth, sizeof(float) * cols);
         }
       }
     }
@@ -267,8 +269,8 @@ void prepare_conv_tiles(const ConvGeometry& g, ConvTilePlan* plan) {
   plan->workers = std::min(kMaxWorkers, plan->tiles);
   plan->K = g.kernel_h * g.kernel_w * g.in_c;
   // Up to 32 tiles, within about 4 MiB of gathered patches.
-  plan->group = std::max(
-      1, std::min(kMaxGroup, static_cast<int>((4 << 20) / (sizeof(float) * kTilePixels * std::max(plan->K, 1)))));
+  plan->group = std::max(1, std::min(kMaxGroup, static_cast<int>((4 << 20) / (sizeof(float) * kTilePixels *
+                                                                              std::max(plan->K, 1)))));
   plan->direct_rows = patches_are_input_rows(g);
   plan->tap_offsets.clear();
   for (int ky = 0; ky < g.kernel_h; ++ky)
@@ -293,10 +295,10 @@ void* computeConv_tiled(void* arg) {
                        ? nullptr
                        : scratch_floats(ScratchSlot::kPatches, static_cast<size_t>(group) * kTilePixels * K);
   const float** tap_pointers =
-      indirect != nullptr
-          ? static_cast<const float**>(scratch_bytes(
-                ScratchSlot::kTaps, sizeof(const float*) * static_cast<size_t>(group) * kTilePixels * taps_per_pixel))
-          : nullptr;
+      indirect != nullptr ? static_cast<const float**>(scratch_bytes(
+                                ScratchSlot::kTaps, sizeof(const float*) * static_cast<size_t>(group) *
+                                                        kTilePixels * taps_per_pixel))
+                          : nullptr;
   GemmRowBlock blocks[kMaxGroup];
   IndirectRowBlock indirect_blocks[kMaxGroup];
   for (int b = 0; b < g.batch; ++b) {
@@ -322,7 +324,8 @@ void* computeConv_tiled(void* arg) {
         }
       }
       if (indirect != nullptr) {
-        gemm_f32_indirect(indirect, indirect_blocks, n, taps_per_pixel, g.in_c, N, p.weight, N, p.bias, p.packed);
+        gemm_f32_indirect(indirect, indirect_blocks, n, taps_per_pixel, g.in_c, N, p.weight, N, p.bias,
+                          p.packed);
       } else {
         gemm_f32_blocks(blocks, n, K, N, p.weight, N, N, K, p.bias, p.packed);
       }

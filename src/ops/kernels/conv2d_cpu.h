@@ -52,8 +52,8 @@ void conv2d_cpu(const float* input, const float* weight, const float* bias, floa
 struct ConvTilePlan {
   ConvGeometry g;
   int pixels = 0, tiles = 0, workers = 0;
-  int K = 0;      // reduction length, kernel_h * kernel_w * in_c
-  int group = 1;  // tiles multiplied together while a weight slice is in cache
+  int K = 0;                 // reduction length, kernel_h * kernel_w * in_c
+  int group = 1;             // tiles multiplied together while a weight slice is in cache
   bool direct_rows = false;  // 1x1, unit steps, no padding: patches are input rows
   std::vector<ptrdiff_t> tap_offsets;
   std::vector<float> pad_run;

@@ -5,9 +5,9 @@
 
 #include "common.h"
 #include "kvdl.h"
+#include "ops/common/op_checks.h"
 #include "ops/kernels/gemm_f32.h"
 #include "ops/kernels/int8_dot_path.h"
-#include "ops/common/op_checks.h"
 #include "ops/kernels/x86/x86_kernels.h"
 #include "thread_pool.h"
 
@@ -92,7 +92,8 @@ const Int8FloatGemmKernels kGemmVariants[] = {
     {KernelIsa::kAvx512, "gemm_float_int8_8x32_avx512", true, gemm_float_int8_8x32_avx512},
 };
 
-void tiled_conv(const Tensor* weight, const float* input, const float* bias, float* out, Z40Conv2DInt8Param* param) {
+void tiled_conv(const Tensor* weight, const float* input, const float* bias, float* out,
+                Z40Conv2DInt8Param* param) {
   const Int8Prepared& prep = param->prepared;
   const ConvGeometry& s = prep.geometry;
   AVXConvInt8Param p;
@@ -106,11 +107,13 @@ void tiled_conv(const Tensor* weight, const float* input, const float* bias, flo
   p.stage = make_int8_output_stage(*param, bias, prep.multiplier, s.out_c);
   if (!param->first_layer) {
     if (!param->packed_weights) param->packed_weights = std::make_shared<Int8PackedWeights>();
-    if (conv_int8_integer_path(s, input, prep.pad.data(), weight, param->packed_weights.get(), p.stage, out)) return;
+    if (conv_int8_integer_path(s, input, prep.pad.data(), weight, param->packed_weights.get(), p.stage, out))
+      return;
   }
   p.gemm = &int8_float_gemm_kernels().get();
   if (p.gemm->packed) {
-    if (!param->packed_float_weights) param->packed_float_weights = std::make_shared<Int8FloatPackedWeights>();
+    if (!param->packed_float_weights)
+      param->packed_float_weights = std::make_shared<Int8FloatPackedWeights>();
     p.weights = pack_float_weights_8x32(weight, (s.kernel_h * s.kernel_w) * s.in_c, s.out_c,
                                         param->packed_float_weights.get());
   } else {
@@ -187,7 +190,8 @@ const KernelTable<Int8FloatGemmKernels>& int8_float_gemm_kernels() {
   return table;
 }
 
-const float* pack_float_weights_8x32(const Tensor* weight, int depth, int out_c, Int8FloatPackedWeights* cache) {
+const float* pack_float_weights_8x32(const Tensor* weight, int depth, int out_c,
+                                     Int8FloatPackedWeights* cache) {
   if (cache->version != 0 && cache->version == weight->version() && cache->depth == depth &&
       cache->out_c == out_c) {
     return cache->packed.data();
@@ -207,7 +211,8 @@ const float* pack_float_weights_8x32(const Tensor* weight, int depth, int out_c,
 }
 
 void gemm_float_int8_portable(float* out, const float* in, const float* weights, const float* bias,
-                              int in_channels, int out_channels, int rows, int kernel_positions, int multiplier) {
+                              int in_channels, int out_channels, int rows, int kernel_positions,
+                              int multiplier) {
   gemm_float_int8(out, in, weights, bias, nullptr, nullptr, false, in_channels, out_channels, rows,
                   kernel_positions, nullptr, 0.0f, multiplier, 0);
 }

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "ops/kernels/activate_int8.h"
 #include "ops/int8/z40_conv2d_int8_op_executor.h"
+#include "ops/kernels/activate_int8.h"
 #include "tensor.h"
 
 namespace kovra {
@@ -29,7 +29,8 @@ void gemm_float_int8(float* out, const float* in, const float* weight, const flo
 // against the weights in the variant's layout. Every variant multiplies and
 // adds separately in reduction order, so all give the plain loop's bits.
 typedef void (*Int8FloatGemmFn)(float* out, const float* in, const float* weights, const float* bias,
-                                int in_channels, int out_channels, int rows, int kernel_positions, int multiplier);
+                                int in_channels, int out_channels, int rows, int kernel_positions,
+                                int multiplier);
 struct Int8FloatGemmKernels {
   KernelIsa isa;
   const char* name;
@@ -38,7 +39,8 @@ struct Int8FloatGemmKernels {
 };
 const KernelTable<Int8FloatGemmKernels>& int8_float_gemm_kernels();
 void gemm_float_int8_portable(float* out, const float* in, const float* weights, const float* bias,
-                              int in_channels, int out_channels, int rows, int kernel_positions, int multiplier);
+                              int in_channels, int out_channels, int rows, int kernel_positions,
+                              int multiplier);
 
 // Weights as the 32-column kernels stream them: blocks of 32 output
 // channels, each depth x 32 floats, the last block padded with zeros; kept per
@@ -48,7 +50,8 @@ struct Int8FloatPackedWeights {
   int depth = 0, out_c = 0;
   std::vector<float> packed;
 };
-const float* pack_float_weights_8x32(const Tensor* weight, int depth, int out_c, Int8FloatPackedWeights* cache);
+const float* pack_float_weights_8x32(const Tensor* weight, int depth, int out_c,
+                                     Int8FloatPackedWeights* cache);
 
 // A first-layer input value as the code the convolution uses:
 // input_offset + round_half_even((x - mean) * scale), clamped to [0, 255].

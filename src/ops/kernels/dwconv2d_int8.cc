@@ -60,7 +60,8 @@ void run_rows(const RowJob& job, int task) {
 
 }  // namespace
 
-void prepare_dwconv2d_int8(const std::vector<const Tensor*>& inputs, Z40DepthwiseConv2dNativeInt8Param* param) {
+void prepare_dwconv2d_int8(const std::vector<const Tensor*>& inputs,
+                           Z40DepthwiseConv2dNativeInt8Param* param) {
   check_input_count(inputs, 2, kOp);
   check_input_not_scalar(inputs[0], kOp);
   const Tensor* weight = inputs[1];
@@ -91,8 +92,15 @@ void run_dwconv2d_int8(const Tensor* input, const Tensor* weight, const float* b
   Int8OutputBuffer out(output, kOp);
   const Int8OutputStage stage = make_int8_output_stage(*param, bias, prep.multiplier, s.out_c);
   const int rows = s.batch * s.out_h;
-  RowJob job{&s, in.data(), weight->data<float>(), out.data(), &stage, param->pad_value,
-             prep.weight_shape[3], rows, std::min(kMaxTasks, rows)};
+  RowJob job{&s,
+             in.data(),
+             weight->data<float>(),
+             out.data(),
+             &stage,
+             param->pad_value,
+             prep.weight_shape[3],
+             rows,
+             std::min(kMaxTasks, rows)};
   const RowJob* j = &job;
   ThreadPool::instance().run(job.tasks, [j](int task) { run_rows(*j, task); });
   out.finish();

@@ -117,9 +117,10 @@ void gemm_f32_blocks(const GemmRowBlock* blocks, int block_count, int lda, int l
   // in the same cache sets and be fetched again for every block.
   const bool per_call = packed == nullptr && block_count > 1;
   const int panels = (N + kGemmPanelWidth - 1) / kGemmPanelWidth;
-  float* scratch = per_call ? scratch_floats(ScratchSlot::kWeightPanel,
-                                             static_cast<size_t>(kGemmReductionBlock) * kGemmPanelWidth * panels)
-                            : nullptr;
+  float* scratch = per_call
+                       ? scratch_floats(ScratchSlot::kWeightPanel,
+                                        static_cast<size_t>(kGemmReductionBlock) * kGemmPanelWidth * panels)
+                       : nullptr;
   for (int k0 = 0; k0 < K; k0 += kGemmReductionBlock) {
     const int kc = std::min(kGemmReductionBlock, K - k0);
     const bool accumulate = k0 > 0;
@@ -139,8 +140,8 @@ void gemm_f32_blocks(const GemmRowBlock* blocks, int block_count, int lda, int l
         b_ld = ldb;
       }
       for (int i = 0; i < block_count; ++i) {
-        kernels.tile(blocks[i].a + k0, lda, b, b_ld, blocks[i].c + n0, ldc, blocks[i].rows, cols, kc, accumulate,
-                     last && bias ? bias + n0 : nullptr);
+        kernels.tile(blocks[i].a + k0, lda, b, b_ld, blocks[i].c + n0, ldc, blocks[i].rows, cols, kc,
+                     accumulate, last && bias ? bias + n0 : nullptr);
       }
     }
   }

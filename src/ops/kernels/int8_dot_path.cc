@@ -53,8 +53,8 @@ T* convert_codes(const float* v, long long count, int shift, ScratchSlot slot) {
 const Int8DotKernels kDotVariants[] = {
     {KernelIsa::kPortable, "dot_s16_s32_portable", Int8DotFormat::kS16, 4, nullptr, dot_s16_s32_portable},
     {KernelIsa::kAvx2, "dot_s16_s32_4x24_avx2", Int8DotFormat::kS16, 4, nullptr, dot_s16_s32_4x24_avx2},
-    {KernelIsa::kAvx512Vnni, "dot_u8s8_s32_6x64_avx512vnni", Int8DotFormat::kU8S8, 6, dot_u8s8_s32_6x64_avx512vnni,
-     nullptr},
+    {KernelIsa::kAvx512Vnni, "dot_u8s8_s32_6x64_avx512vnni", Int8DotFormat::kU8S8, 6,
+     dot_u8s8_s32_6x64_avx512vnni, nullptr},
 };
 
 const Int8CodeKernels kCodeVariants[] = {
@@ -118,8 +118,8 @@ void run_chunk_worker(const ChunkJob<T>& job, int worker) {
     const int padded_len = round_up(len, job.dot->row_block);
     gather_rows(s, job.codes + b * image_size, job.pad, first, len, w.depth_padded, rows);
     // The kernel reads whole row blocks; rows past `len` are computed and dropped.
-    std::fill(rows + static_cast<size_t>(len) * w.depth_padded, rows + static_cast<size_t>(padded_len) * w.depth_padded,
-              T(0));
+    std::fill(rows + static_cast<size_t>(len) * w.depth_padded,
+              rows + static_cast<size_t>(padded_len) * w.depth_padded, T(0));
     if constexpr (std::is_same<T, uint8_t>::value) {
       job.dot->dot_u8(rows, w.depth_padded, w.packed8.data(), w.out_padded, padded_len, sums);
     } else {
@@ -141,7 +141,8 @@ void run_chunk_worker(const ChunkJob<T>& job, int worker) {
 
 template <typename T>
 void run_chunks(const ConvGeometry& s, const T* codes, const T* pad, const Int8PackedWeights& w,
-                const Int8DotKernels& dot, const int32_t* correction, const Int8OutputStage& stage, float* out) {
+                const Int8DotKernels& dot, const int32_t* correction, const Int8OutputStage& stage,
+                float* out) {
   const int pixels = s.out_h * s.out_w;
   const int per_image = (pixels + kChunkRows - 1) / kChunkRows;
   const int chunks = per_image * s.batch;
@@ -158,10 +159,10 @@ void run_chunks(const ConvGeometry& s, const T* codes, const T* pad, const Int8P
   args.lo = stage.lo;
   args.hi = stage.hi;
   args.offset = stage.offset;
-  ChunkJob<T> job{&s,      codes, pad, &w, &dot, correction, &stage, &args,
-                  !stage.float_output && (param.action == Int8Activation::kScale ||
-                                          param.action == Int8Activation::kLeakyRelu),
-                  out,     per_image, chunks, std::min(kMaxWorkers, chunks)};
+  ChunkJob<T> job{&s, codes, pad, &w, &dot, correction, &stage, &args, false, out, per_image, chunks,
+                  std::min(kMaxWorkers, chunks)};
+  job.fast_stage = !stage.float_output &&
+                   (param.action == Int8Activation::kScale || param.action == Int8Activation::kLeakyRelu);
   const ChunkJob<T>* j = &job;
   ThreadPool::instance().run(job.workers, [j](int worker) { run_chunk_worker(*j, worker); });
 }
@@ -181,7 +182,8 @@ const KernelTable<Int8CodeKernels>& int8_code_kernels() {
   return table;
 }
 
-const Int8PackedWeights& pack_int8_weights(const Tensor* weight, int depth, int out_c, Int8PackedWeights* cache) {
+const Int8PackedWeights& pack_int8_weights(const Tensor* weight, int depth, int out_c,
+                                           Int8PackedWeights* cache) {
   const Int8DotFormat format = int8_dot_kernels()->format;
   if (cache->version != 0 && cache->version == weight->version() && cache->format == format &&
       cache->depth == depth && cache->out_c == out_c) {
@@ -283,8 +285,8 @@ bool conv_int8_integer_path(const ConvGeometry& s, const float* input, const flo
     const uint8_t* codes = convert_codes<uint8_t>(input, count, shift, ScratchSlot::kCodes);
     const uint8_t* pad_codes =
         pad == nullptr ? codes : convert_codes<uint8_t>(pad, s.in_c, shift, ScratchSlot::kPadCodes);
-    run_chunks(s, codes, pad_codes, w, dot, plan.signed_input ? w.shift_correction.data() : w.no_correction.data(),
-               stage, out);
+    run_chunks(s, codes, pad_codes, w, dot,
+               plan.signed_input ? w.shift_correction.data() : w.no_correction.data(), stage, out);
   } else {
     const int16_t* codes = convert_codes<int16_t>(input, count, 0, ScratchSlot::kCodes);
     const int16_t* pad_codes =
@@ -294,8 +296,8 @@ bool conv_int8_integer_path(const ConvGeometry& s, const float* input, const flo
   return true;
 }
 
-void dot_s16_s32_portable(const int16_t* a, int depth_padded, const int16_t* b, int out_padded,
-                           int rows, int32_t* c) {
+void dot_s16_s32_portable(const int16_t* a, int depth_padded, const int16_t* b, int out_padded, int rows,
+                          int32_t* c) {
   const int pairs = depth_padded / 2;
   for (int r = 0; r < rows; ++r) {
     const int16_t* x = a + static_cast<long long>(r) * depth_padded;
@@ -313,13 +315,15 @@ void dot_s16_s32_portable(const int16_t* a, int depth_padded, const int16_t* b, 
   }
 }
 
-void requantize_s32_portable(const Int8RequantizeArgs& args, const int32_t* sums, int ld, int rows, float* out) {
+void requantize_s32_portable(const Int8RequantizeArgs& args, const int32_t* sums, int ld, int rows,
+                             float* out) {
   for (int r = 0; r < rows; ++r) {
     const int32_t* src = sums + static_cast<long long>(r) * ld;
     float* dst = out + static_cast<long long>(r) * args.channels;
     for (int c = 0; c < args.channels; ++c) {
       const float a = static_cast<float>(src[c] - args.correction[c]) * args.multiplier + args.bias[c];
-      const float v = args.negative_scale != nullptr && a < 0 ? a * args.negative_scale[c] : a * args.scale[c];
+      const float v =
+          args.negative_scale != nullptr && a < 0 ? a * args.negative_scale[c] : a * args.scale[c];
       // Round half to even (the default rounding mode), clamp, offset.
       float q = std::nearbyint(v);
       q = q < args.lo ? args.lo : q;

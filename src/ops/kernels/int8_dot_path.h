@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <vector>
 
+#include "ops/int8/int8_conv_param.h"
 #include "ops/kernels/activate_int8.h"
 #include "ops/kernels/avx_common.h"
-#include "ops/int8/int8_conv_param.h"
 #include "tensor.h"
 
 namespace kovra {
@@ -70,7 +70,8 @@ struct Int8CodeKernels {
   void (*convert_u8)(const float* v, long long count, int shift, uint8_t* out);
 };
 const KernelTable<Int8CodeKernels>& int8_code_kernels();
-void requantize_s32_portable(const Int8RequantizeArgs& args, const int32_t* sums, int ld, int rows, float* out);
+void requantize_s32_portable(const Int8RequantizeArgs& args, const int32_t* sums, int ld, int rows,
+                             float* out);
 void scan_codes_f32_portable(const float* v, long long count, float* lo, float* hi, bool* integral);
 void convert_codes_f32_u8_portable(const float* v, long long count, int shift, uint8_t* out);
 
@@ -106,7 +107,8 @@ Int8DotPlan plan_int8_dot(const float* input, long long count, const float* pad,
 
 // Packs `weight` (depth x out_c floats) for the current dot table unless
 // `cache` already holds this version of it in that format.
-const Int8PackedWeights& pack_int8_weights(const Tensor* weight, int depth, int out_c, Int8PackedWeights* cache);
+const Int8PackedWeights& pack_int8_weights(const Tensor* weight, int depth, int out_c,
+                                           Int8PackedWeights* cache);
 
 // Runs the convolution on the integer kernels and the output stage into `out`
 // (N x OH x OW x C_out) and returns true, or returns false without writing

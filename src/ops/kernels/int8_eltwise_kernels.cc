@@ -1,8 +1,8 @@
 #include "ops/kernels/int8_eltwise_kernels.h"
 
 #include "kvdl.h"
-#include "ops/kernels/x86/x86_kernels.h"
 #include "ops/int8/int8_common.h"
+#include "ops/kernels/x86/x86_kernels.h"
 
 namespace kovra {
 namespace trenkit {

@@ -15,14 +15,13 @@ namespace kovraexecutor {
 // y = offset + clamp(round_half_even(scale[c] * x), lo, hi), upper bound first.
 void quantize_f32(const float* x, float* y, int n, int channels, const float* scale, float lo,
                   float hi, float offset);
-void quantize_f32_portable(const float* x, float* y, int n, int channels, const float* scale,
-                           float lo, float hi, float offset);
+void quantize_f32_portable(const float* x, float* y, int n, int channels, const float* scale, float lo,
+                           float hi, float offset);
 
 // y = (offset + x) * scale[c].
 void dequantize_f32(const float* x, float* y, int n, int channels, const float* scale,
                     float offset);
-void dequantize_f32_portable(const float* x, float* y, int n, int channels, const float* scale,
-                             float offset);
+void dequantize_f32_portable(const float* x, float* y, int n, int channels, const float* scale, float offset);
 
 // y = clamp(round_half_even(k[c] + (a[c] * x0 + b[c] * x1)), 0, hi): the direct
 // two-input requantization; the lower bound is 0 on purpose.

@@ -60,7 +60,8 @@ void matmul_cpu(const float* a, const float* b, const float* bias, float* out, c
   for (int m0 = 0; m0 < M; m0 += 8 * kBlocksPerCall) {
     int count = 0;
     for (int m = m0; m < M && count < kBlocksPerCall; m += 8) {
-      blocks[count++] = {a + static_cast<size_t>(m) * K, out + static_cast<size_t>(m) * N, std::min(8, M - m)};
+      blocks[count++] = {a + static_cast<size_t>(m) * K, out + static_cast<size_t>(m) * N,
+                         std::min(8, M - m)};
     }
     // sum + bias there, the same value as bias + sum.
     gemm_f32_blocks(blocks, count, K, N, b, N, N, K, bias, packed);

@@ -20,7 +20,8 @@ void prepare_matmul_int8(const std::vector<const Tensor*>& inputs, Z40MatMulInt8
   check_input_not_scalar(inputs[0], kOp);
   const Tensor* a = inputs[0];
   const Tensor* b = inputs[1];
-  KOVRA_ENSURE_MSG(b->shape().size() == 2, "weight->shape().size() == 2", "Wrong weight shape in Z40MatMulInt8!!!");
+  KOVRA_ENSURE_MSG(b->shape().size() == 2, "weight->shape().size() == 2",
+                   "Wrong weight shape in Z40MatMulInt8!!!");
   const int m = a->shape()[0];
   const int k = a->shape().back();
   const int n = b->shape()[1];
@@ -61,7 +62,8 @@ void run_matmul_int8(const Tensor* a, const Tensor* b, const float* bias, Tensor
   Int8OutputBuffer out(output, kOp);
   const Int8OutputStage stage = make_int8_output_stage(*param, bias, prep.multiplier, n);
   if (!param->packed_weights) param->packed_weights = std::make_shared<Int8PackedWeights>();
-  if (conv_int8_integer_path(shape, input.data(), nullptr, b, param->packed_weights.get(), stage, out.data())) {
+  if (conv_int8_integer_path(shape, input.data(), nullptr, b, param->packed_weights.get(), stage,
+                             out.data())) {
     out.finish();
     return;
   }

@@ -70,8 +70,8 @@ void kernel_rows_x16(const float* a, int lda, const float* b, int ldb, float* c,
 
 }  // namespace
 
-void gemm_f32_4x16_avx2(const float* a, int lda, const float* b, int ldb, float* c, int ldc,
-                        int rows, int cols, int kc, bool accumulate, const float* bias) {
+void gemm_f32_4x16_avx2(const float* a, int lda, const float* b, int ldb, float* c, int ldc, int rows,
+                        int cols, int kc, bool accumulate, const float* bias) {
   for (int r0 = 0; r0 < rows; r0 += 4) {
     const int rr = rows - r0 < 4 ? rows - r0 : 4;
     for (int c0 = 0; c0 < cols; c0 += 16) {
@@ -85,7 +85,8 @@ namespace {
 // kVectors registers of 8 columns, each an independent fused multiply-add
 // chain per column, so the count never changes a result.
 template <int kVectors>
-void gemv_columns(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias, int n0) {
+void gemv_columns(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias,
+                  int n0) {
   __m256i mask[kVectors];
   __m256 acc[kVectors];
 #pragma GCC unroll 8
@@ -107,6 +108,9 @@ void gemv_columns(const float* a, const float* b, int ldb, float* c, int N, int 
     _mm256_maskstore_ps(c + n0 + 8 * v, mask[v], acc[v]);
   }
 }
+using ColumnsFn = void (*)(const float*, const float*, int, float*, int, int, const float*, int);
+const ColumnsFn kColumns[8] = {gemv_columns<1>, gemv_columns<2>, gemv_columns<3>, gemv_columns<4>,
+                               gemv_columns<5>, gemv_columns<6>, gemv_columns<7>, gemv_columns<8>};
 }  // namespace
 
 void gemv_f32_1x64_avx2(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias) {
@@ -114,16 +118,7 @@ void gemv_f32_1x64_avx2(const float* a, const float* b, int ldb, float* c, int N
   // registers it fills.
   for (int n0 = 0; n0 < N; n0 += 64) {
     const int columns = N - n0 < 64 ? N - n0 : 64;
-    switch ((columns + 7) / 8) {
-      case 1: gemv_columns<1>(a, b, ldb, c, N, K, bias, n0); break;
-      case 2: gemv_columns<2>(a, b, ldb, c, N, K, bias, n0); break;
-      case 3: gemv_columns<3>(a, b, ldb, c, N, K, bias, n0); break;
-      case 4: gemv_columns<4>(a, b, ldb, c, N, K, bias, n0); break;
-      case 5: gemv_columns<5>(a, b, ldb, c, N, K, bias, n0); break;
-      case 6: gemv_columns<6>(a, b, ldb, c, N, K, bias, n0); break;
-      case 7: gemv_columns<7>(a, b, ldb, c, N, K, bias, n0); break;
-      default: gemv_columns<8>(a, b, ldb, c, N, K, bias, n0); break;
-    }
+    kColumns[(columns + 7) / 8 - 1](a, b, ldb, c, N, K, bias, n0);
   }
 }
 

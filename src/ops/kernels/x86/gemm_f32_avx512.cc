@@ -107,7 +107,8 @@ void indirect_rows(const float* const* taps, int tap_count, int C_runtime, const
 }  // namespace
 
 void conv_f32_8x32_indirect_avx512(const float* const* taps, int tap_count, int C, const float* b, int ldb,
-                                   float* c, int ldc, int rows, int cols, bool accumulate, const float* bias) {
+                                   float* c, int ldc, int rows, int cols, bool accumulate,
+                                   const float* bias) {
   const __mmask16 m0 = lanes(cols), m1 = lanes(cols - 16);
   if (rows == 8 && cols == 32) {
     if (C == 3) {
@@ -154,7 +155,8 @@ namespace {
 // kVectors registers of 16 columns, each an independent fused multiply-add
 // chain per column, so the count never changes a result.
 template <int kVectors>
-void gemv_columns(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias, int n0) {
+void gemv_columns(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias,
+                  int n0) {
   __mmask16 mask[kVectors];
   __m512 acc[kVectors];
 #pragma GCC unroll 8
@@ -176,24 +178,19 @@ void gemv_columns(const float* a, const float* b, int ldb, float* c, int N, int 
     _mm512_mask_storeu_ps(c + n0 + 16 * v, mask[v], acc[v]);
   }
 }
+using ColumnsFn = void (*)(const float*, const float*, int, float*, int, int, const float*, int);
+const ColumnsFn kColumns[8] = {gemv_columns<1>, gemv_columns<2>, gemv_columns<3>, gemv_columns<4>,
+                               gemv_columns<5>, gemv_columns<6>, gemv_columns<7>, gemv_columns<8>};
 }  // namespace
 
-void gemv_f32_1x128_avx512(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias) {
+void gemv_f32_1x128_avx512(const float* a, const float* b, int ldb, float* c, int N, int K,
+                           const float* bias) {
   // 128 columns in 8 independent chains hide the multiply-add latency while
   // the rows of B stream through once; a narrow tail takes only the
   // registers it fills.
   for (int n0 = 0; n0 < N; n0 += 128) {
     const int columns = N - n0 < 128 ? N - n0 : 128;
-    switch ((columns + 15) / 16) {
-      case 1: gemv_columns<1>(a, b, ldb, c, N, K, bias, n0); break;
-      case 2: gemv_columns<2>(a, b, ldb, c, N, K, bias, n0); break;
-      case 3: gemv_columns<3>(a, b, ldb, c, N, K, bias, n0); break;
-      case 4: gemv_columns<4>(a, b, ldb, c, N, K, bias, n0); break;
-      case 5: gemv_columns<5>(a, b, ldb, c, N, K, bias, n0); break;
-      case 6: gemv_columns<6>(a, b, ldb, c, N, K, bias, n0); break;
-      case 7: gemv_columns<7>(a, b, ldb, c, N, K, bias, n0); break;
-      default: gemv_columns<8>(a, b, ldb, c, N, K, bias, n0); break;
-    }
+    kColumns[(columns + 15) / 16 - 1](a, b, ldb, c, N, K, bias, n0);
   }
 }
 

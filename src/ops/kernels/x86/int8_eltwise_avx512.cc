@@ -72,8 +72,8 @@ void channel_loop(int n, int channels, const float* const (&params)[NP], Body bo
 
 }  // namespace
 
-void quantize_f32_1x16_avx512(const float* x, float* y, int n, int channels, const float* scale,
-                         float lo, float hi, float offset) {
+void quantize_f32_1x16_avx512(const float* x, float* y, int n, int channels, const float* scale, float lo,
+                              float hi, float offset) {
   const __m512 vlo = _mm512_set1_ps(lo), vhi = _mm512_set1_ps(hi), voff = _mm512_set1_ps(offset);
   const float* const params[1] = {scale};
   channel_loop<1>(n, channels, params, [&](int i, __mmask16 m, const __m512* p) {
@@ -85,7 +85,7 @@ void quantize_f32_1x16_avx512(const float* x, float* y, int n, int channels, con
 }
 
 void dequantize_f32_1x16_avx512(const float* x, float* y, int n, int channels, const float* scale,
-                           float offset) {
+                                float offset) {
   const __m512 voff = _mm512_set1_ps(offset);
   const float* const params[1] = {scale};
   channel_loop<1>(n, channels, params, [&](int i, __mmask16 m, const __m512* p) {
@@ -95,7 +95,7 @@ void dequantize_f32_1x16_avx512(const float* x, float* y, int n, int channels, c
 }
 
 void sum_requant_f32_1x16_avx512(const float* x0, const float* x1, float* y, int n, int channels,
-                            const float* a, const float* b, const float* k, float hi) {
+                                 const float* a, const float* b, const float* k, float hi) {
   const __m512 vhi = _mm512_set1_ps(hi), zero = _mm512_setzero_ps();
   const float* const params[3] = {a, b, k};
   channel_loop<3>(n, channels, params, [&](int i, __mmask16 m, const __m512* p) {

@@ -26,7 +26,8 @@ void gemm_f32_8x32_avx512(const float* a, int lda, const float* b, int ldb, floa
                           int cols, int kc, bool accumulate, const float* bias);
 void gemm_f32_4x16_avx2(const float* a, int lda, const float* b, int ldb, float* c, int ldc, int rows,
                         int cols, int kc, bool accumulate, const float* bias);
-void gemv_f32_1x128_avx512(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias);
+void gemv_f32_1x128_avx512(const float* a, const float* b, int ldb, float* c, int N, int K,
+                           const float* bias);
 void gemv_f32_1x64_avx2(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias);
 
 // ---- float conv tiles (conv2d_cpu.h: ConvIndirectTileFn) ----
@@ -40,8 +41,8 @@ void dwconv_row_f32_4x8_avx2(const float* image, const float* weight, const floa
                              const ConvGeometry& g, int oy);
 
 // ---- int8 dot products (int8_dot_path.h: DotU8Fn, DotS16Fn) ----
-void dot_u8s8_s32_6x64_avx512vnni(const uint8_t* a, int depth_padded, const int8_t* b, int out_padded, int rows,
-                                  int32_t* c);
+void dot_u8s8_s32_6x64_avx512vnni(const uint8_t* a, int depth_padded, const int8_t* b, int out_padded,
+                                  int rows, int32_t* c);
 void dot_s16_s32_4x24_avx2(const int16_t* a, int depth_padded, const int16_t* b, int out_padded, int rows,
                            int32_t* c);
 
@@ -60,9 +61,10 @@ void gemm_float_int8_8x32_avx512(float* out, const float* in, const float* packe
 // ---- int8 element-wise (int8_eltwise_kernels.h: Int8EltwiseKernels) ----
 void quantize_f32_1x16_avx512(const float* x, float* y, int n, int channels, const float* scale, float lo,
                               float hi, float offset);
-void dequantize_f32_1x16_avx512(const float* x, float* y, int n, int channels, const float* scale, float offset);
-void sum_requant_f32_1x16_avx512(const float* x0, const float* x1, float* y, int n, int channels, const float* a,
-                                 const float* b, const float* k, float hi);
+void dequantize_f32_1x16_avx512(const float* x, float* y, int n, int channels, const float* scale,
+                                float offset);
+void sum_requant_f32_1x16_avx512(const float* x0, const float* x1, float* y, int n, int channels,
+                                 const float* a, const float* b, const float* k, float hi);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit
