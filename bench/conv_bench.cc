@@ -1,24 +1,31 @@
 // Float convolution, depthwise convolution and matrix multiply at the shapes
 // of common image networks (batch 1, NHWC, SAME, with bias), on 1 and 2
-// threads. With oneDNN installed each shape also runs oneDNN's primitive in
-// the same process; its row reports our GFLOP/s divided by its own ("ratio").
+// threads, as the operators run them (prepared once, weights packed once).
+// With oneDNN installed each shape also runs oneDNN's primitive in the same
+// process; its row reports our GFLOP/s divided by its own ("ratio").
+// The "op/" rows time one execute of an operator on a tiny input: the fixed
+// cost of a node, with the heap allocations per execute as a counter.
 
+#include <benchmark/benchmark.h>
 #include <dlfcn.h>
-
 #include <time.h>
 
+#include <atomic>
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 #include <map>
+#include <memory>
+#include <new>
 #include <random>
 #include <string>
 #include <vector>
 
-#include <benchmark/benchmark.h>
-
+#include "op_executor.h"
 #include "ops/kernels/activate.h"
 #include "ops/kernels/conv2d_cpu.h"
 #include "ops/kernels/dwconv2d_cpu.h"
+#include "ops/kernels/gemm_f32.h"
 #include "ops/kernels/matmul_cpu.h"
 #include "thread_pool.h"
 
@@ -139,7 +146,10 @@ void run_ours(benchmark::State& state, const Shape& s, int threads) {
     std::vector<float> out(static_cast<size_t>(s.M) * s.N);
     MatMulArgs args;
     args.M = s.M, args.K = s.K, args.N = s.N;
-    seconds = timed_loop(state, threads, [&] { matmul_cpu(a.data(), b.data(), bias.data(), out.data(), args); });
+    PackedPanelsF32 cache;
+    const float* packed = s.M > 1 ? pack_panels_f32(b.data(), s.K, s.N, 1, &cache) : nullptr;
+    seconds = timed_loop(state, threads,
+                         [&] { matmul_cpu(a.data(), b.data(), bias.data(), out.data(), args, packed); });
   } else {
     const ConvGeometry g = geometry(s);
     const std::vector<float> in = random_values(static_cast<size_t>(s.h) * s.w * s.c, 1);
@@ -149,7 +159,13 @@ void run_ours(benchmark::State& state, const Shape& s, int threads) {
     if (s.depthwise) {
       seconds = timed_loop(state, threads, [&] { dwconv2d_cpu(in.data(), w.data(), bias.data(), out.data(), g); });
     } else {
-      seconds = timed_loop(state, threads, [&] { conv2d_avx_cpu(in.data(), w.data(), bias.data(), out.data(), g); });
+      ConvTilePlan plan;
+      prepare_conv_tiles(g, &plan);
+      PackedPanelsF32 cache;
+      const float* packed = pack_panels_f32(w.data(), plan.K, s.oc, 1, &cache);
+      seconds = timed_loop(state, threads, [&] {
+        conv2d_avx_cpu(plan, in.data(), w.data(), packed, bias.data(), out.data());
+      });
     }
   }
   report(state, s, seconds, std::string(s.name) + "/" + std::to_string(threads), true);
@@ -219,7 +235,46 @@ void run_onednn(benchmark::State& state, const Shape& s, int threads) {
 }
 #endif
 
+std::atomic<long>& heap_allocations() {
+  static std::atomic<long> count{0};
+  return count;
+}
+
+// One operator on a [1, 1, 1, 4] input, 4 output channels, 1 x 1 kernel
+// with bias: inference_shape once, then execute only.
+void run_tiny_op(benchmark::State& state, const char* op_name, bool int8) {
+  ThreadPool::instance().set_num_threads(1);
+  kovra::trenkit::NodeDef node;
+  (*node.mutable_attr())["padding"].set_s("SAME");
+  auto* strides = (*node.mutable_attr())["strides"].mutable_list();
+  for (int i = 0; i < 4; ++i) strides->add_i(1);
+  if (int8) {
+    auto* scale = (*node.mutable_attr())["OUTPUTSCALE"].mutable_list();
+    for (int i = 0; i < 4; ++i) scale->add_f(0.01f);
+  }
+  std::unique_ptr<OpExecutor> op(Holder::new_op_creator().at(op_name)());
+  op->parse_parameter(node);
+  std::vector<float> x = {1, 2, 3, 4}, w(16, 1.0f), b(4, 0.5f);
+  Tensor in({1, 1, 1, 4}, Tensor::DT_FLOAT, x.data(), "cpu");
+  Tensor wt({1, 1, 4, 4}, Tensor::DT_FLOAT, w.data(), "cpu");
+  Tensor bt({4}, Tensor::DT_FLOAT, b.data(), "cpu");
+  const std::vector<const Tensor*> inputs = {&in, &wt, &bt};
+  std::vector<int> shape;
+  op->inference_shape(inputs, shape);
+  Tensor out(shape, Tensor::DT_FLOAT, nullptr, "cpu");
+  op->execute(inputs, &out);
+  const long before = heap_allocations().load();
+  for (auto _ : state) op->execute(inputs, &out);
+  state.counters["allocs"] = static_cast<double>(heap_allocations().load() - before) / state.iterations();
+}
+
 const bool kRegistered = [] {
+  benchmark::RegisterBenchmark("op/Z40Conv2D_1x1_c4", [](benchmark::State& st) {
+    run_tiny_op(st, "Z40Conv2D", false);
+  })->Unit(benchmark::kNanosecond);
+  benchmark::RegisterBenchmark("op/Z40Conv2DInt8_1x1_c4", [](benchmark::State& st) {
+    run_tiny_op(st, "Z40Conv2DInt8", true);
+  })->Unit(benchmark::kNanosecond);
   for (const Shape& s : kShapes) {
     for (int threads : {1, 2}) {
       const std::string suffix = std::string(s.name) + "/threads:" + std::to_string(threads);
@@ -239,3 +294,14 @@ const bool kRegistered = [] {
 }();
 
 }  // namespace
+
+// Counts the heap allocations of the "op/" rows. GCC takes the replacement
+// operators for a mismatched pair of allocation functions.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+void* operator new(size_t size) {
+  heap_allocations().fetch_add(1, std::memory_order_relaxed);
+  if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
+  throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete(void* p, size_t) noexcept { std::free(p); }

@@ -13,6 +13,7 @@
 #include "graph_executor.h"
 #include "op_executor.h"
 #include "ops/kernels/conv2d_cpu.h"
+#include "ops/kernels/gemm_f32.h"
 #include "ops/kernels/int8_dot_path.h"
 #include "thread_pool.h"
 
@@ -105,8 +106,13 @@ void BM_FloatConv(benchmark::State& state) {
   g.kernel_h = g.kernel_w = 3;
   g.pad_top = g.pad_left = 1;
   std::vector<float> out((size_t)s.hw * s.hw * s.cout);
+  // Prepared and packed once, as the operator does.
+  kx::ConvTilePlan plan;
+  kx::prepare_conv_tiles(g, &plan);
+  kx::PackedPanelsF32 cache;
+  const float* packed = kx::pack_panels_f32(d.weight.data(), plan.K, s.cout, 1, &cache);
   for (auto _ : state) {
-    kx::conv2d_avx_cpu(d.input.data(), d.weight.data(), d.bias.data(), out.data(), g);
+    kx::conv2d_avx_cpu(plan, d.input.data(), d.weight.data(), packed, d.bias.data(), out.data());
     benchmark::DoNotOptimize(out.data());
   }
   state.counters["GOP/s"] = benchmark::Counter(ops(s), benchmark::Counter::kIsIterationInvariantRate,

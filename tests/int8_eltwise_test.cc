@@ -1,15 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
 #include <functional>
-#include <limits>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "ops/kernels/avx_common.h"
-#include "ops/kernels/int8_eltwise_kernels.h"
 #include "support/int8_graph.h"
 
 namespace kovra_test {
@@ -207,70 +203,6 @@ TEST_P(UnaryActivationTest, PerChannelScalesClampThenOffset) {
 }
 
 INSTANTIATE_TEST_SUITE_P(SigmoidAndTanh, UnaryActivationTest, ::testing::ValuesIn(kUnary));
-
-// The vector kernels against the straightforward loops, bit for bit, on
-// values that include ties, negative zero, tiny negatives and non-finite ones.
-std::vector<float> kernel_data(int n, unsigned seed) {
-  std::mt19937 rng(seed);
-  std::uniform_real_distribution<float> dist(-300.0f, 300.0f);
-  const float specials[] = {0.5f,
-                            -0.5f,
-                            2.5f,
-                            -2.5f,
-                            -0.0f,
-                            0.0f,
-                            -0.25f,
-                            1e-30f,
-                            -1e-30f,
-                            1e30f,
-                            -1e30f,
-                            std::numeric_limits<float>::infinity(),
-                            -std::numeric_limits<float>::infinity()};
-  std::vector<float> v(n);
-  for (int i = 0; i < n; ++i) {
-    v[i] = i % 7 == 3 ? specials[(i / 7) % 13] : (i % 2 ? std::round(dist(rng)) : dist(rng));
-  }
-  return v;
-}
-
-bool same_bits(const std::vector<float>& a, const std::vector<float>& b) {
-  return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
-}
-
-class Int8KernelIsaTest : public ::testing::TestWithParam<int> {
- protected:
-  void SetUp() override {
-    if (!kx::cpu_supports(kx::KernelIsa::kAvx512)) GTEST_SKIP() << "no AVX-512";
-  }
-};
-
-TEST_P(Int8KernelIsaTest, VectorKernelsGiveTheSameBits) {
-  const int channels = GetParam();
-  const int n = channels * 37;
-  const std::vector<float> x0 = kernel_data(n, 1), x1 = kernel_data(n, 2);
-  std::vector<float> s(channels), b(channels), k(channels);
-  for (int c = 0; c < channels; ++c) {
-    s[c] = 0.3f + 0.1f * c;
-    b[c] = (c % 2 ? -0.7f : 0.45f) + 0.01f * c;
-    k[c] = -2.5f + c;
-  }
-  std::vector<float> y0(n), y1(n);
-  kx::quantize_f32_portable(x0.data(), y0.data(), n, channels, s.data(), -128, 127, 0);
-  kx::quantize_f32_avx512(x0.data(), y1.data(), n, channels, s.data(), -128, 127, 0);
-  EXPECT_TRUE(same_bits(y0, y1));
-  kx::quantize_f32_portable(x0.data(), y0.data(), n, channels, s.data(), -5, 9, 3);
-  kx::quantize_f32_avx512(x0.data(), y1.data(), n, channels, s.data(), -5, 9, 3);
-  EXPECT_TRUE(same_bits(y0, y1));
-  kx::dequantize_f32_portable(x0.data(), y0.data(), n, channels, s.data(), -128);
-  kx::dequantize_f32_avx512(x0.data(), y1.data(), n, channels, s.data(), -128);
-  EXPECT_TRUE(same_bits(y0, y1));
-  kx::sum_requant_f32_portable(x0.data(), x1.data(), y0.data(), n, channels, s.data(), b.data(), k.data(),
-                               130);
-  kx::sum_requant_f32_avx512(x0.data(), x1.data(), y1.data(), n, channels, s.data(), b.data(), k.data(), 130);
-  EXPECT_TRUE(same_bits(y0, y1));
-}
-
-INSTANTIATE_TEST_SUITE_P(ChannelCounts, Int8KernelIsaTest, ::testing::Values(1, 3, 5, 16, 24, 64, 67));
 
 }  // namespace
 }  // namespace kovra_test

@@ -15,10 +15,6 @@ namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-namespace {
-const char* const kOp = "FloatZ40DepthwiseConv2dNative";
-}
-
 struct Z40DepthwiseConv2dNativeParam : BaseParam {
   std::vector<int> strides, pads, dilations, kernel_shape;
   std::string padding, action_type;
@@ -28,10 +24,20 @@ struct Z40DepthwiseConv2dNativeParam : BaseParam {
   float clip_max_value = std::numeric_limits<float>::max();
   float clip_min_value = std::numeric_limits<float>::lowest();
   bool is_conv1d = false, post_training_quantization = false;
+  // Prepared by inference_shape for the inputs it saw.
+  bool prepared = false;
+  size_t input_count = 0;
+  std::vector<int> input_shape;
+  ConvGeometry geometry;
+  long long out_count = 0;
+  std::vector<float> zero_bias;
 };
 
 class Z40DepthwiseConv2dNativeOpExecutor : public ParamOpExecutor<Z40DepthwiseConv2dNativeParam> {
  public:
+  // As the operator's messages spell it.
+  static constexpr const char* kName = "FloatZ40DepthwiseConv2dNative";
+
   void parse_parameter(const NodeDef& node) override {
     Z40DepthwiseConv2dNativeParam& p = op_param_;
     read_int_list(node, "strides", p.strides);
@@ -50,15 +56,22 @@ class Z40DepthwiseConv2dNativeOpExecutor : public ParamOpExecutor<Z40DepthwiseCo
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
-    const ConvGeometry g = _geometry(inputs);
+    // Inputs as before need no second preparation.
+    if (inputs.size() < 2 || !_prepared_for(inputs)) _prepare(inputs);
+    const ConvGeometry& g = op_param_.geometry;
     shape = {g.batch, g.out_h, g.out_w, g.out_c};
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    const ConvGeometry g = _geometry(inputs);
-    check_min_size(output, static_cast<long long>(g.batch) * g.out_h * g.out_w * g.out_c, kOp);
-    const std::vector<float> zero_bias(inputs.size() > 2 ? 0 : g.out_c, 0.0f);
-    const float* bias = inputs.size() > 2 ? inputs[2]->data<float>() : zero_bias.data();
+    const Z40DepthwiseConv2dNativeParam& p = op_param_;
+    if (!_prepared_for(inputs)) _prepare(inputs);
+    const ConvGeometry& g = p.geometry;
+    check_min_size(output, p.out_count, kName);
+    check_float(inputs[0], kName);
+    check_float(inputs[1], kName);
+    const bool has_bias = inputs.size() > 2;
+    if (has_bias) check_min_size(inputs[2], g.out_c, kName);
+    const float* bias = has_bias ? inputs[2]->data<float>() : p.zero_bias.data();
     dwconv2d_cpu(inputs[0]->data<float>(), inputs[1]->data<float>(), bias, output->mutable_data<float>(), g);
     return true;
   }
@@ -66,17 +79,26 @@ class Z40DepthwiseConv2dNativeOpExecutor : public ParamOpExecutor<Z40DepthwiseCo
   void backward(const std::vector<const Tensor*>& inputs, const Tensor* output, const Tensor* output_grad,
                 std::vector<Tensor*>& input_grads) override {
     require_conv_weight_gradient(input_grads, "Please set dwconv weight grad tesnor.");
-    const ConvGeometry g = _geometry(inputs);
-    const long long out_count = static_cast<long long>(g.batch) * g.out_h * g.out_w * g.out_c;
+    _prepare(inputs);
+    const ConvGeometry& g = op_param_.geometry;
     const ConvGradientSlots slots =
-        prepare_conv_gradients(inputs, output, output_grad, input_grads, out_count, g.out_c, kOp);
+        prepare_conv_gradients(inputs, output, output_grad, input_grads, op_param_.out_count, g.out_c, kName);
     dwconv2d_backward_cpu(inputs[0]->data<float>(), inputs[1]->data<float>(), output->data<float>(),
                           output_grad->data<float>(), slots.input, slots.weight, slots.bias, g);
   }
 
  private:
-  ConvGeometry _geometry(const std::vector<const Tensor*>& inputs) {
+  // Whether execute may use what was prepared: same input count and shapes.
+  bool _prepared_for(const std::vector<const Tensor*>& inputs) const {
     const Z40DepthwiseConv2dNativeParam& p = op_param_;
+    return p.prepared && inputs.size() == p.input_count && inputs[0]->shape() == p.input_shape &&
+           inputs[1]->shape() == p.kernel_shape;
+  }
+
+  // Checks inputs, weights and bias against each other and prepares the
+  // geometry and the stand-in bias.
+  void _prepare(const std::vector<const Tensor*>& inputs) {
+    Z40DepthwiseConv2dNativeParam& p = op_param_;
     KOVRA_ENSURE_MSG(!inputs.empty() && inputs[0]->shape().size() == 4, "input_tensor->shape().size() == 4",
                      "Wrong input shape in FloatZ40DepthwiseConv2dNative!!!");
     op_param_.kernel_shape = inputs.size() > 1 ? inputs[1]->shape() : std::vector<int>();
@@ -84,12 +106,12 @@ class Z40DepthwiseConv2dNativeOpExecutor : public ParamOpExecutor<Z40DepthwiseCo
                      "The shape of kernel is 0 in FloatZ40DepthwiseConv2dNative!!!");
     const Tensor* input = inputs[0];
     const Tensor* weight = inputs[1];
-    check_float(input, kOp);
-    check_float(weight, kOp);
-    check_positive_dims(input, kOp);
+    check_float(input, kName);
+    check_float(weight, kName);
+    check_positive_dims(input, kName);
     KOVRA_ENSURE_MSG(weight->shape().size() == 4, "weight->shape().size() == 4",
-                     std::string(kOp) + ": weight must be [kernel_h, kernel_w, channels, multiplier]");
-    check_positive_dims(weight, kOp);
+                     std::string(kName) + ": weight must be [kernel_h, kernel_w, channels, multiplier]");
+    check_positive_dims(weight, kName);
     ConvGeometry g;
     g.batch = input->shape()[0];
     g.in_h = input->shape()[1];
@@ -98,18 +120,18 @@ class Z40DepthwiseConv2dNativeOpExecutor : public ParamOpExecutor<Z40DepthwiseCo
     g.kernel_h = weight->shape()[0];
     g.kernel_w = weight->shape()[1];
     KOVRA_ENSURE_MSG(weight->shape()[2] == g.in_c, "weight_channels == input_channels",
-                     std::string(kOp) + ": weight channels " + std::to_string(weight->shape()[2]) +
+                     std::string(kName) + ": weight channels " + std::to_string(weight->shape()[2]) +
                          " != input channels " + std::to_string(g.in_c));
     // No larger than the weight's element count, so it fits an int.
     g.out_c = g.in_c * weight->shape()[3];
     if (inputs.size() > 2) {
-      check_float(inputs[2], kOp);
-      check_min_size(inputs[2], g.out_c, kOp);
+      check_float(inputs[2], kName);
+      check_min_size(inputs[2], g.out_c, kName);
     }
-    const ConvSteps steps = conv_steps(p.strides, p.dilations, p.pads, p.padding, kOp);
-    conv_output_hw(input->shape(), g.kernel_h, g.kernel_w, steps, kOp, g.out_h, g.out_w);
+    const ConvSteps steps = conv_steps(p.strides, p.dilations, p.pads, p.padding, kName);
+    conv_output_hw(input->shape(), g.kernel_h, g.kernel_w, steps, kName, g.out_h, g.out_w);
     KOVRA_ENSURE_MSG(static_cast<long long>(g.batch) * g.out_h * g.out_w * g.out_c <= 0x7fffffffLL,
-                     "output_size <= INT_MAX", std::string(kOp) + ": output too large");
+                     "output_size <= INT_MAX", std::string(kName) + ": output too large");
     g.stride_h = steps.stride_h;
     g.stride_w = steps.stride_w;
     g.dilation_h = steps.dilation_h;
@@ -127,7 +149,12 @@ class Z40DepthwiseConv2dNativeOpExecutor : public ParamOpExecutor<Z40DepthwiseCo
     g.clip = p.action_type == "Linear";
     g.clip_min = p.clip_min_value;
     g.clip_max = p.clip_max_value;
-    return g;
+    p.geometry = g;
+    p.out_count = static_cast<long long>(g.batch) * g.out_h * g.out_w * g.out_c;
+    p.zero_bias.assign(inputs.size() > 2 ? 0 : g.out_c, 0.0f);
+    p.input_count = inputs.size();
+    p.input_shape = input->shape();
+    p.prepared = true;
   }
 };
 

@@ -4,16 +4,13 @@
 #include "common.h"
 #include "op_attr.h"
 #include "op_executor.h"
-#include "ops/kernels/matmul_cpu.h"
 #include "ops/common/op_checks.h"
+#include "ops/kernels/gemm_f32.h"
+#include "ops/kernels/matmul_cpu.h"
 
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
-
-namespace {
-const char* const kOp = "FloatZ40MatMul";
-}
 
 struct Z40MatMulParam : BaseParam {
   std::string action_type;
@@ -22,10 +19,22 @@ struct Z40MatMulParam : BaseParam {
   int clip_min_value = 0;
   std::vector<int> weight_shape;
   bool has_bias = false;
+  // Prepared by inference_shape for the inputs it saw.
+  bool prepared = false;
+  size_t input_count = 0;
+  std::vector<int> input_shape;
+  MatMulArgs args;
+  std::vector<float> zero_bias;
+  // The weight's panels, packed on first use and again only when the weight
+  // tensor's version changes.
+  PackedPanelsF32 packed;
 };
 
 class Z40MatMulOpExecutor : public ParamOpExecutor<Z40MatMulParam> {
  public:
+  // As the operator's messages spell it.
+  static constexpr const char* kName = "FloatZ40MatMul";
+
   void parse_parameter(const NodeDef& node) override {
     read_string(node, "ActionType", op_param_.action_type);
     read_float(node, "alpha", op_param_.alpha);
@@ -34,18 +43,26 @@ class Z40MatMulOpExecutor : public ParamOpExecutor<Z40MatMulParam> {
   }
 
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
-    const MatMulArgs args = _args(inputs);
-    op_param_.has_bias = inputs.size() == 3;
-    shape = {args.M, args.N};
+    // Inputs as before need no second preparation.
+    if (inputs.size() < 2 || !_prepared_for(inputs)) _prepare(inputs);
+    shape = {op_param_.args.M, op_param_.args.N};
   }
 
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
-    const MatMulArgs args = _args(inputs);
-    check_min_size(output, static_cast<long long>(args.M) * args.N, kOp);
+    Z40MatMulParam& p = op_param_;
+    if (!_prepared_for(inputs)) _prepare(inputs);
+    const MatMulArgs& args = p.args;
+    check_min_size(output, static_cast<long long>(args.M) * args.N, kName);
+    check_float(inputs[0], kName);
+    check_float(inputs[1], kName);
+    if (p.has_bias) check_min_size(inputs[2], args.N, kName);
     // A node without bias adds a zero bias of N values.
-    const std::vector<float> zero_bias(op_param_.has_bias ? 0 : args.N, 0.0f);
-    const float* bias = op_param_.has_bias ? inputs[2]->data<float>() : zero_bias.data();
-    matmul_cpu(inputs[0]->data<float>(), inputs[1]->data<float>(), bias, output->mutable_data<float>(), args);
+    const float* bias = p.has_bias ? inputs[2]->data<float>() : p.zero_bias.data();
+    const float* b = inputs[1]->data<float>();
+    // A single row reads the weights as they are stored.
+    const float* packed =
+        args.M > 1 ? pack_panels_f32(b, args.K, args.N, inputs[1]->version(), &p.packed) : nullptr;
+    matmul_cpu(inputs[0]->data<float>(), b, bias, output->mutable_data<float>(), args, packed);
     return true;
   }
 
@@ -54,9 +71,10 @@ class Z40MatMulOpExecutor : public ParamOpExecutor<Z40MatMulParam> {
     Tensor* weight_gradient = input_grads.size() > 1 ? input_grads[1] : nullptr;
     KOVRA_ENSURE_MSG(weight_gradient != nullptr, "weight_gradient != NULL",
                      "Please set matmul weight grad tesnor.");
-    const MatMulArgs args = _args(inputs);
-    check_min_size(output, static_cast<long long>(args.M) * args.N, kOp);
-    check_min_size(output_grad, static_cast<long long>(args.M) * args.N, kOp);
+    _prepare(inputs);
+    const MatMulArgs& args = op_param_.args;
+    check_min_size(output, static_cast<long long>(args.M) * args.N, kName);
+    check_min_size(output_grad, static_cast<long long>(args.M) * args.N, kName);
     weight_gradient->set_data(inputs[1]->shape(), Tensor::DT_FLOAT, nullptr);
     Tensor* input_gradient = input_grads.empty() ? nullptr : input_grads[0];
     if (input_gradient != nullptr) input_gradient->set_data({args.M, args.K}, Tensor::DT_FLOAT, nullptr);
@@ -70,40 +88,55 @@ class Z40MatMulOpExecutor : public ParamOpExecutor<Z40MatMulParam> {
   }
 
  private:
-  MatMulArgs _args(const std::vector<const Tensor*>& inputs) {
-    check_input_not_scalar(inputs.empty() ? nullptr : inputs[0], kOp);
-    check_input_count(inputs, 2, kOp);
+  // Whether execute may use what was prepared: same input count and shapes.
+  bool _prepared_for(const std::vector<const Tensor*>& inputs) const {
+    const Z40MatMulParam& p = op_param_;
+    return p.prepared && inputs.size() == p.input_count && inputs[0]->shape() == p.input_shape &&
+           inputs[1]->shape() == p.weight_shape;
+  }
+
+  // Checks the inputs and prepares the product's sizes, its activation and
+  // the stand-in bias.
+  void _prepare(const std::vector<const Tensor*>& inputs) {
+    check_input_not_scalar(inputs.empty() ? nullptr : inputs[0], kName);
+    check_input_count(inputs, 2, kName);
     const Tensor* a = inputs[0];
     const Tensor* b = inputs[1];
-    check_float(a, kOp);
-    check_float(b, kOp);
+    check_float(a, kName);
+    check_float(b, kName);
     const std::vector<int>& as = a->shape();
     KOVRA_ENSURE_MSG(as.size() == 2 || as.size() == 4, "input_tensor->shape().size() == 2 || == 4",
-                     std::string(kOp) + ": input must be [M, K] or [M, 1, 1, K]");
+                     std::string(kName) + ": input must be [M, K] or [M, 1, 1, K]");
     KOVRA_ENSURE_MSG(b->shape().size() == 2, "weight->shape().size() == 2",
-                     std::string(kOp) + ": weight must be [K, N]");
+                     std::string(kName) + ": weight must be [K, N]");
     op_param_.weight_shape = b->shape();
     MatMulArgs args;
     args.M = as[0];
     args.K = as.size() == 4 ? as[3] : as[1];
     args.N = b->shape()[1];
     KOVRA_ENSURE_MSG(args.M > 0 && args.K > 0 && args.N > 0, "M > 0 && K > 0 && N > 0",
-                     std::string(kOp) + ": empty input or weight");
+                     std::string(kName) + ": empty input or weight");
     KOVRA_ENSURE_MSG(b->shape()[0] == args.K, "weight_rows == input_features",
-                     std::string(kOp) + ": weight rows " + std::to_string(b->shape()[0]) +
+                     std::string(kName) + ": weight rows " + std::to_string(b->shape()[0]) +
                          " != input features " + std::to_string(args.K));
-    check_min_size(a, static_cast<long long>(args.M) * args.K, kOp);
+    check_min_size(a, static_cast<long long>(args.M) * args.K, kName);
     KOVRA_ENSURE_MSG(static_cast<long long>(args.M) * args.N <= 0x7fffffffLL, "output_size <= INT_MAX",
-                     std::string(kOp) + ": output too large");
+                     std::string(kName) + ": output too large");
     if (inputs.size() > 2) {
-      check_float(inputs[2], kOp);
-      check_min_size(inputs[2], args.N, kOp);
+      check_float(inputs[2], kName);
+      check_min_size(inputs[2], args.N, kName);
     }
     args.action = matmul_action(op_param_.action_type.c_str());
     args.alpha = op_param_.alpha;
     args.clip_max = op_param_.clip_max_value;
     args.clip_min = op_param_.clip_min_value;
-    return args;
+    Z40MatMulParam& p = op_param_;
+    p.args = args;
+    p.has_bias = inputs.size() == 3;
+    p.zero_bias.assign(p.has_bias ? 0 : args.N, 0.0f);
+    p.input_count = inputs.size();
+    p.input_shape = a->shape();
+    p.prepared = true;
   }
 };
 

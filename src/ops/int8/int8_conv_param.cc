@@ -1,5 +1,6 @@
 #include "ops/int8/int8_conv_param.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -8,6 +9,7 @@
 #include "op_attr.h"
 #include "ops/common/conv_attrs.h"
 #include "ops/common/op_checks.h"
+#include "ops/kernels/gemm_f32.h"
 
 namespace kovra {
 namespace trenkit {
@@ -26,6 +28,18 @@ Int8Activation int8_activation_kind(const std::string& name) {
   if (name == "Softplus") return Int8Activation::kSoftplus;
   if (name == "Softsign") return Int8Activation::kSoftsign;
   return Int8Activation::kScale;
+}
+
+Int8FloatOutputAction int8_float_output_action(const std::string& name) {
+  if (name == "Relu") return Int8FloatOutputAction::kRelu;
+  if (name == "Relu6") return Int8FloatOutputAction::kRelu6;
+  if (name == "LeakyRelu") return Int8FloatOutputAction::kLeakyRelu;
+  return Int8FloatOutputAction::kNone;
+}
+
+bool int8_prepared_for(const Int8Prepared& p, const std::vector<const Tensor*>& inputs) {
+  return p.ready && inputs.size() == p.input_count && inputs[0]->shape() == p.input_shape &&
+         inputs[1]->shape() == p.weight_shape && (p.input_count < 3 || inputs[2]->size() == p.bias_size);
 }
 
 bool int8_activation_uses_sum_scale(Int8Activation kind) {
@@ -122,26 +136,27 @@ ConvGeometry int8_conv_shape(const Int8ConvBaseParam& param, const std::vector<i
   return g;
 }
 
-Int8KernelInputs::Int8KernelInputs(const std::vector<const Tensor*>& inputs, bool has_bias,
-                                   long long channels)
-    : args_(inputs.begin(), inputs.begin() + (inputs.size() < 2 ? inputs.size() : 2)) {
-  if (has_bias && inputs.size() >= 3) {
-    args_.push_back(inputs[2]);
-    return;
-  }
+void record_int8_inputs(const std::vector<const Tensor*>& inputs, const std::vector<int>& output_shape,
+                        int out_c, Int8OutputParam* param) {
+  Int8Prepared& p = param->prepared;
+  param->has_bias = inputs.size() >= 3;
+  p.input_count = inputs.size();
+  p.input_shape = inputs[0]->shape();
+  p.weight_shape = inputs[1]->shape();
+  p.output_shape = output_shape;
+  p.bias_size = param->has_bias ? inputs[2]->size() : 0;
   // Weight tensors are never empty, and their dimensions multiply to at most
-  // their element count, so `channels` is a valid positive size here.
-  zeros_.assign(channels, 0.0f);
-  zero_bias_.set_data({static_cast<int>(channels)}, Tensor::DT_FLOAT, zeros_.data());
-  zero_bias_.set_name("zero_bias");
-  args_.push_back(&zero_bias_);
+  // their element count, so `out_c` is a valid positive size here.
+  p.zero_bias.assign(param->has_bias ? 0 : out_c, 0.0f);
+  p.ready = true;
 }
 
 Int8FloatView::Int8FloatView(const Tensor* tensor, const char* op) {
   if (tensor->data_type() == Tensor::DT_INT32) {
     const int32_t* src = tensor->data<int32_t>();
-    copy_.assign(src, src + tensor->size());
-    data_ = copy_.data();
+    float* copy = scratch_floats(ScratchSlot::kInputCopy, static_cast<size_t>(tensor->size()));
+    for (int i = 0; i < tensor->size(); ++i) copy[i] = static_cast<float>(src[i]);
+    data_ = copy;
     return;
   }
   check_float(tensor, op);
@@ -150,8 +165,9 @@ Int8FloatView::Int8FloatView(const Tensor* tensor, const char* op) {
 
 Int8OutputBuffer::Int8OutputBuffer(Tensor* output, const char* op) : output_(output) {
   if (output->data_type() == Tensor::DT_INT32) {
-    buffer_.assign(output->size(), 0.0f);
-    data_ = buffer_.data();
+    converted_ = true;
+    data_ = scratch_floats(ScratchSlot::kOutputCopy, static_cast<size_t>(output->size()));
+    std::fill(data_, data_ + output->size(), 0.0f);
     return;
   }
   check_float(output, op);
@@ -159,10 +175,10 @@ Int8OutputBuffer::Int8OutputBuffer(Tensor* output, const char* op) : output_(out
 }
 
 void Int8OutputBuffer::finish() {
-  if (buffer_.empty()) return;
+  if (!converted_) return;
   int32_t* dst = output_->mutable_data<int32_t>();
-  for (size_t i = 0; i < buffer_.size(); ++i) {
-    const float v = buffer_[i];
+  for (int i = 0; i < output_->size(); ++i) {
+    const float v = data_[i];
     if (!(v == v)) {
       dst[i] = 0;
     } else if (v >= 2147483647.0f) {

@@ -1,7 +1,6 @@
 #ifndef KOVRAEXECUTOR_OPS_INT8_CONV_PARAM_H_
 #define KOVRAEXECUTOR_OPS_INT8_CONV_PARAM_H_
 
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -29,6 +28,27 @@ enum class Int8Activation {
 };
 
 Int8Activation int8_activation_kind(const std::string& action_type);
+
+// What the 32-bit output path does after the activation, also resolved once.
+enum class Int8FloatOutputAction { kNone, kRelu, kRelu6, kLeakyRelu };
+Int8FloatOutputAction int8_float_output_action(const std::string& action_type);
+
+// What inference_shape prepared for the inputs it saw. execute compares its
+// inputs with it (shapes and count, without allocating) and prepares again
+// only when they differ, so direct callers that skip inference_shape still
+// get every check.
+struct Int8Prepared {
+  bool ready = false;
+  size_t input_count = 0;
+  std::vector<int> input_shape, weight_shape, output_shape;
+  int bias_size = 0;
+  ConvGeometry geometry;         // convolutions; a product is a 1 x 1 one
+  int multiplier = 1;            // 2^m, truncated
+  bool tiled = false;            // the tiled (and integer) path, else the direct loop
+  std::vector<float> pad;        // one value per input channel
+  std::vector<float> zero_bias;  // out_c zeros standing in for a missing bias
+};
+bool int8_prepared_for(const Int8Prepared& prepared, const std::vector<const Tensor*>& inputs);
 // Activations that work on SUMSCALE x a and scale the result by QSCALE.
 bool int8_activation_uses_sum_scale(Int8Activation kind);
 
@@ -51,10 +71,13 @@ struct Int8OutputParam : BaseParam {
   std::vector<float> QSCALE;
   int output_bitwidth = 8;
   bool has_bias = false;
+  Int8FloatOutputAction float_action = Int8FloatOutputAction::kNone;
+  Int8Prepared prepared;
 
   void set_action_type(const std::string& name) {
     ActionType = name;
     action = int8_activation_kind(name);
+    float_action = int8_float_output_action(name);
   }
 };
 
@@ -85,33 +108,26 @@ void check_int8_output_param(const Int8OutputParam& param, int channels, const c
 ConvGeometry int8_conv_shape(const Int8ConvBaseParam& param, const std::vector<int>& input_shape,
                              int kernel_h, int kernel_w, int out_c, const char* op);
 
-// The kernel's inputs: data, weights and the node's bias, or `channels` zeros
-// standing in for it when the node has none.
-class Int8KernelInputs {
- public:
-  Int8KernelInputs(const std::vector<const Tensor*>& inputs, bool has_bias, long long channels);
-  const std::vector<const Tensor*>& get() const { return args_; }
-
- private:
-  std::vector<float> zeros_;
-  Tensor zero_bias_;
-  std::vector<const Tensor*> args_;
-};
+// Records what every execute compares against: the inputs' count and shapes,
+// the output shape, the bias flag and, when the node has no bias, out_c zeros.
+void record_int8_inputs(const std::vector<const Tensor*>& inputs, const std::vector<int>& output_shape,
+                        int out_c, Int8OutputParam* param);
 
 // The data input as floats: the tensor itself when it holds floats, else a
-// converted copy (int32 models). Stops on any other element type.
+// converted copy (int32 models) in the calling thread's scratch. Stops on any
+// other element type.
 class Int8FloatView {
  public:
   Int8FloatView(const Tensor* tensor, const char* op);
   const float* data() const { return data_; }
 
  private:
-  std::vector<float> copy_;
   const float* data_ = nullptr;
 };
 
 // Where the kernels write: the output tensor itself when it holds floats, else
-// a float buffer converted to the tensor's int32 elements (saturated) by finish().
+// a float buffer in the calling thread's scratch, converted to the tensor's
+// int32 elements (saturated) by finish().
 class Int8OutputBuffer {
  public:
   Int8OutputBuffer(Tensor* output, const char* op);
@@ -120,7 +136,7 @@ class Int8OutputBuffer {
 
  private:
   Tensor* output_;
-  std::vector<float> buffer_;
+  bool converted_ = false;
   float* data_ = nullptr;
 };
 

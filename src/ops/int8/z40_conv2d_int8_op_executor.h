@@ -20,14 +20,16 @@ struct Z40Conv2DInt8Param : Int8ConvBaseParam {
   // quantized inside the convolution.
   bool first_layer = false;
   int groups = 1;
-  // Weights packed for the integer dot-product kernels, reused while the
-  // weight tensor stays the same.
+  // Weights packed for the integer dot-product and the 32-column float
+  // kernels, the first time they are needed, and again only when the weight
+  // tensor's version (or the kernel table's format) changes.
   std::shared_ptr<Int8PackedWeights> packed_weights;
   std::shared_ptr<Int8FloatPackedWeights> packed_float_weights;
 };
 
 class Z40Conv2DInt8OpExecutor : public ParamOpExecutor<Z40Conv2DInt8Param> {
  public:
+  static constexpr const char* kName = "Z40Conv2DInt8";
   void parse_parameter(const NodeDef& node_def) override;
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override;
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override;

@@ -18,6 +18,7 @@ struct Z40DepthwiseConv2dNativeInt8Param : Int8ConvBaseParam {
 
 class Z40DepthwiseConv2dNativeInt8OpExecutor : public ParamOpExecutor<Z40DepthwiseConv2dNativeInt8Param> {
  public:
+  static constexpr const char* kName = "Z40DepthwiseConv2dNativeInt8";
   void parse_parameter(const NodeDef& node_def) override;
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override;
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override;

@@ -1,15 +1,11 @@
 #include "ops/int8/z40_mat_mul_int8_op_executor.h"
 
-#include "ops/kernels/matmul_int8.h"
 #include "ops/common/op_checks.h"
+#include "ops/kernels/matmul_int8.h"
 
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
-
-namespace {
-const char kOp[] = "Z40MatMulInt8";
-}  // namespace
 
 void Z40MatMulInt8OpExecutor::parse_parameter(const NodeDef& node_def) {
   // The missing-attribute messages of this operator carry two blanks.
@@ -18,20 +14,18 @@ void Z40MatMulInt8OpExecutor::parse_parameter(const NodeDef& node_def) {
 
 void Z40MatMulInt8OpExecutor::inference_shape(const std::vector<const Tensor*>& inputs,
                                               std::vector<int>& shape) {
-  check_input_count(inputs, 2, kOp);
-  check_input_not_scalar(inputs[0], kOp);
-  KOVRA_ENSURE_MSG(inputs[1]->shape().size() == 2, "weight->shape().size() == 2",
-                   "Wrong weight shape in Z40MatMulInt8!!!");
-  op_param_.has_bias = inputs.size() >= 3;
-  shape = {inputs[0]->shape()[0], inputs[1]->shape()[1]};
+  // Inputs as before need no second preparation.
+  if (inputs.size() < 2 || !int8_prepared_for(op_param_.prepared, inputs))
+    prepare_matmul_int8(inputs, &op_param_);
+  shape = op_param_.prepared.output_shape;
 }
 
 bool Z40MatMulInt8OpExecutor::execute(const std::vector<const Tensor*>& inputs, Tensor* output) {
-  check_input_count(inputs, 2, kOp);
-  KOVRA_ENSURE_MSG(inputs[1]->shape().size() == 2, "weight->shape().size() == 2",
-                   "Wrong weight shape in Z40MatMulInt8!!!");
-  const Int8KernelInputs args(inputs, op_param_.has_bias, inputs[1]->shape()[1]);
-  matmul_int8(args.get(), output, &op_param_);
+  check_input_count(inputs, 2, kName);
+  if (!int8_prepared_for(op_param_.prepared, inputs)) prepare_matmul_int8(inputs, &op_param_);
+  if (op_param_.has_bias) check_float(inputs[2], kName);
+  const float* bias = op_param_.has_bias ? inputs[2]->data<float>() : op_param_.prepared.zero_bias.data();
+  run_matmul_int8(inputs[0], inputs[1], bias, output, &op_param_);
   return true;
 }
 

@@ -19,6 +19,7 @@ struct Z40MatMulInt8Param : Int8OutputParam {
 
 class Z40MatMulInt8OpExecutor : public ParamOpExecutor<Z40MatMulInt8Param> {
  public:
+  static constexpr const char* kName = "Z40MatMulInt8";
   void parse_parameter(const NodeDef& node_def) override;
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override;
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override;

@@ -99,10 +99,17 @@ inline float requantize(float v, float lo, float hi, float offset) {
 }
 
 // The 32-bit output path: no rounding; "Relu6" has no lower bound on purpose.
-inline float float_output(const std::string& action, float v, float alpha) {
-  if (action == "Relu") return v > 0 ? v : 0.0f;
-  if (action == "Relu6") return v < 6.0f ? v : 6.0f;
-  if (action == "LeakyRelu") return v <= 0 ? v * alpha : v;
+inline float float_output(Int8FloatOutputAction action, float v, float alpha) {
+  switch (action) {
+    case Int8FloatOutputAction::kRelu:
+      return v > 0 ? v : 0.0f;
+    case Int8FloatOutputAction::kRelu6:
+      return v < 6.0f ? v : 6.0f;
+    case Int8FloatOutputAction::kLeakyRelu:
+      return v <= 0 ? v * alpha : v;
+    case Int8FloatOutputAction::kNone:
+      break;
+  }
   return v;
 }
 
@@ -132,8 +139,7 @@ void output_rows(const Int8OutputStage& s, const float* acc, float* out, int row
       for (int c = 0; c < channels; ++c) {
         const float a = kScaled ? in[c] : in[c] * mult + bias[c];
         const float v = activate_int8_value(a, c, channels, p);
-        dst[c] = s.float_output ? float_output(p.ActionType, v, p.alpha)
-                                : requantize(v, lo, hi, offset);
+        dst[c] = s.float_output ? float_output(p.float_action, v, p.alpha) : requantize(v, lo, hi, offset);
       }
     }
   }

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <vector>
 
-#include "ops/kernels/avx_common.h"
 #include "ops/kernels/gemm_f32.h"
+#include "ops/kernels/x86/x86_kernels.h"
 #include "thread_pool.h"
 
 namespace kovra {
@@ -113,83 +113,88 @@ bool patches_are_input_rows(const ConvGeometry& g) {
          g.pad_top == 0 && g.pad_left == 0 && g.out_h == g.in_h && g.out_w == g.in_w;
 }
 
-// One pool task of the vector path. Logical worker t owns tiles t, t + T, ...
-// of every image; a task runs the workers t = task, task + tasks, ... and
-// multiplies their tiles a group at a time, so each slice of the weights is
-// loaded once per group while it sits in cache. Every output is computed the
+constexpr int kMaxGroup = 32;
+
+// Walks the tiles of one pool task: logical workers t = task, task + tasks,
+// ... below T, each taking tiles t, t + T, ... Every output is computed the
 // same way whichever task or group holds it.
-void conv_task_vector(const AVXFloatConvParam& p, int task, int tasks, int T, KernelIsa isa) {
-  const ConvGeometry& g = p.geometry;
-  const int pixels = g.out_h * g.out_w;
-  const int tiles = (pixels + kTilePixels - 1) / kTilePixels;
-  const int K = g.kernel_h * g.kernel_w * g.in_c;
-  const int N = g.out_c;
-  const bool direct_rows = patches_are_input_rows(g);
-  // AVX-512 reads patches in place through pointers instead of gathering.
-  const bool indirect = !direct_rows && isa == KernelIsa::kAvx512;
-  // Up to 32 tiles, within about 4 MiB of gathered patches.
-  const int group = std::max(1, std::min(32, static_cast<int>((4 << 20) / (sizeof(float) * kTilePixels * K))));
-  std::vector<int> own_tiles;
-  for (int t = task; t < T; t += tasks)
-    for (int tile = t; tile < tiles; tile += T) own_tiles.push_back(tile);
-  const int taps_per_pixel = g.kernel_h * g.kernel_w;
-  float* patches = direct_rows || indirect
-                       ? nullptr
-                       : scratch_floats(ScratchSlot::kPatches,
-                                        std::min<size_t>(group, own_tiles.size()) * kTilePixels * K);
-  thread_local std::vector<const float*> tap_pointers;
-  thread_local std::vector<float> pad_run;
-  std::vector<ptrdiff_t> tap_offsets;
-  for (int ky = 0; ky < g.kernel_h; ++ky)
-    for (int kx = 0; kx < g.kernel_w; ++kx)
-      tap_offsets.push_back((static_cast<ptrdiff_t>(ky) * g.dilation_h * g.in_w + static_cast<ptrdiff_t>(kx) * g.dilation_w) *
-                            g.in_c);
-  std::vector<IndirectRowBlock> indirect_blocks;
-  if (indirect) {
-    tap_pointers.resize(static_cast<size_t>(group) * kTilePixels * taps_per_pixel);
-    pad_run.assign(g.in_c, g.pad_value);
+struct TileCursor {
+  int t, tile, tasks, T, tiles;
+  TileCursor(int task, int task_count, int workers, int tile_count)
+      : t(task), tile(task), tasks(task_count), T(workers), tiles(tile_count) {
+    _settle();
   }
-  std::vector<GemmRowBlock> blocks;
-  for (int b = 0; b < g.batch; ++b) {
-    const float* image = p.input + static_cast<size_t>(b) * g.in_h * g.in_w * g.in_c;
-    float* out_image = p.output + static_cast<size_t>(b) * pixels * N;
-    for (size_t i = 0; i < own_tiles.size() && indirect;) {
-      indirect_blocks.clear();
-      for (; i < own_tiles.size() && static_cast<int>(indirect_blocks.size()) < group; ++i) {
-        const int first = own_tiles[i] * kTilePixels;
-        const int rows = std::min(kTilePixels, pixels - first);
-        const float** taps = tap_pointers.data() + indirect_blocks.size() * kTilePixels * taps_per_pixel;
-        point_taps(image, g, first, rows, pad_run.data(), tap_offsets.data(), taps);
-        indirect_blocks.push_back({taps, out_image + static_cast<size_t>(first) * N, rows});
-      }
-      gemm_f32_indirect(indirect_blocks.data(), static_cast<int>(indirect_blocks.size()), taps_per_pixel, g.in_c, N,
-                        p.weight, N, p.bias);
-      if (g.activate != activation_null) {
-        for (const IndirectRowBlock& blk : indirect_blocks) activate_rows(blk.c, blk.rows, N, g);
+  bool done() const { return t >= T; }
+  void next() {
+    tile += T;
+    _settle();
+  }
+  void _settle() {
+    while (t < T && tile >= tiles) {
+      t += tasks;
+      tile = t;
+    }
+  }
+};
+
+int tiles_of_task(int task, int tasks, int T, int tiles) {
+  int n = 0;
+  for (int t = task; t < T; t += tasks) n += (tiles - t + T - 1) / T;
+  return n;
+}
+
+// Rows given through tap pointers instead of a gathered matrix.
+struct IndirectRowBlock {
+  const float* const* taps;
+  float* c;
+  int rows;
+};
+
+// The indirect product over blocks of tap pointers: whole kernel positions
+// per pass, about kGemmReductionBlock reduction steps, against B's panels.
+void gemm_f32_indirect(ConvIndirectTileFn tile, const IndirectRowBlock* blocks, int block_count,
+                       int tap_count, int C, int ldc, const float* B, int N, const float* bias,
+                       const float* packed) {
+  if (block_count <= 0 || N <= 0 || tap_count <= 0 || C <= 0) return;
+  const int K = tap_count * C;
+  const int panels = (N + kGemmPanelWidth - 1) / kGemmPanelWidth;
+  const int taps_per_pass = std::max(1, kGemmReductionBlock / C);
+  float* scratch = packed == nullptr
+                       ? scratch_floats(ScratchSlot::kWeightPanel,
+                                        static_cast<size_t>(taps_per_pass) * C * kGemmPanelWidth * panels)
+                       : nullptr;
+  for (int t0 = 0; t0 < tap_count; t0 += taps_per_pass) {
+    const int taps = std::min(taps_per_pass, tap_count - t0);
+    const int k0 = t0 * C, kc = taps * C;
+    const bool accumulate = t0 > 0;
+    const bool last = t0 + taps == tap_count;
+    if (packed == nullptr) {
+      for (int k = 0; k < kc; ++k) {
+        const float* row = B + static_cast<long long>(k0 + k) * N;
+        for (int p = 0; p < panels; ++p) {
+          const int cols = std::min(kGemmPanelWidth, N - p * kGemmPanelWidth);
+          std::memcpy(scratch + (static_cast<size_t>(p) * kc + k) * kGemmPanelWidth,
+                      row + p * kGemmPanelWidth, sizeof(float) * cols);
+        }
       }
     }
-    for (size_t i = 0; i < own_tiles.size() && !indirect;) {
-      blocks.clear();
-      for (; i < own_tiles.size() && static_cast<int>(blocks.size()) < group; ++i) {
-        const int first = own_tiles[i] * kTilePixels;
-        const int rows = std::min(kTilePixels, pixels - first);
-        const float* a;
-        if (direct_rows) {
-          a = image + static_cast<size_t>(first) * g.in_c;
-        } else {
-          float* slot = patches + blocks.size() * kTilePixels * static_cast<size_t>(K);
-          gather_patches(image, g, first, rows, slot);
-          a = slot;
-        }
-        blocks.push_back({a, out_image + static_cast<size_t>(first) * N, rows});
-      }
-      gemm_f32_blocks(blocks.data(), static_cast<int>(blocks.size()), K, N, p.weight, N, N, K, p.bias, isa);
-      if (g.activate != activation_null) {
-        for (const GemmRowBlock& blk : blocks) activate_rows(blk.c, blk.rows, N, g);
+    for (int p = 0; p < panels; ++p) {
+      const int n0 = p * kGemmPanelWidth;
+      const int cols = std::min(kGemmPanelWidth, N - n0);
+      const float* b = packed != nullptr ? packed + (static_cast<size_t>(p) * K + k0) * kGemmPanelWidth
+                                         : scratch + static_cast<size_t>(p) * kc * kGemmPanelWidth;
+      for (int i = 0; i < block_count; ++i) {
+        tile(blocks[i].taps + static_cast<size_t>(t0) * 8, taps, C, b, kGemmPanelWidth, blocks[i].c + n0, ldc,
+             blocks[i].rows, cols, accumulate, last && bias ? bias + n0 : nullptr);
       }
     }
   }
 }
+
+const ConvF32TileKernels kTileVariants[] = {
+    {KernelIsa::kPortable, "gather_patches", nullptr},
+    {KernelIsa::kAvx512, "conv_f32_8x32_indirect_avx512", conv_f32_8x32_indirect_avx512},
+};
 
 }  // namespace
 
@@ -252,53 +257,124 @@ void gemm_float(float* C, const float* A, const float* B, const float* bias, int
   }
 }
 
+const KernelTable<ConvF32TileKernels>& conv_f32_tile_kernels() {
+  static const KernelTable<ConvF32TileKernels> table(kTileVariants);
+  return table;
+}
+
+void prepare_conv_tiles(const ConvGeometry& g, ConvTilePlan* plan) {
+  plan->g = g;
+  plan->pixels = g.out_h * g.out_w;
+  plan->tiles = (plan->pixels + kTilePixels - 1) / kTilePixels;
+  plan->workers = std::min(kMaxWorkers, plan->tiles);
+  plan->K = g.kernel_h * g.kernel_w * g.in_c;
+  // Up to 32 tiles, within about 4 MiB of gathered patches.
+  plan->group = std::max(1, std::min(kMaxGroup, static_cast<int>((4 << 20) / (sizeof(float) * kTilePixels *
+                                                                              std::max(plan->K, 1)))));
+  plan->direct_rows = patches_are_input_rows(g);
+  plan->tap_offsets.clear();
+  for (int ky = 0; ky < g.kernel_h; ++ky)
+    for (int kx = 0; kx < g.kernel_w; ++kx)
+      plan->tap_offsets.push_back(
+          (static_cast<ptrdiff_t>(ky) * g.dilation_h * g.in_w + static_cast<ptrdiff_t>(kx) * g.dilation_w) *
+          g.in_c);
+  plan->pad_run.assign(g.in_c, g.pad_value);
+}
+
 void* computeConv_tiled(void* arg) {
-  const ConvThreadArg* thread = static_cast<const ConvThreadArg*>(arg);
-  const AVXFloatConvParam& p = *thread->shared;
-  const ConvGeometry& g = p.geometry;
-  const int pixels = g.out_h * g.out_w;
-  const int tiles = (pixels + kTilePixels - 1) / kTilePixels;
-  const int K = g.kernel_h * g.kernel_w * g.in_c;
-  float* patches = p.patches + static_cast<size_t>(thread->index) * kTilePixels * K;
+  const ConvThreadArg& thread = *static_cast<const ConvThreadArg*>(arg);
+  const AVXFloatConvParam& p = *thread.shared;
+  const ConvTilePlan& plan = *p.plan;
+  const ConvGeometry& g = plan.g;
+  const int pixels = plan.pixels, K = plan.K, N = g.out_c;
+  const int taps_per_pixel = g.kernel_h * g.kernel_w;
+  const ConvIndirectTileFn indirect = plan.direct_rows ? nullptr : conv_f32_tile_kernels()->indirect;
+  const int own = tiles_of_task(thread.index, thread.count, plan.workers, plan.tiles);
+  const int group = std::min(plan.group, std::max(own, 1));
+  float* patches = plan.direct_rows || indirect != nullptr
+                       ? nullptr
+                       : scratch_floats(ScratchSlot::kPatches, static_cast<size_t>(group) * kTilePixels * K);
+  const float** tap_pointers =
+      indirect != nullptr ? static_cast<const float**>(scratch_bytes(
+                                ScratchSlot::kTaps, sizeof(const float*) * static_cast<size_t>(group) *
+                                                        kTilePixels * taps_per_pixel))
+                          : nullptr;
+  GemmRowBlock blocks[kMaxGroup];
+  IndirectRowBlock indirect_blocks[kMaxGroup];
   for (int b = 0; b < g.batch; ++b) {
     const float* image = p.input + static_cast<size_t>(b) * g.in_h * g.in_w * g.in_c;
-    float* out_image = p.output + static_cast<size_t>(b) * pixels * g.out_c;
-    for (int tile = thread->index; tile < tiles; tile += thread->count) {
-      const int first = tile * kTilePixels;
-      const int rows = std::min(kTilePixels, pixels - first);
-      gather_patches(image, g, first, rows, patches);
-      gemm_float(out_image + static_cast<size_t>(first) * g.out_c, patches, p.weight, p.bias, g.in_c,
-                 g.out_c, rows, g.kernel_h * g.kernel_w, g.activate, g.alpha, 1);
+    float* out_image = p.output + static_cast<size_t>(b) * pixels * N;
+    TileCursor cursor(thread.index, thread.count, plan.workers, plan.tiles);
+    while (!cursor.done()) {
+      int n = 0;
+      for (; n < group && !cursor.done(); ++n, cursor.next()) {
+        const int first = cursor.tile * kTilePixels;
+        const int rows = std::min(kTilePixels, pixels - first);
+        float* c = out_image + static_cast<size_t>(first) * N;
+        if (indirect != nullptr) {
+          const float** taps = tap_pointers + static_cast<size_t>(n) * kTilePixels * taps_per_pixel;
+          point_taps(image, g, first, rows, plan.pad_run.data(), plan.tap_offsets.data(), taps);
+          indirect_blocks[n] = {taps, c, rows};
+        } else if (plan.direct_rows) {
+          blocks[n] = {image + static_cast<size_t>(first) * g.in_c, c, rows};
+        } else {
+          float* slot = patches + static_cast<size_t>(n) * kTilePixels * K;
+          gather_patches(image, g, first, rows, slot);
+          blocks[n] = {slot, c, rows};
+        }
+      }
+      if (indirect != nullptr) {
+        gemm_f32_indirect(indirect, indirect_blocks, n, taps_per_pixel, g.in_c, N, p.weight, N, p.bias,
+                          p.packed);
+      } else {
+        gemm_f32_blocks(blocks, n, K, N, p.weight, N, N, K, p.bias, p.packed);
+      }
+      if (g.activate != activation_null) {
+        for (int i = 0; i < n; ++i) {
+          activate_rows(indirect != nullptr ? indirect_blocks[i].c : blocks[i].c,
+                        indirect != nullptr ? indirect_blocks[i].rows : blocks[i].rows, N, g);
+        }
+      }
     }
   }
   return nullptr;
 }
 
-void conv2d_avx_cpu(const float* input, const float* weight, const float* bias, float* output,
-                    const ConvGeometry& g) {
-  const int pixels = g.out_h * g.out_w;
-  if (pixels <= 0 || g.batch <= 0) return;
-  const int tiles = (pixels + kTilePixels - 1) / kTilePixels;
-  const int workers = std::min(kMaxWorkers, tiles);
+void conv2d_avx_cpu(const ConvTilePlan& plan, const float* input, const float* weight, const float* packed,
+                    const float* bias, float* output) {
+  if (plan.pixels <= 0 || plan.g.batch <= 0) return;
   AVXFloatConvParam shared;
-  shared.geometry = g;
+  shared.geometry = plan.g;
+  shared.plan = &plan;
   shared.input = input;
   shared.weight = weight;
+  shared.packed = packed;
   shared.bias = bias;
   shared.output = output;
-  const KernelIsa isa = active_isa();
-  if (isa != KernelIsa::kPortable) {
-    const int tasks = std::min(workers, ThreadPool::instance().num_threads());
-    ThreadPool::instance().run(tasks, [&](int task) { conv_task_vector(shared, task, tasks, workers, isa); });
+  ThreadPool& pool = ThreadPool::instance();
+  const int tasks = plan.workers <= 1 ? 1 : std::min(plan.workers, pool.num_threads());
+  if (tasks <= 1) {
+    ConvThreadArg arg{0, 1, &shared};
+    computeConv_tiled(&arg);
     return;
   }
-  // Room for the patches of 16 tiles of 8 pixels, one slice per worker.
-  std::vector<float> patches(static_cast<size_t>(kMaxWorkers) * kTilePixels * g.kernel_h * g.kernel_w *
-                             g.in_c);
-  shared.patches = patches.data();
-  std::vector<ConvThreadArg> args(workers);
-  for (int t = 0; t < workers; ++t) args[t] = {t, workers, &shared};
-  ThreadPool::instance().run(workers, [&](int t) { computeConv_tiled(&args[t]); });
+  struct Job {
+    const AVXFloatConvParam* shared;
+    int tasks;
+  } job{&shared, tasks};
+  // One pointer captured: the task fits std::function's own storage.
+  const Job* j = &job;
+  pool.run(tasks, [j](int task) {
+    ConvThreadArg arg{task, j->tasks, j->shared};
+    computeConv_tiled(&arg);
+  });
+}
+
+void conv2d_avx_cpu(const float* input, const float* weight, const float* bias, float* output,
+                    const ConvGeometry& g) {
+  ConvTilePlan plan;
+  prepare_conv_tiles(g, &plan);
+  conv2d_avx_cpu(plan, input, weight, nullptr, bias, output);
 }
 
 }  // namespace kovraexecutor

@@ -1,12 +1,12 @@
 #ifndef KOVRAEXECUTOR_OPS_CONV2D_INT8_H_
 #define KOVRAEXECUTOR_OPS_CONV2D_INT8_H_
 
-#include <memory>
+#include <cstdint>
 #include <string>
 #include <vector>
 
-#include "ops/kernels/activate_int8.h"
 #include "ops/int8/z40_conv2d_int8_op_executor.h"
+#include "ops/kernels/activate_int8.h"
 #include "tensor.h"
 
 namespace kovra {
@@ -23,23 +23,35 @@ void gemm_float_int8(float* out, const float* in, const float* weight, const flo
                      void (*activate)(float*, int, float), float alpha, int multiplier,
                      int input_offset);
 
-// Weights as the AVX-512 float kernel streams them: blocks of 32 output
-// channels, each depth x 32 floats, the last block padded with zeros.
+// The int8 float-path gemm family: gemm_float_int8 without the first-layer
+// step and without activation (codes come quantized): `rows` rows of `in`
+// (row stride kernel_positions * in_channels; 8 rows are always readable)
+// against the weights in the variant's layout. Every variant multiplies and
+// adds separately in reduction order, so all give the plain loop's bits.
+typedef void (*Int8FloatGemmFn)(float* out, const float* in, const float* weights, const float* bias,
+                                int in_channels, int out_channels, int rows, int kernel_positions,
+                                int multiplier);
+struct Int8FloatGemmKernels {
+  KernelIsa isa;
+  const char* name;
+  bool packed;  // weights in 32-column blocks (pack_float_weights_8x32), else as stored
+  Int8FloatGemmFn gemm;
+};
+const KernelTable<Int8FloatGemmKernels>& int8_float_gemm_kernels();
+void gemm_float_int8_portable(float* out, const float* in, const float* weights, const float* bias,
+                              int in_channels, int out_channels, int rows, int kernel_positions,
+                              int multiplier);
+
+// Weights as the 32-column kernels stream them: blocks of 32 output
+// channels, each depth x 32 floats, the last block padded with zeros; kept per
+// operator and keyed by the weight tensor's version.
 struct Int8FloatPackedWeights {
-  const void* source = nullptr;
-  int size = 0;
+  uint64_t version = 0;
+  int depth = 0, out_c = 0;
   std::vector<float> packed;
 };
-const Int8FloatPackedWeights& pack_float_weights_8x32(const Tensor* weight, int depth, int out_c,
-                                                      std::shared_ptr<Int8FloatPackedWeights>* cache);
-
-// gemm_float_int8 without the first-layer step, 8 rows x 32 columns per
-// tile on AVX-512, same results; `packed` comes from pack_float_weights_8x32.
-// `in` always holds 8 rows; rows past `rows` are read and ignored.
-void gemm_float_int8_8x32_avx512(float* out, const float* in, const float* packed,
-                                 const float* bias, int in_channels, int out_channels, int rows,
-                                 int kernel_positions, void (*activate)(float*, int, float),
-                                 float alpha, int multiplier);
+const float* pack_float_weights_8x32(const Tensor* weight, int depth, int out_c,
+                                     Int8FloatPackedWeights* cache);
 
 // A first-layer input value as the code the convolution uses:
 // input_offset + round_half_even((x - mean) * scale), clamped to [0, 255].
@@ -47,15 +59,21 @@ float first_layer_code(float x, float mean, float scale, float input_offset);
 
 // Per-call record shared by the tile workers.
 struct AVXConvInt8Param : AVXBaseConvParam {
-  std::string ActionType;
+  const Z40Conv2DInt8Param* param = nullptr;
   const float* input_mean = nullptr;
   const float* input_var = nullptr;
   bool first_layer = false;
   int input_offset = 0;
   int multiplier = 1;
-  const float* packed_weights = nullptr;  // for the AVX-512 kernel, else null
+  const Int8FloatGemmKernels* gemm = nullptr;
+  const float* weights = nullptr;  // in the layout `gemm` reads
   Int8OutputStage stage;
 };
+
+// Checks the inputs (data, weights and, when there are three, the bias)
+// against the attributes and prepares geometry, path, pads, multiplier and
+// the stand-in bias into param->prepared.
+void prepare_conv2d_int8(const std::vector<const Tensor*>& inputs, Z40Conv2DInt8Param* param);
 
 // Whole convolutions; inputs are the data, the weights and the bias.
 // conv2d_avx_int8 needs groups == 1 and runs tiles on the thread pool, with
@@ -64,6 +82,11 @@ void conv2d_avx_int8(const std::vector<const Tensor*>& inputs, Tensor* output,
                      Z40Conv2DInt8Param* param);
 // Direct loop on the calling thread; honours groups.
 void conv2d_int8(const std::vector<const Tensor*>& inputs, Tensor* output, Z40Conv2DInt8Param* param);
+
+// What both run once the record is prepared for these inputs: no allocation
+// and no message unless a check fails. `bias` holds out_c values.
+void run_conv2d_int8(const Tensor* input, const Tensor* weight, const float* bias, Tensor* output,
+                     Z40Conv2DInt8Param* param, bool tiled);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit

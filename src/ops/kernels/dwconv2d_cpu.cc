@@ -2,16 +2,27 @@
 
 #include <cstddef>
 
-#include "ops/kernels/avx_common.h"
+#include "ops/kernels/x86/x86_kernels.h"
 
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
 namespace {
+const DwconvF32Kernels kVariants[] = {
+    {KernelIsa::kPortable, "dwconv_row_f32_portable", dwconv_row_f32_portable},
+    {KernelIsa::kAvx2, "dwconv_row_f32_4x8_avx2", dwconv_row_f32_4x8_avx2},
+    {KernelIsa::kAvx512, "dwconv_row_f32_8x16_avx512", dwconv_row_f32_8x16_avx512},
+};
+}  // namespace
 
-void reference_row(const float* image, const float* weight, const float* bias, float* out, const ConvGeometry& g,
-                   int oy) {
+const KernelTable<DwconvF32Kernels>& dwconv_f32_row_kernels() {
+  static const KernelTable<DwconvF32Kernels> table(kVariants);
+  return table;
+}
+
+void dwconv_row_f32_portable(const float* image, const float* weight, const float* bias, float* out,
+                             const ConvGeometry& g, int oy) {
   const int multiplier = g.out_c / g.in_c;
   for (int ox = 0; ox < g.out_w; ++ox, out += g.out_c) {
     for (int oc = 0; oc < g.out_c; ++oc) {
@@ -31,8 +42,6 @@ void reference_row(const float* image, const float* weight, const float* bias, f
   }
 }
 
-}  // namespace
-
 void dwconv_activate(float* row, int count, const ConvGeometry& g) {
   if (!g.clip) {
     g.activate(row, count, g.alpha);
@@ -46,17 +55,14 @@ void dwconv_activate(float* row, int count, const ConvGeometry& g) {
 
 void dwconv2d_cpu(const float* input, const float* weight, const float* bias, float* output,
                   const ConvGeometry& g) {
-  const KernelIsa isa = g.out_c == g.in_c ? active_isa() : KernelIsa::kPortable;
+  // The vector rows take one filter per channel; other multipliers run the portable row.
+  const DwconvRowFn row = g.out_c == g.in_c ? dwconv_f32_row_kernels()->row : dwconv_row_f32_portable;
   const size_t row_size = static_cast<size_t>(g.out_w) * g.out_c;
   for (int b = 0; b < g.batch; ++b) {
     const float* image = input + static_cast<size_t>(b) * g.in_h * g.in_w * g.in_c;
     for (int oy = 0; oy < g.out_h; ++oy) {
       float* out = output + (static_cast<size_t>(b) * g.out_h + oy) * row_size;
-      switch (isa) {
-        case KernelIsa::kAvx512: dwconv_row_f32_avx512(image, weight, bias, out, g, oy); break;
-        case KernelIsa::kAvx2: dwconv_row_f32_avx2(image, weight, bias, out, g, oy); break;
-        default: reference_row(image, weight, bias, out, g, oy); break;
-      }
+      row(image, weight, bias, out, g, oy);
       // Element-wise, so one call covers the whole row.
       dwconv_activate(out, static_cast<int>(row_size), g);
     }

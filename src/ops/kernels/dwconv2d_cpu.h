@@ -14,13 +14,20 @@ namespace kovraexecutor {
 void dwconv2d_cpu(const float* input, const float* weight, const float* bias, float* output,
                   const ConvGeometry& g);
 
-// Output row oy of one image before the activation (multiplier 1): the taps
-// as fused multiply-adds in (ky, kx) order, then plus bias; both agree bit
-// for bit.
-void dwconv_row_f32_avx512(const float* image, const float* weight, const float* bias, float* out_row,
-                           const ConvGeometry& g, int oy);
-void dwconv_row_f32_avx2(const float* image, const float* weight, const float* bias, float* out_row,
-                         const ConvGeometry& g, int oy);
+// The depthwise row family: output row oy of one image before the
+// activation, each output its taps in (ky, kx) order, then plus bias. The
+// portable row takes any multiplier and multiplies and adds separately; the
+// vector rows (multiplier 1) use fused multiply-adds and agree bit for bit.
+typedef void (*DwconvRowFn)(const float* image, const float* weight, const float* bias, float* out_row,
+                            const ConvGeometry& g, int oy);
+struct DwconvF32Kernels {
+  KernelIsa isa;
+  const char* name;
+  DwconvRowFn row;
+};
+const KernelTable<DwconvF32Kernels>& dwconv_f32_row_kernels();
+void dwconv_row_f32_portable(const float* image, const float* weight, const float* bias, float* out_row,
+                             const ConvGeometry& g, int oy);
 
 // The depthwise activation of a row: "Linear" clamps, the others as fused.
 void dwconv_activate(float* row, int count, const ConvGeometry& g);

@@ -17,6 +17,15 @@ namespace kovraexecutor {
 void dwconv2d_int8(const std::vector<const Tensor*>& inputs, Tensor* output,
                    Z40DepthwiseConv2dNativeInt8Param* param);
 
+// Checks the inputs (data, weights, optional bias) and prepares geometry,
+// multiplier and the stand-in bias into param->prepared.
+void prepare_dwconv2d_int8(const std::vector<const Tensor*>& inputs,
+                           Z40DepthwiseConv2dNativeInt8Param* param);
+// The convolution once prepared: no allocation and no message unless a
+// check fails. `bias` holds C x multiplier values.
+void run_dwconv2d_int8(const Tensor* input, const Tensor* weight, const float* bias, Tensor* output,
+                       const Z40DepthwiseConv2dNativeInt8Param* param);
+
 }  // namespace kovraexecutor
 }  // namespace trenkit
 }  // namespace kovra

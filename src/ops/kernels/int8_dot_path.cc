@@ -2,11 +2,12 @@
 
 #include <algorithm>
 #include <atomic>
-#include <type_traits>
 #include <cmath>
 #include <cstring>
+#include <type_traits>
 
-#include "ops/kernels/avx_common.h"
+#include "ops/kernels/gemm_f32.h"
+#include "ops/kernels/x86/x86_kernels.h"
 #include "thread_pool.h"
 
 namespace kovra {
@@ -18,13 +19,6 @@ namespace {
 std::atomic<bool>& integer_path_flag() {
   static std::atomic<bool> enabled{true};
   return enabled;
-}
-
-// Packed layouts, one per kernel family.
-enum Format { kVnni = 0, kInt16 = 1 };
-
-int active_format() {
-  return active_isa() == KernelIsa::kAvx512 && cpu_supports_avx512_vnni() ? kVnni : kInt16;
 }
 
 int round_up(int v, int m) { return (v + m - 1) / m * m; }
@@ -40,36 +34,35 @@ struct CodeRange {
 };
 
 void scan_codes(const float* v, long long count, CodeRange* range) {
-  if (active_isa() == KernelIsa::kAvx512) {
-    scan_codes_avx512(v, count, &range->lo, &range->hi, &range->integral);
-    return;
-  }
-  float lo = range->lo, hi = range->hi;
-  bool ok = range->integral;
-  for (long long i = 0; i < count; ++i) {
-    const float x = v[i];
-    const bool in_range = x >= -128.0f && x <= 255.0f;  // false for NaN
-    const float clamped = in_range ? x : 0.0f;
-    ok &= in_range & (static_cast<float>(static_cast<int>(clamped)) == x);
-    lo = x < lo ? x : lo;
-    hi = x > hi ? x : hi;
-  }
-  range->lo = lo;
-  range->hi = hi;
-  range->integral = ok;
+  int8_code_kernels()->scan(v, count, &range->lo, &range->hi, &range->integral);
 }
 
-// The input converted once per call to the kernel's element type.
+// The codes converted once per call to the kernel's element type, into the
+// calling thread's scratch.
 template <typename T>
-std::vector<T> convert_codes(const float* v, long long count, int shift) {
-  std::vector<T> out(count);
-  if (std::is_same<T, uint8_t>::value && active_isa() == KernelIsa::kAvx512) {
-    convert_codes_u8_avx512(v, count, shift, reinterpret_cast<uint8_t*>(out.data()));
-    return out;
+T* convert_codes(const float* v, long long count, int shift, ScratchSlot slot) {
+  T* out = static_cast<T*>(scratch_bytes(slot, sizeof(T) * static_cast<size_t>(std::max(count, 1LL))));
+  if constexpr (std::is_same<T, uint8_t>::value) {
+    int8_code_kernels()->convert_u8(v, count, shift, out);
+  } else {
+    for (long long i = 0; i < count; ++i) out[i] = static_cast<T>(static_cast<int>(v[i]) + shift);
   }
-  for (long long i = 0; i < count; ++i) out[i] = static_cast<T>(static_cast<int>(v[i]) + shift);
   return out;
 }
+
+const Int8DotKernels kDotVariants[] = {
+    {KernelIsa::kPortable, "dot_s16_s32_portable", Int8DotFormat::kS16, 4, nullptr, dot_s16_s32_portable},
+    {KernelIsa::kAvx2, "dot_s16_s32_4x24_avx2", Int8DotFormat::kS16, 4, nullptr, dot_s16_s32_4x24_avx2},
+    {KernelIsa::kAvx512Vnni, "dot_u8s8_s32_6x64_avx512vnni", Int8DotFormat::kU8S8, 6,
+     dot_u8s8_s32_6x64_avx512vnni, nullptr},
+};
+
+const Int8CodeKernels kCodeVariants[] = {
+    {KernelIsa::kPortable, "codes_f32_portable", requantize_s32_portable, scan_codes_f32_portable,
+     convert_codes_f32_u8_portable},
+    {KernelIsa::kAvx512, "codes_f32_1x16_avx512", requantize_s32_1x16_avx512, scan_codes_f32_1x16_avx512,
+     convert_codes_f32_u8_1x16_avx512},
+};
 
 // Gathers the patches of `len` output pixels starting at `first` into rows of
 // `depth_padded` codes; unused rows and columns are zero.
@@ -93,20 +86,68 @@ void gather_rows(const ConvGeometry& s, const T* image, const T* pad, int first,
   }
 }
 
+// One call of the integer path, shared by its workers.
 template <typename T>
-void run_chunks(const ConvGeometry& s, const std::vector<T>& codes, const std::vector<T>& pad,
-                const Int8PackedWeights& w, const int32_t* correction, const Int8OutputStage& stage,
+struct ChunkJob {
+  const ConvGeometry* s;
+  const T* codes;
+  const T* pad;
+  const Int8PackedWeights* w;
+  const Int8DotKernels* dot;
+  const int32_t* correction;
+  const Int8OutputStage* stage;
+  const Int8RequantizeArgs* args;
+  bool fast_stage;
+  float* out;
+  int per_image, chunks, workers;
+};
+
+template <typename T>
+void run_chunk_worker(const ChunkJob<T>& job, int worker) {
+  const ConvGeometry& s = *job.s;
+  const Int8PackedWeights& w = *job.w;
+  const int pixels = s.out_h * s.out_w;
+  const long long image_size = static_cast<long long>(s.in_h) * s.in_w * s.in_c;
+  T* rows = static_cast<T*>(scratch_bytes(ScratchSlot::kRows, sizeof(T) * kChunkRows * w.depth_padded));
+  int32_t* sums =
+      static_cast<int32_t*>(scratch_bytes(ScratchSlot::kSums, sizeof(int32_t) * kChunkRows * w.out_padded));
+  for (int chunk = worker; chunk < job.chunks; chunk += job.workers) {
+    const int b = chunk / job.per_image;
+    const int first = (chunk % job.per_image) * kChunkRows;
+    const int len = std::min(kChunkRows, pixels - first);
+    const int padded_len = round_up(len, job.dot->row_block);
+    gather_rows(s, job.codes + b * image_size, job.pad, first, len, w.depth_padded, rows);
+    // The kernel reads whole row blocks; rows past `len` are computed and dropped.
+    std::fill(rows + static_cast<size_t>(len) * w.depth_padded,
+              rows + static_cast<size_t>(padded_len) * w.depth_padded, T(0));
+    if constexpr (std::is_same<T, uint8_t>::value) {
+      job.dot->dot_u8(rows, w.depth_padded, w.packed8.data(), w.out_padded, padded_len, sums);
+    } else {
+      job.dot->dot_s16(rows, w.depth_padded, w.packed16.data(), w.out_padded, padded_len, sums);
+    }
+    float* dst = job.out + (static_cast<long long>(b) * pixels + first) * s.out_c;
+    if (job.fast_stage) {
+      int8_code_kernels()->requantize(*job.args, sums, w.out_padded, len, dst);
+      continue;
+    }
+    for (int j = 0; j < len; ++j) {
+      const int32_t* src = sums + static_cast<long long>(j) * w.out_padded;
+      float* row = dst + static_cast<long long>(j) * s.out_c;
+      for (int n = 0; n < s.out_c; ++n) row[n] = static_cast<float>(src[n] - job.correction[n]);
+    }
+    int8_output_rows(*job.stage, dst, dst, len);
+  }
+}
+
+template <typename T>
+void run_chunks(const ConvGeometry& s, const T* codes, const T* pad, const Int8PackedWeights& w,
+                const Int8DotKernels& dot, const int32_t* correction, const Int8OutputStage& stage,
                 float* out) {
   const int pixels = s.out_h * s.out_w;
   const int per_image = (pixels + kChunkRows - 1) / kChunkRows;
   const int chunks = per_image * s.batch;
-  const int workers = std::min(kMaxWorkers, chunks);
-  const long long image_size = static_cast<long long>(s.in_h) * s.in_w * s.in_c;
-  // The plain and split-scale stages run vectorised straight from the sums.
+  // The plain and split-scale stages run straight from the sums.
   const Int8OutputParam& param = *stage.param;
-  const bool fast_stage = w.format == kVnni && !stage.float_output &&
-                          (param.action == Int8Activation::kScale ||
-                           param.action == Int8Activation::kLeakyRelu);
   Int8RequantizeArgs args;
   args.channels = s.out_c;
   args.correction = correction;
@@ -118,38 +159,12 @@ void run_chunks(const ConvGeometry& s, const std::vector<T>& codes, const std::v
   args.lo = stage.lo;
   args.hi = stage.hi;
   args.offset = stage.offset;
-  ThreadPool::instance().run(workers, [&](int worker) {
-    std::vector<T> rows(static_cast<size_t>(kChunkRows) * w.depth_padded, T(0));
-    std::vector<int32_t> sums(static_cast<size_t>(kChunkRows) * w.out_padded);
-    for (int chunk = worker; chunk < chunks; chunk += workers) {
-      const int b = chunk / per_image;
-      const int first = (chunk % per_image) * kChunkRows;
-      const int len = std::min(kChunkRows, pixels - first);
-      gather_rows(s, codes.data() + b * image_size, pad.data(), first, len, w.depth_padded,
-                  rows.data());
-      if constexpr (std::is_same<T, uint8_t>::value) {
-        gemm_u8s8_s32_6x64_avx512vnni(rows.data(), w.depth_padded, w.packed8.data(),
-                                      w.out_padded, round_up(len, 6), sums.data());
-      } else if (active_isa() == KernelIsa::kPortable) {
-        gemm_s16_s32_portable(rows.data(), w.depth_padded, w.packed16.data(), w.out_padded,
-                              round_up(len, 4), sums.data());
-      } else {
-        gemm_s16_s32_4x24_avx2(rows.data(), w.depth_padded, w.packed16.data(), w.out_padded,
-                               round_up(len, 4), sums.data());
-      }
-      float* dst = out + (static_cast<long long>(b) * pixels + first) * s.out_c;
-      if (fast_stage) {
-        requantize_s32_rows_avx512(args, sums.data(), w.out_padded, len, dst);
-        continue;
-      }
-      for (int j = 0; j < len; ++j) {
-        const int32_t* src = sums.data() + static_cast<long long>(j) * w.out_padded;
-        float* row = dst + static_cast<long long>(j) * s.out_c;
-        for (int n = 0; n < s.out_c; ++n) row[n] = static_cast<float>(src[n] - correction[n]);
-      }
-      int8_output_rows(stage, dst, dst, len);
-    }
-  });
+  ChunkJob<T> job{&s, codes, pad, &w, &dot, correction, &stage, &args, false, out, per_image, chunks,
+                  std::min(kMaxWorkers, chunks)};
+  job.fast_stage = !stage.float_output &&
+                   (param.action == Int8Activation::kScale || param.action == Int8Activation::kLeakyRelu);
+  const ChunkJob<T>* j = &job;
+  ThreadPool::instance().run(job.workers, [j](int worker) { run_chunk_worker(*j, worker); });
 }
 
 }  // namespace
@@ -157,63 +172,75 @@ void run_chunks(const ConvGeometry& s, const std::vector<T>& codes, const std::v
 void set_int8_integer_path_enabled(bool enabled) { integer_path_flag().store(enabled); }
 bool int8_integer_path_enabled() { return integer_path_flag().load(); }
 
+const KernelTable<Int8DotKernels>& int8_dot_kernels() {
+  static const KernelTable<Int8DotKernels> table(kDotVariants);
+  return table;
+}
+
+const KernelTable<Int8CodeKernels>& int8_code_kernels() {
+  static const KernelTable<Int8CodeKernels> table(kCodeVariants);
+  return table;
+}
+
 const Int8PackedWeights& pack_int8_weights(const Tensor* weight, int depth, int out_c,
-                                           std::shared_ptr<Int8PackedWeights>* cache) {
-  const float* src = weight->data<float>();
-  const int format = active_format();
-  Int8PackedWeights* held = cache->get();
-  if (held != nullptr && held->source == src && held->size == weight->size() &&
-      held->format == format && held->depth == depth && held->out_c == out_c) {
-    return *held;
+                                           Int8PackedWeights* cache) {
+  const Int8DotFormat format = int8_dot_kernels()->format;
+  if (cache->version != 0 && cache->version == weight->version() && cache->format == format &&
+      cache->depth == depth && cache->out_c == out_c) {
+    return *cache;
   }
-  auto w = std::make_shared<Int8PackedWeights>();
-  w->source = src;
-  w->size = weight->size();
-  w->format = format;
-  w->depth = depth;
-  w->out_c = out_c;
+  const float* src = weight->data<float>();
+  Int8PackedWeights& w = *cache;
+  w.version = weight->version();
+  w.format = format;
+  w.depth = depth;
+  w.out_c = out_c;
+  w.packed8.clear();
+  w.packed16.clear();
   CodeRange range;
+  range.lo = range.hi = depth > 0 && out_c > 0 ? src[0] : 0.0f;
   scan_codes(src, static_cast<long long>(depth) * out_c, &range);
-  w->fits = range.integral && range.lo >= -128.0f && range.hi <= 127.0f;
-  if (w->fits) {
-    w->abs_sum.assign(out_c, 0);
-    w->sum.assign(out_c, 0);
+  w.fits = range.integral && range.lo >= -128.0f && range.hi <= 127.0f;
+  if (!w.fits) return w;
+  w.abs_sum.assign(out_c, 0);
+  w.sum.assign(out_c, 0);
+  for (int k = 0; k < depth; ++k) {
+    for (int n = 0; n < out_c; ++n) {
+      const int v = static_cast<int>(src[static_cast<long long>(k) * out_c + n]);
+      w.abs_sum[n] += v < 0 ? -v : v;
+      w.sum[n] += v;
+    }
+  }
+  w.shift_correction.resize(out_c);
+  for (int n = 0; n < out_c; ++n) w.shift_correction[n] = 128 * w.sum[n];
+  w.no_correction.assign(out_c, 0);
+  if (format == Int8DotFormat::kU8S8) {
+    // Blocks of 16 columns; in each, 4 consecutive depths of a column share
+    // one 32-bit lane.
+    w.depth_padded = round_up(depth, 4);
+    w.out_padded = round_up(out_c, 16);
+    w.packed8.assign(static_cast<size_t>(w.depth_padded) * w.out_padded, 0);
     for (int k = 0; k < depth; ++k) {
       for (int n = 0; n < out_c; ++n) {
-        const int v = static_cast<int>(src[static_cast<long long>(k) * out_c + n]);
-        w->abs_sum[n] += v < 0 ? -v : v;
-        w->sum[n] += v;
+        const size_t at =
+            (static_cast<size_t>(n / 16) * (w.depth_padded / 4) + k / 4) * 64 + (n % 16) * 4 + k % 4;
+        w.packed8[at] = static_cast<int8_t>(src[static_cast<long long>(k) * out_c + n]);
       }
     }
-    if (format == kVnni) {
-      // Blocks of 16 columns; in each, 4 consecutive depths of a column share
-      // one 32-bit lane.
-      w->depth_padded = round_up(depth, 4);
-      w->out_padded = round_up(out_c, 16);
-      w->packed8.assign(static_cast<size_t>(w->depth_padded) * w->out_padded, 0);
-      for (int k = 0; k < depth; ++k) {
-        for (int n = 0; n < out_c; ++n) {
-          const size_t at = (static_cast<size_t>(n / 16) * (w->depth_padded / 4) + k / 4) * 64 +
-                            (n % 16) * 4 + k % 4;
-          w->packed8[at] = static_cast<int8_t>(src[static_cast<long long>(k) * out_c + n]);
-        }
-      }
-    } else {
-      // Blocks of 8 columns; 2 consecutive depths of a column share a lane.
-      w->depth_padded = round_up(depth, 2);
-      w->out_padded = round_up(out_c, 8);
-      w->packed16.assign(static_cast<size_t>(w->depth_padded) * w->out_padded, 0);
-      for (int k = 0; k < depth; ++k) {
-        for (int n = 0; n < out_c; ++n) {
-          const size_t at = (static_cast<size_t>(n / 8) * (w->depth_padded / 2) + k / 2) * 16 +
-                            (n % 8) * 2 + k % 2;
-          w->packed16[at] = static_cast<int16_t>(src[static_cast<long long>(k) * out_c + n]);
-        }
+  } else {
+    // Blocks of 8 columns; 2 consecutive depths of a column share a lane.
+    w.depth_padded = round_up(depth, 2);
+    w.out_padded = round_up(out_c, 8);
+    w.packed16.assign(static_cast<size_t>(w.depth_padded) * w.out_padded, 0);
+    for (int k = 0; k < depth; ++k) {
+      for (int n = 0; n < out_c; ++n) {
+        const size_t at =
+            (static_cast<size_t>(n / 8) * (w.depth_padded / 2) + k / 2) * 16 + (n % 8) * 2 + k % 2;
+        w.packed16[at] = static_cast<int16_t>(src[static_cast<long long>(k) * out_c + n]);
       }
     }
   }
-  *cache = w;
-  return *w;
+  return w;
 }
 
 Int8DotPlan plan_int8_dot(const float* input, long long count, const float* pad, int pad_count,
@@ -239,37 +266,38 @@ Int8DotPlan plan_int8_dot(const float* input, long long count, const float* pad,
   return plan;
 }
 
-bool conv_int8_integer_path(const ConvGeometry& s, const float* input, const float* pad,
-                            const Tensor* weight, std::shared_ptr<Int8PackedWeights>* cache,
-                            const Int8OutputStage& stage, float* out) {
+bool conv_int8_integer_path(const ConvGeometry& s, const float* input, const float* pad, const Tensor* weight,
+                            Int8PackedWeights* cache, const Int8OutputStage& stage, float* out) {
   if (!int8_integer_path_enabled()) return false;
   const int depth = (s.kernel_h * s.kernel_w) * s.in_c;
   const Int8PackedWeights& w = pack_int8_weights(weight, depth, s.out_c, cache);
   const long long count = static_cast<long long>(s.batch) * s.in_h * s.in_w * s.in_c;
-  // Without padding (1 x 1 products) the pad codes are never read.
-  const std::vector<float> no_pad(pad == nullptr ? s.in_c : 0, 0.0f);
   const int pad_count = pad == nullptr ? 0 : s.in_c;
-  if (pad == nullptr) pad = no_pad.data();
   const Int8DotPlan plan = plan_int8_dot(input, count, pad, pad_count, w);
   if (!plan.integer) return false;
-  if (w.format == kVnni) {
+  const Int8DotKernels& dot = int8_dot_kernels().get();
+  // Without padding (1 x 1 products) no tap reads the pad codes: the image's
+  // own codes stand in for them.
+  if (dot.format == Int8DotFormat::kU8S8) {
     // vpdpbusd multiplies unsigned bytes: signed codes are shifted by 128 and
     // 128 * sum(w) is taken off each column again.
     const int shift = plan.signed_input ? 128 : 0;
-    std::vector<int32_t> correction(s.out_c);
-    for (int n = 0; n < s.out_c; ++n) correction[n] = shift * w.sum[n];
-    run_chunks(s, convert_codes<uint8_t>(input, count, shift),
-               convert_codes<uint8_t>(pad, s.in_c, shift), w, correction.data(), stage, out);
+    const uint8_t* codes = convert_codes<uint8_t>(input, count, shift, ScratchSlot::kCodes);
+    const uint8_t* pad_codes =
+        pad == nullptr ? codes : convert_codes<uint8_t>(pad, s.in_c, shift, ScratchSlot::kPadCodes);
+    run_chunks(s, codes, pad_codes, w, dot,
+               plan.signed_input ? w.shift_correction.data() : w.no_correction.data(), stage, out);
   } else {
-    const std::vector<int32_t> correction(s.out_c, 0);
-    run_chunks(s, convert_codes<int16_t>(input, count, 0), convert_codes<int16_t>(pad, s.in_c, 0),
-               w, correction.data(), stage, out);
+    const int16_t* codes = convert_codes<int16_t>(input, count, 0, ScratchSlot::kCodes);
+    const int16_t* pad_codes =
+        pad == nullptr ? codes : convert_codes<int16_t>(pad, s.in_c, 0, ScratchSlot::kPadCodes);
+    run_chunks(s, codes, pad_codes, w, dot, w.no_correction.data(), stage, out);
   }
   return true;
 }
 
-void gemm_s16_s32_portable(const int16_t* a, int depth_padded, const int16_t* b, int out_padded,
-                           int rows, int32_t* c) {
+void dot_s16_s32_portable(const int16_t* a, int depth_padded, const int16_t* b, int out_padded, int rows,
+                          int32_t* c) {
   const int pairs = depth_padded / 2;
   for (int r = 0; r < rows; ++r) {
     const int16_t* x = a + static_cast<long long>(r) * depth_padded;
@@ -285,6 +313,44 @@ void gemm_s16_s32_portable(const int16_t* a, int depth_padded, const int16_t* b,
       std::memcpy(dst + block * 8, acc, sizeof(acc));
     }
   }
+}
+
+void requantize_s32_portable(const Int8RequantizeArgs& args, const int32_t* sums, int ld, int rows,
+                             float* out) {
+  for (int r = 0; r < rows; ++r) {
+    const int32_t* src = sums + static_cast<long long>(r) * ld;
+    float* dst = out + static_cast<long long>(r) * args.channels;
+    for (int c = 0; c < args.channels; ++c) {
+      const float a = static_cast<float>(src[c] - args.correction[c]) * args.multiplier + args.bias[c];
+      const float v =
+          args.negative_scale != nullptr && a < 0 ? a * args.negative_scale[c] : a * args.scale[c];
+      // Round half to even (the default rounding mode), clamp, offset.
+      float q = std::nearbyint(v);
+      q = q < args.lo ? args.lo : q;
+      q = args.hi < q ? args.hi : q;
+      dst[c] = args.offset + q;
+    }
+  }
+}
+
+void scan_codes_f32_portable(const float* v, long long count, float* lo_out, float* hi_out, bool* integral) {
+  float lo = *lo_out, hi = *hi_out;
+  bool ok = *integral;
+  for (long long i = 0; i < count; ++i) {
+    const float x = v[i];
+    const bool in_range = x >= -128.0f && x <= 255.0f;  // false for NaN
+    const float clamped = in_range ? x : 0.0f;
+    ok &= in_range & (static_cast<float>(static_cast<int>(clamped)) == x);
+    lo = x < lo ? x : lo;
+    hi = x > hi ? x : hi;
+  }
+  *lo_out = lo;
+  *hi_out = hi;
+  *integral = ok;
+}
+
+void convert_codes_f32_u8_portable(const float* v, long long count, int shift, uint8_t* out) {
+  for (long long i = 0; i < count; ++i) out[i] = static_cast<uint8_t>(static_cast<int>(v[i]) + shift);
 }
 
 }  // namespace kovraexecutor

@@ -1,8 +1,8 @@
 #include "ops/kernels/int8_eltwise_kernels.h"
 
 #include "kvdl.h"
-#include "ops/kernels/avx_common.h"
 #include "ops/int8/int8_common.h"
+#include "ops/kernels/x86/x86_kernels.h"
 
 namespace kovra {
 namespace trenkit {
@@ -40,31 +40,33 @@ void sum_requant_f32_portable(const float* x0, const float* x1, float* y, int n,
   }
 }
 
+namespace {
+const Int8EltwiseKernels kVariants[] = {
+    {KernelIsa::kPortable, "int8_eltwise_f32_portable", quantize_f32_portable, dequantize_f32_portable,
+     sum_requant_f32_portable},
+    {KernelIsa::kAvx512, "int8_eltwise_f32_1x16_avx512", quantize_f32_1x16_avx512, dequantize_f32_1x16_avx512,
+     sum_requant_f32_1x16_avx512},
+};
+}  // namespace
+
+const KernelTable<Int8EltwiseKernels>& int8_eltwise_kernels() {
+  static const KernelTable<Int8EltwiseKernels> table(kVariants);
+  return table;
+}
+
 void quantize_f32(const float* x, float* y, int n, int channels, const float* scale, float lo,
                   float hi, float offset) {
-  if (active_isa() == KernelIsa::kAvx512) {
-    quantize_f32_avx512(x, y, n, channels, scale, lo, hi, offset);
-  } else {
-    quantize_f32_portable(x, y, n, channels, scale, lo, hi, offset);
-  }
+  int8_eltwise_kernels()->quantize(x, y, n, channels, scale, lo, hi, offset);
 }
 
 void dequantize_f32(const float* x, float* y, int n, int channels, const float* scale,
                     float offset) {
-  if (active_isa() == KernelIsa::kAvx512) {
-    dequantize_f32_avx512(x, y, n, channels, scale, offset);
-  } else {
-    dequantize_f32_portable(x, y, n, channels, scale, offset);
-  }
+  int8_eltwise_kernels()->dequantize(x, y, n, channels, scale, offset);
 }
 
 void sum_requant_f32(const float* x0, const float* x1, float* y, int n, int channels,
                      const float* a, const float* b, const float* k, float hi) {
-  if (active_isa() == KernelIsa::kAvx512) {
-    sum_requant_f32_avx512(x0, x1, y, n, channels, a, b, k, hi);
-  } else {
-    sum_requant_f32_portable(x0, x1, y, n, channels, a, b, k, hi);
-  }
+  int8_eltwise_kernels()->sum_requant(x0, x1, y, n, channels, a, b, k, hi);
 }
 
 }  // namespace kovraexecutor

@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "ops/kernels/avx_common.h"
 #include "ops/kernels/gemm_f32.h"
 
 namespace kovra {
@@ -52,24 +51,20 @@ MatMulAction matmul_action(const char* action_type) {
   return MatMulAction::kNone;
 }
 
-void matmul_cpu(const float* a, const float* b, const float* bias, float* out, const MatMulArgs& args) {
+void matmul_cpu(const float* a, const float* b, const float* bias, float* out, const MatMulArgs& args,
+                const float* packed) {
   const int M = args.M, K = args.K, N = args.N;
-  const KernelIsa isa = active_isa();
-  if (isa == KernelIsa::kPortable) {
-    for (int m = 0; m < M; ++m) {
-      for (int n = 0; n < N; ++n) {
-        float sum = 0.0f;
-        for (int k = 0; k < K; ++k) sum += a[static_cast<size_t>(m) * K + k] * b[static_cast<size_t>(k) * N + n];
-        out[static_cast<size_t>(m) * N + n] = bias[n] + sum;
-      }
-    }
-  } else {
-    std::vector<GemmRowBlock> blocks;
-    for (int m = 0; m < M; m += 8) {
-      blocks.push_back({a + static_cast<size_t>(m) * K, out + static_cast<size_t>(m) * N, std::min(8, M - m)});
+  // Rows in blocks of 8, handed over a bounded number at a time.
+  constexpr int kBlocksPerCall = 64;
+  GemmRowBlock blocks[kBlocksPerCall];
+  for (int m0 = 0; m0 < M; m0 += 8 * kBlocksPerCall) {
+    int count = 0;
+    for (int m = m0; m < M && count < kBlocksPerCall; m += 8) {
+      blocks[count++] = {a + static_cast<size_t>(m) * K, out + static_cast<size_t>(m) * N,
+                         std::min(8, M - m)};
     }
     // sum + bias there, the same value as bias + sum.
-    gemm_f32_blocks(blocks.data(), static_cast<int>(blocks.size()), K, N, b, N, N, K, bias, isa);
+    gemm_f32_blocks(blocks, count, K, N, b, N, N, K, bias, packed);
   }
   if (args.action == MatMulAction::kNone) return;
   for (size_t i = 0; i < static_cast<size_t>(M) * N; ++i) out[i] = activate(out[i], args);

@@ -20,8 +20,10 @@ struct MatMulArgs {
 MatMulAction matmul_action(const char* action_type);
 
 // out[m][n] = act(bias[n] + sum over k of a[m][k] * b[k][n]), the sum taken in
-// k order; a is M x K, b is K x N, both row-major.
-void matmul_cpu(const float* a, const float* b, const float* bias, float* out, const MatMulArgs& args);
+// k order through the float gemm table; a is M x K, b is K x N, both
+// row-major. `packed` holds b's panels (pack_panels_f32) or is null.
+void matmul_cpu(const float* a, const float* b, const float* bias, float* out, const MatMulArgs& args,
+                const float* packed = nullptr);
 
 // Gradients of matmul_cpu given its output and the gradient of that output.
 // weight_grad (K x N) is required; input_grad (M x K) and bias_grad (N) are

@@ -1,10 +1,11 @@
 #include "ops/kernels/matmul_int8.h"
 
 #include <algorithm>
+#include <memory>
 
+#include "ops/common/op_checks.h"
 #include "ops/kernels/activate_int8.h"
 #include "ops/kernels/int8_dot_path.h"
-#include "ops/common/op_checks.h"
 
 namespace kovra {
 namespace trenkit {
@@ -14,12 +15,11 @@ namespace {
 const char kOp[] = "Z40MatMulInt8";
 }  // namespace
 
-void matmul_int8(const std::vector<const Tensor*>& inputs, Tensor* output, Z40MatMulInt8Param* param) {
-  check_input_count(inputs, 3, kOp);
+void prepare_matmul_int8(const std::vector<const Tensor*>& inputs, Z40MatMulInt8Param* param) {
+  check_input_count(inputs, 2, kOp);
   check_input_not_scalar(inputs[0], kOp);
   const Tensor* a = inputs[0];
   const Tensor* b = inputs[1];
-  const Tensor* bias = inputs[2];
   KOVRA_ENSURE_MSG(b->shape().size() == 2, "weight->shape().size() == 2",
                    "Wrong weight shape in Z40MatMulInt8!!!");
   const int m = a->shape()[0];
@@ -32,25 +32,37 @@ void matmul_int8(const std::vector<const Tensor*>& inputs, Tensor* output, Z40Ma
                    std::string(kOp) + ": weights have " + std::to_string(b->shape()[0]) +
                        " rows, the input has depth " + std::to_string(k));
   check_float(b, kOp);
-  check_float(bias, kOp);
-  check_min_size(bias, n, kOp);
+  if (inputs.size() >= 3) {
+    check_float(inputs[2], kOp);
+    check_min_size(inputs[2], n, kOp);
+  }
   check_int8_output_param(*param, n, kOp);
-  KOVRA_ENSURE_MSG(output->size() == static_cast<long long>(m) * n, "output->size() == rows * columns",
-                   std::string(kOp) + ": the output tensor does not have the inferred shape");
-
-  const Int8FloatView input(a, kOp);
-  Int8OutputBuffer out(output, kOp);
-  const Int8OutputStage stage =
-      make_int8_output_stage(*param, bias->data<float>(), int8_multiplier(*param, kOp), n);
   // A product is a 1 x 1 convolution over an M x 1 image of K channels.
-  ConvGeometry shape;
+  ConvGeometry& shape = param->prepared.geometry;
+  shape = ConvGeometry();
   shape.batch = 1;
   shape.in_h = shape.out_h = m;
   shape.in_w = shape.out_w = 1;
   shape.in_c = k;
   shape.kernel_h = shape.kernel_w = 1;
   shape.out_c = n;
-  if (conv_int8_integer_path(shape, input.data(), nullptr, b, &param->packed_weights, stage,
+  param->prepared.multiplier = int8_multiplier(*param, kOp);
+  record_int8_inputs(inputs, {m, n}, n, param);
+}
+
+void run_matmul_int8(const Tensor* a, const Tensor* b, const float* bias, Tensor* output,
+                     Z40MatMulInt8Param* param) {
+  const Int8Prepared& prep = param->prepared;
+  const ConvGeometry& shape = prep.geometry;
+  const int m = shape.in_h, k = shape.in_c, n = shape.out_c;
+  KOVRA_ENSURE_MSG(output->size() == static_cast<long long>(m) * n, "output->size() == rows * columns",
+                   std::string(kOp) + ": the output tensor does not have the inferred shape");
+  check_float(b, kOp);
+  const Int8FloatView input(a, kOp);
+  Int8OutputBuffer out(output, kOp);
+  const Int8OutputStage stage = make_int8_output_stage(*param, bias, prep.multiplier, n);
+  if (!param->packed_weights) param->packed_weights = std::make_shared<Int8PackedWeights>();
+  if (conv_int8_integer_path(shape, input.data(), nullptr, b, param->packed_weights.get(), stage,
                              out.data())) {
     out.finish();
     return;
@@ -68,6 +80,12 @@ void matmul_int8(const std::vector<const Tensor*>& inputs, Tensor* output, Z40Ma
     int8_output_rows(stage, dst, dst, 1);
   }
   out.finish();
+}
+
+void matmul_int8(const std::vector<const Tensor*>& inputs, Tensor* output, Z40MatMulInt8Param* param) {
+  check_input_count(inputs, 3, kOp);
+  if (!int8_prepared_for(param->prepared, inputs)) prepare_matmul_int8(inputs, param);
+  run_matmul_int8(inputs[0], inputs[1], inputs[2]->data<float>(), output, param);
 }
 
 }  // namespace kovraexecutor

@@ -16,6 +16,15 @@ namespace kovraexecutor {
 // integer kernels.
 void matmul_int8(const std::vector<const Tensor*>& inputs, Tensor* output, Z40MatMulInt8Param* param);
 
+// Checks the inputs (a, b, optional bias) and prepares the product's shape
+// (as a 1 x 1 convolution over an M x 1 image of K channels), multiplier and
+// stand-in bias into param->prepared.
+void prepare_matmul_int8(const std::vector<const Tensor*>& inputs, Z40MatMulInt8Param* param);
+// The product once prepared: no allocation and no message unless a check
+// fails. `bias` holds N values.
+void run_matmul_int8(const Tensor* a, const Tensor* b, const float* bias, Tensor* output,
+                     Z40MatMulInt8Param* param);
+
 }  // namespace kovraexecutor
 }  // namespace trenkit
 }  // namespace kovra

@@ -1,6 +1,6 @@
 #include <immintrin.h>
 
-#include "ops/kernels/dwconv2d_cpu.h"
+#include "ops/kernels/x86/x86_kernels.h"
 #include "ops/kernels/x86/dwconv_row_impl.h"
 
 namespace kovra {
@@ -26,7 +26,7 @@ struct Avx512Vec {
 };
 }  // namespace
 
-void dwconv_row_f32_avx512(const float* image, const float* weight, const float* bias, float* out_row,
+void dwconv_row_f32_8x16_avx512(const float* image, const float* weight, const float* bias, float* out_row,
                            const ConvGeometry& g, int oy) {
   dwconv_detail::dwconv_row<Avx512Vec>(image, weight, bias, out_row, g, oy);
 }

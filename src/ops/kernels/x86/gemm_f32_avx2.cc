@@ -1,6 +1,6 @@
 #include <immintrin.h>
 
-#include "ops/kernels/gemm_f32.h"
+#include "ops/kernels/x86/x86_kernels.h"
 
 namespace kovra {
 namespace trenkit {
@@ -70,8 +70,8 @@ void kernel_rows_x16(const float* a, int lda, const float* b, int ldb, float* c,
 
 }  // namespace
 
-void gemm_f32_8x32_avx2(const float* a, int lda, const float* b, int ldb, float* c, int ldc,
-                        int rows, int cols, int kc, bool accumulate, const float* bias) {
+void gemm_f32_4x16_avx2(const float* a, int lda, const float* b, int ldb, float* c, int ldc, int rows,
+                        int cols, int kc, bool accumulate, const float* bias) {
   for (int r0 = 0; r0 < rows; r0 += 4) {
     const int rr = rows - r0 < 4 ? rows - r0 : 4;
     for (int c0 = 0; c0 < cols; c0 += 16) {
@@ -81,29 +81,44 @@ void gemm_f32_8x32_avx2(const float* a, int lda, const float* b, int ldb, float*
   }
 }
 
-void gemv_f32_avx2(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias) {
-  constexpr int kVectors = 8;
-  for (int n0 = 0; n0 < N; n0 += 8 * kVectors) {
-    __m256i mask[kVectors];
-    __m256 acc[kVectors];
+namespace {
+// kVectors registers of 8 columns, each an independent fused multiply-add
+// chain per column, so the count never changes a result.
+template <int kVectors>
+void gemv_columns(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias,
+                  int n0) {
+  __m256i mask[kVectors];
+  __m256 acc[kVectors];
+#pragma GCC unroll 8
+  for (int v = 0; v < kVectors; ++v) {
+    mask[v] = lanes(N - n0 - 8 * v);
+    acc[v] = _mm256_setzero_ps();
+  }
+  const float* row = b + n0;
+  for (int k = 0; k < K; ++k, row += ldb) {
+    const __m256 av = _mm256_broadcast_ss(a + k);
 #pragma GCC unroll 8
     for (int v = 0; v < kVectors; ++v) {
-      mask[v] = lanes(N - n0 - 8 * v);
-      acc[v] = _mm256_setzero_ps();
+      acc[v] = _mm256_fmadd_ps(av, _mm256_maskload_ps(row + 8 * v, mask[v]), acc[v]);
     }
-    const float* row = b + n0;
-    for (int k = 0; k < K; ++k, row += ldb) {
-      const __m256 av = _mm256_broadcast_ss(a + k);
+  }
 #pragma GCC unroll 8
-      for (int v = 0; v < kVectors; ++v) {
-        acc[v] = _mm256_fmadd_ps(av, _mm256_maskload_ps(row + 8 * v, mask[v]), acc[v]);
-      }
-    }
-#pragma GCC unroll 8
-    for (int v = 0; v < kVectors; ++v) {
-      if (bias != nullptr) acc[v] = _mm256_add_ps(acc[v], _mm256_maskload_ps(bias + n0 + 8 * v, mask[v]));
-      _mm256_maskstore_ps(c + n0 + 8 * v, mask[v], acc[v]);
-    }
+  for (int v = 0; v < kVectors; ++v) {
+    if (bias != nullptr) acc[v] = _mm256_add_ps(acc[v], _mm256_maskload_ps(bias + n0 + 8 * v, mask[v]));
+    _mm256_maskstore_ps(c + n0 + 8 * v, mask[v], acc[v]);
+  }
+}
+using ColumnsFn = void (*)(const float*, const float*, int, float*, int, int, const float*, int);
+const ColumnsFn kColumns[8] = {gemv_columns<1>, gemv_columns<2>, gemv_columns<3>, gemv_columns<4>,
+                               gemv_columns<5>, gemv_columns<6>, gemv_columns<7>, gemv_columns<8>};
+}  // namespace
+
+void gemv_f32_1x64_avx2(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias) {
+  // 64 columns in 8 independent chains; a narrow tail takes only the
+  // registers it fills.
+  for (int n0 = 0; n0 < N; n0 += 64) {
+    const int columns = N - n0 < 64 ? N - n0 : 64;
+    kColumns[(columns + 7) / 8 - 1](a, b, ldb, c, N, K, bias, n0);
   }
 }
 

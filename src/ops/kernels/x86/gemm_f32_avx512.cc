@@ -1,6 +1,6 @@
 #include <immintrin.h>
 
-#include "ops/kernels/gemm_f32.h"
+#include "ops/kernels/x86/x86_kernels.h"
 
 namespace kovra {
 namespace trenkit {
@@ -106,8 +106,9 @@ void indirect_rows(const float* const* taps, int tap_count, int C_runtime, const
 
 }  // namespace
 
-void gemm_f32_8x32_indirect_avx512(const float* const* taps, int tap_count, int C, const float* b, int ldb,
-                                   float* c, int ldc, int rows, int cols, bool accumulate, const float* bias) {
+void conv_f32_8x32_indirect_avx512(const float* const* taps, int tap_count, int C, const float* b, int ldb,
+                                   float* c, int ldc, int rows, int cols, bool accumulate,
+                                   const float* bias) {
   const __mmask16 m0 = lanes(cols), m1 = lanes(cols - 16);
   if (rows == 8 && cols == 32) {
     if (C == 3) {
@@ -150,31 +151,46 @@ void gemm_f32_8x32_avx512(const float* a, int lda, const float* b, int ldb, floa
   }
 }
 
-void gemv_f32_avx512(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias) {
+namespace {
+// kVectors registers of 16 columns, each an independent fused multiply-add
+// chain per column, so the count never changes a result.
+template <int kVectors>
+void gemv_columns(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias,
+                  int n0) {
+  __mmask16 mask[kVectors];
+  __m512 acc[kVectors];
+#pragma GCC unroll 8
+  for (int v = 0; v < kVectors; ++v) {
+    mask[v] = lanes(N - n0 - 16 * v);
+    acc[v] = _mm512_setzero_ps();
+  }
+  const float* row = b + n0;
+  for (int k = 0; k < K; ++k, row += ldb) {
+    const __m512 av = _mm512_set1_ps(a[k]);
+#pragma GCC unroll 8
+    for (int v = 0; v < kVectors; ++v) {
+      acc[v] = _mm512_fmadd_ps(av, _mm512_maskz_loadu_ps(mask[v], row + 16 * v), acc[v]);
+    }
+  }
+#pragma GCC unroll 8
+  for (int v = 0; v < kVectors; ++v) {
+    if (bias != nullptr) acc[v] = _mm512_add_ps(acc[v], _mm512_maskz_loadu_ps(mask[v], bias + n0 + 16 * v));
+    _mm512_mask_storeu_ps(c + n0 + 16 * v, mask[v], acc[v]);
+  }
+}
+using ColumnsFn = void (*)(const float*, const float*, int, float*, int, int, const float*, int);
+const ColumnsFn kColumns[8] = {gemv_columns<1>, gemv_columns<2>, gemv_columns<3>, gemv_columns<4>,
+                               gemv_columns<5>, gemv_columns<6>, gemv_columns<7>, gemv_columns<8>};
+}  // namespace
+
+void gemv_f32_1x128_avx512(const float* a, const float* b, int ldb, float* c, int N, int K,
+                           const float* bias) {
   // 128 columns in 8 independent chains hide the multiply-add latency while
-  // the rows of B stream through once.
-  constexpr int kVectors = 8;
-  for (int n0 = 0; n0 < N; n0 += 16 * kVectors) {
-    __mmask16 mask[kVectors];
-    __m512 acc[kVectors];
-#pragma GCC unroll 8
-    for (int v = 0; v < kVectors; ++v) {
-      mask[v] = lanes(N - n0 - 16 * v);
-      acc[v] = _mm512_setzero_ps();
-    }
-    const float* row = b + n0;
-    for (int k = 0; k < K; ++k, row += ldb) {
-      const __m512 av = _mm512_set1_ps(a[k]);
-#pragma GCC unroll 8
-      for (int v = 0; v < kVectors; ++v) {
-        acc[v] = _mm512_fmadd_ps(av, _mm512_maskz_loadu_ps(mask[v], row + 16 * v), acc[v]);
-      }
-    }
-#pragma GCC unroll 8
-    for (int v = 0; v < kVectors; ++v) {
-      if (bias != nullptr) acc[v] = _mm512_add_ps(acc[v], _mm512_maskz_loadu_ps(mask[v], bias + n0 + 16 * v));
-      _mm512_mask_storeu_ps(c + n0 + 16 * v, mask[v], acc[v]);
-    }
+  // the rows of B stream through once; a narrow tail takes only the
+  // registers it fills.
+  for (int n0 = 0; n0 < N; n0 += 128) {
+    const int columns = N - n0 < 128 ? N - n0 : 128;
+    kColumns[(columns + 15) / 16 - 1](a, b, ldb, c, N, K, bias, n0);
   }
 }
 

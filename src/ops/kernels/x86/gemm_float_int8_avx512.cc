@@ -8,7 +8,7 @@
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #include <immintrin.h>
 
-#include "ops/kernels/conv2d_int8.h"
+#include "ops/kernels/x86/x86_kernels.h"
 
 namespace kovra {
 namespace trenkit {
@@ -102,15 +102,11 @@ void tile_8x32(float* out, const float* in, long long depth, const float* block,
 
 void gemm_float_int8_8x32_avx512(float* out, const float* in, const float* packed,
                                  const float* bias, int in_channels, int out_channels, int rows,
-                                 int kernel_positions, void (*activate)(float*, int, float),
-                                 float alpha, int multiplier) {
+                                 int kernel_positions, int multiplier) {
   const long long depth = static_cast<long long>(kernel_positions) * in_channels;
   const float mult = static_cast<float>(multiplier);
   for (int n0 = 0; n0 < out_channels; n0 += 32) {
     tile_8x32(out, in, depth, packed + depth * n0, out_channels, n0, rows, mult, bias);
-  }
-  if (activate != nullptr) {
-    for (int r = 0; r < rows; ++r) activate(out + static_cast<long long>(r) * out_channels, out_channels, alpha);
   }
 }
 

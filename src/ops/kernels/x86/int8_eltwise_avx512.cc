@@ -1,8 +1,6 @@
 #include <immintrin.h>
 
-#include <vector>
-
-#include "ops/kernels/int8_eltwise_kernels.h"
+#include "ops/kernels/x86/x86_kernels.h"
 
 namespace kovra {
 namespace trenkit {
@@ -57,14 +55,15 @@ void channel_loop(int n, int channels, const float* const (&params)[NP], Body bo
     }
     return;
   }
+  // At most 15 / gcd * 16 = 240 lanes per parameter: the table lives on the stack.
   const int period = channels / gcd(channels, 16) * 16;
-  std::vector<float> table(static_cast<size_t>(NP) * period);
+  float table[NP * 240];
   for (int j = 0; j < NP; ++j) {
     for (int i = 0; i < period; ++i) table[j * period + i] = params[j][i % channels];
   }
   for (int i = 0, offset = 0; i < n; i += 16) {
     const __mmask16 m = tail_mask(n - i);
-    for (int j = 0; j < NP; ++j) p[j] = _mm512_loadu_ps(table.data() + j * period + offset);
+    for (int j = 0; j < NP; ++j) p[j] = _mm512_loadu_ps(table + j * period + offset);
     body(i, m, p);
     offset += 16;
     if (offset == period) offset = 0;
@@ -73,8 +72,8 @@ void channel_loop(int n, int channels, const float* const (&params)[NP], Body bo
 
 }  // namespace
 
-void quantize_f32_avx512(const float* x, float* y, int n, int channels, const float* scale,
-                         float lo, float hi, float offset) {
+void quantize_f32_1x16_avx512(const float* x, float* y, int n, int channels, const float* scale, float lo,
+                              float hi, float offset) {
   const __m512 vlo = _mm512_set1_ps(lo), vhi = _mm512_set1_ps(hi), voff = _mm512_set1_ps(offset);
   const float* const params[1] = {scale};
   channel_loop<1>(n, channels, params, [&](int i, __mmask16 m, const __m512* p) {
@@ -85,8 +84,8 @@ void quantize_f32_avx512(const float* x, float* y, int n, int channels, const fl
   });
 }
 
-void dequantize_f32_avx512(const float* x, float* y, int n, int channels, const float* scale,
-                           float offset) {
+void dequantize_f32_1x16_avx512(const float* x, float* y, int n, int channels, const float* scale,
+                                float offset) {
   const __m512 voff = _mm512_set1_ps(offset);
   const float* const params[1] = {scale};
   channel_loop<1>(n, channels, params, [&](int i, __mmask16 m, const __m512* p) {
@@ -95,8 +94,8 @@ void dequantize_f32_avx512(const float* x, float* y, int n, int channels, const 
   });
 }
 
-void sum_requant_f32_avx512(const float* x0, const float* x1, float* y, int n, int channels,
-                            const float* a, const float* b, const float* k, float hi) {
+void sum_requant_f32_1x16_avx512(const float* x0, const float* x1, float* y, int n, int channels,
+                                 const float* a, const float* b, const float* k, float hi) {
   const __m512 vhi = _mm512_set1_ps(hi), zero = _mm512_setzero_ps();
   const float* const params[3] = {a, b, k};
   channel_loop<3>(n, channels, params, [&](int i, __mmask16 m, const __m512* p) {

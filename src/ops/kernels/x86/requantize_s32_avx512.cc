@@ -9,12 +9,13 @@
 #include <immintrin.h>
 
 #include "ops/kernels/int8_dot_path.h"
+#include "ops/kernels/x86/x86_kernels.h"
 
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-void requantize_s32_rows_avx512(const Int8RequantizeArgs& args, const int32_t* sums, int ld,
+void requantize_s32_1x16_avx512(const Int8RequantizeArgs& args, const int32_t* sums, int ld,
                                 int rows, float* out) {
   const int channels = args.channels;
   const __m512 mult = _mm512_set1_ps(args.multiplier);

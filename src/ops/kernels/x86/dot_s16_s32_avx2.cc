@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "ops/kernels/int8_dot_path.h"
+#include "ops/kernels/x86/x86_kernels.h"
 
 namespace kovra {
 namespace trenkit {
@@ -110,7 +110,7 @@ void tile_4x8(const int16_t* a, int depth_padded, const int16_t* b, long long bl
 
 }  // namespace
 
-void gemm_s16_s32_4x24_avx2(const int16_t* a, int depth_padded, const int16_t* b, int out_padded,
+void dot_s16_s32_4x24_avx2(const int16_t* a, int depth_padded, const int16_t* b, int out_padded,
                             int rows, int32_t* c) {
   const long long block_stride = static_cast<long long>(depth_padded) * 8;
   const int blocks = out_padded / 8;

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "ops/kernels/int8_dot_path.h"
+#include "ops/kernels/x86/x86_kernels.h"
 
 namespace kovra {
 namespace trenkit {
@@ -155,7 +155,7 @@ void tile_6x16(const uint8_t* a, int depth_padded, const int8_t* b, long long bl
 
 }  // namespace
 
-void gemm_u8s8_s32_6x64_avx512vnni(const uint8_t* a, int depth_padded, const int8_t* b,
+void dot_u8s8_s32_6x64_avx512vnni(const uint8_t* a, int depth_padded, const int8_t* b,
                                    int out_padded, int rows, int32_t* c) {
   const long long block_stride = static_cast<long long>(depth_padded) * 16;
   const int blocks = out_padded / 16;
