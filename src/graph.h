@@ -1,6 +1,7 @@
 #ifndef KOVRAEXECUTOR_GRAPH_H_
 #define KOVRAEXECUTOR_GRAPH_H_
 
+#include <cstdint>
 #include <set>
 #include <string>
 #include <unordered_map>
@@ -63,9 +64,40 @@ class Graph {
   void _sort_by_execution(std::vector<Node*>& out);
   void _top_sort(std::unordered_map<std::string, std::vector<std::string>>& deps,
                  std::vector<Node*>& out);
-  void _run_papa_node(Node* node);
-  void _run_now(Node* node);
-  Node* _producer_or_die(const std::string& name, const char* message) const;
+  // What a run needs of one node, resolved once per initialize so that a run
+  // makes no lookup by name and no allocation: producers as pointers, fed
+  // inputs as slots, and the node's input vector, reused from run to run.
+  struct NodePlan;
+  struct PlanInput {
+    const std::string* name;  // the node's input name
+    NodePlan* producer;       // null: no node of that name (reported when reached)
+    int fed;                  // slot in fed_ of that name, or -1
+    bool in_input_names;      // the name is one of input_names_
+  };
+  struct NodePlan {
+    Node* node = nullptr;
+    std::vector<PlanInput> inputs;
+    int self_fed = -1;  // slot of the node's own name (input nodes without inputs)
+    bool was_input = false;
+    std::vector<const Tensor*> tensors;
+  };
+  // A tensor fed under `name`, looked up once per run.
+  struct FedSlot {
+    std::string name;
+    const Tensor* tensor = nullptr;
+    bool present = false;
+  };
+  struct Frame {
+    NodePlan* plan;
+    size_t next_input;
+  };
+
+  void _build_plan();
+  int _fed_slot(const std::string& name, std::unordered_map<std::string, int>& slots);
+  // The tensor of fed slot `slot`; aborts naming `name` when nothing is fed.
+  const Tensor* _fed_tensor(int slot, const std::string& name) const;
+  void _run_papa_node(NodePlan* plan);
+  void _run_now(NodePlan* plan);
 
   bool inplace_ = false;
   bool reshape_ = false;
@@ -81,6 +113,15 @@ class Graph {
   TensorDump tensor_dump_;
   NodeObserver observer_ = nullptr;
   void* observer_context_ = nullptr;
+
+  // The run plan (see NodePlan); rebuilt when initialize or the nodes' inputs
+  // have changed since it was made.
+  std::vector<NodePlan> plans_;  // parallel to nodes_
+  std::vector<uint64_t> plan_versions_;  // each node's inputs_version() when planned
+  std::vector<NodePlan*> end_plans_;
+  std::vector<FedSlot> fed_;
+  std::vector<Frame> stack_;
+  bool plan_valid_ = false;
 };
 
 }  // namespace kovraexecutor

@@ -3,6 +3,7 @@
 
 #include <ostream>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "graph.h"
@@ -23,7 +24,7 @@ class Profiler {
 
   void attach(kovra::trenkit::kovraexecutor::Graph* graph);
   void begin_run(int run) { run_ = run; }
-  const std::vector<Event>& events() const { return events_; }
+  const std::vector<Event>& events() const;
 
   // Per operator type and per node: count, total, mean and share, slowest first.
   void print_profile(std::ostream& out, int runs) const;
@@ -33,9 +34,27 @@ class Profiler {
  private:
   static void observe(void* context, const kovra::trenkit::kovraexecutor::Node& node,
                       long long start_ns, long long end_ns);
+  int _slot_of(const kovra::trenkit::kovraexecutor::Node& node);
 
+  // Recording must cost little next to a tiny node: a record holds the index
+  // of its node's slot, and names are copied once per node, not per run.
+  struct Slot {
+    const kovra::trenkit::kovraexecutor::Node* node;
+    std::string name;
+    std::string op;
+  };
+  struct Record {
+    int run;
+    int slot;
+    long long start_ns;
+    long long end_ns;
+  };
   int run_ = 0;
-  std::vector<Event> events_;
+  std::vector<Slot> slots_;
+  std::unordered_map<const kovra::trenkit::kovraexecutor::Node*, int> slot_index_;
+  size_t next_slot_ = 0;  // nodes run in the same order every run: try this slot first
+  std::vector<Record> records_;
+  mutable std::vector<Event> events_;
 };
 
 // JSON string literal of `text`.
