@@ -166,12 +166,11 @@ void Graph::_build_plan() {
   plans_.resize(nodes_.size());
   plan_versions_.resize(nodes_.size());
   fed_.clear();
-  end_plans_.clear();
+  schedule_.clear();
   std::unordered_map<const Node*, NodePlan*> plan_of;
   for (size_t i = 0; i < nodes_.size(); ++i) {
     plans_[i].node = nodes_[i];
-    plans_[i].was_input = nodes_[i]->is_input();
-    plan_versions_[i] = nodes_[i]->inputs_version();
+    plan_versions_[i] = nodes_[i]->structure_version();
     plan_of[nodes_[i]] = &plans_[i];
   }
   std::unordered_map<std::string, int> slots;
@@ -193,9 +192,58 @@ void Graph::_build_plan() {
     plan.self_fed = reads_feeds && node->inputs().empty() ? _fed_slot(node->name(), slots) : -1;
     plan.tensors.reserve(node->inputs().size() + node->weights().size() + 1);
   }
-  for (Node* node : end_nodes_) end_plans_.push_back(plan_of[node]);
-  stack_.reserve(nodes_.size());
+  std::vector<char> pulled(plans_.size(), 0);
+  for (Node* node : end_nodes_) {
+    // A pull that reaches a missing node aborts the run there.
+    if (!_run_papa_node(plan_of[node], pulled)) break;
+    schedule_.push_back({Step::kOutput, plan_of[node], nullptr});
+  }
+  planned_end_nodes_ = static_cast<int>(end_nodes_.size());
   plan_valid_ = true;
+}
+
+bool Graph::_run_papa_node(NodePlan* root, std::vector<char>& pulled) {
+  struct Frame {
+    NodePlan* plan;
+    size_t next_input;
+  };
+  auto ran = [&](const NodePlan* plan) -> char& { return pulled[plan - plans_.data()]; };
+  if (ran(root)) return true;
+  std::vector<Frame> stack{{root, 0}};
+  while (!stack.empty()) {
+    Frame& frame = stack.back();
+    NodePlan* plan = frame.plan;
+    const Node* node = plan->node;
+    NodePlan* pull = nullptr;
+    while (frame.next_input < plan->inputs.size() && pull == nullptr) {
+      const PlanInput& input = plan->inputs[frame.next_input++];
+      if (input.producer == nullptr) {
+        schedule_.push_back({Step::kMissing, nullptr, input.name});
+        return false;
+      }
+      const Node* producer = input.producer->node;
+      if (node->is_input()) {
+        // Weight-only producers of an input node run right before it, each time.
+        if (producer->is_const_op()) {
+          schedule_.push_back({Step::kRun, input.producer, nullptr});
+          ran(input.producer) = 1;
+        }
+        continue;
+      }
+      const bool fed = input.in_input_names && !producer->is_input();
+      if (!fed && !ran(input.producer)) pull = input.producer;
+    }
+    if (pull != nullptr) {
+      stack.push_back({pull, 0});
+      continue;
+    }
+    stack.pop_back();
+    if (!ran(plan)) {
+      schedule_.push_back({Step::kRun, plan, nullptr});
+      ran(plan) = 1;
+    }
+  }
+  return true;
 }
 
 int Graph::run() {
@@ -203,9 +251,7 @@ int Graph::run() {
   for (size_t i = 0; i < nodes_.size(); ++i) {
     Node* node = nodes_[i];
     node->reset();
-    if (!stale && (plan_versions_[i] != node->inputs_version() || plans_[i].was_input != node->is_input())) {
-      stale = true;
-    }
+    if (!stale && plan_versions_[i] != node->structure_version()) stale = true;
   }
   if (stale) _build_plan();
   for (FedSlot& slot : fed_) {
@@ -214,43 +260,21 @@ int Graph::run() {
     slot.tensor = slot.present ? it->second : nullptr;
   }
   tensor_dump_.begin_run();
-  for (NodePlan* plan : end_plans_) {
-    _run_papa_node(plan);
-    output_tensors_[plan->node->name()] = plan->node->output_tensor();
+  if (observer_ != nullptr) observed_ns_ = now_ns();
+  for (const Step& step : schedule_) {
+    switch (step.kind) {
+      case Step::kRun:
+        _run_now(step.plan);
+        break;
+      case Step::kOutput:
+        output_tensors_[step.plan->node->name()] = step.plan->node->output_tensor();
+        break;
+      case Step::kMissing:
+        fatal("Can not find the node: " + *step.name);
+    }
   }
   reshape_ = false;
-  return static_cast<int>(end_plans_.size());
-}
-
-void Graph::_run_papa_node(NodePlan* root) {
-  // Depth first over producers with an explicit stack, so that a very deep
-  // model cannot overflow the call stack.
-  if (root->node->have_run()) return;
-  stack_.clear();
-  stack_.push_back({root, 0});
-  while (!stack_.empty()) {
-    Frame& frame = stack_.back();
-    NodePlan* plan = frame.plan;
-    Node* node = plan->node;
-    NodePlan* pull = nullptr;
-    while (frame.next_input < plan->inputs.size() && pull == nullptr) {
-      const PlanInput& input = plan->inputs[frame.next_input++];
-      if (input.producer == nullptr) fatal("Can not find the node: " + *input.name);
-      const Node* producer = input.producer->node;
-      if (node->is_input()) {
-        if (producer->is_const_op()) _run_now(input.producer);
-        continue;
-      }
-      const bool fed = input.in_input_names && !producer->is_input();
-      if (!fed && !producer->have_run()) pull = input.producer;
-    }
-    if (pull != nullptr) {
-      stack_.push_back({pull, 0});
-      continue;
-    }
-    stack_.pop_back();
-    if (!node->have_run()) _run_now(plan);
-  }
+  return planned_end_nodes_;
 }
 
 const Tensor* Graph::_fed_tensor(int slot, const std::string& name) const {
@@ -303,11 +327,17 @@ void Graph::_run_now(NodePlan* plan) {
       print_log("Do not find " + node->name() + "in graph");
     }
   }
-  const bool timed = observer_ != nullptr;
-  const long long start = timed ? now_ns() : 0;
   node->run(inputs);
-  if (timed) observer_(observer_context_, *node, start, now_ns());
-  if (tensor_dump_.enabled()) tensor_dump_(node->output_tensor(), node->output_bitwidth(), node->is_input());
+  if (observer_ != nullptr) {
+    const long long end = now_ns();
+    observer_(observer_context_, *node, observed_ns_, end);
+    observed_ns_ = end;
+  }
+  if (tensor_dump_.enabled()) {
+    tensor_dump_(node->output_tensor(), node->output_bitwidth(), node->is_input());
+    // Writing files is not the next node's time.
+    if (observer_ != nullptr) observed_ns_ = now_ns();
+  }
   if (!node->is_input() && inplace_) {
     for (const PlanInput& input : plan->inputs) input.producer->node->check_release_otensor();
   }

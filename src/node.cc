@@ -20,7 +20,7 @@ Node::~Node() {
 void Node::add_input(const std::string& name) {
   if (std::find(inputs_.begin(), inputs_.end(), name) == inputs_.end()) {
     inputs_.push_back(name);
-    ++inputs_version_;
+    ++structure_version_;
   }
 }
 
@@ -43,6 +43,7 @@ Tensor* Node::add_weight(const std::string& name) {
 void Node::init_op(const std::string& op_type) {
   op_type_ = op_type;
   const_op_ = CONST_OPS.count(op_type) != 0;
+  ++structure_version_;
   // operator[] on purpose: an unknown name leaves an empty entry behind.
   OpCreator creator = Holder::new_op_creator()[op_type];
   if (creator == nullptr) fatal("Op: " + op_type + " has not been supported!");

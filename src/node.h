@@ -36,17 +36,20 @@ class Node {
   const std::vector<std::string>& inputs() const { return inputs_; }
   void set_inputs(const std::vector<std::string>& inputs) {
     inputs_ = inputs;
-    ++inputs_version_;
+    ++structure_version_;
   }
-  // Changes whenever the list of inputs does, so a run plan built from it can
-  // tell that it is out of date.
-  uint64_t inputs_version() const { return inputs_version_; }
+  // Changes whenever what a graph plans its runs from does (inputs, operator
+  // type, start-node mark), so a plan can tell that it is out of date.
+  uint64_t structure_version() const { return structure_version_; }
   const std::vector<std::string>& consumers() const { return consumers_; }
   int input_num() const { return static_cast<int>(inputs_.size()); }
   int output_num() const { return static_cast<int>(consumers_.size()); }
   const std::vector<int>& oshape() const { return oshape_; }
   bool is_input() const { return is_input_; }
-  void set_is_input(bool v) { is_input_ = v; }
+  void set_is_input(bool v) {
+    if (v != is_input_) ++structure_version_;
+    is_input_ = v;
+  }
   bool is_output() const { return is_output_; }
   void set_is_output(bool v) { is_output_ = v; }
   bool have_run() const { return have_run_; }
@@ -95,7 +98,7 @@ class Node {
   std::vector<int> inferred_inputs_;
   bool oshape_checked_ = false;
   bool const_op_ = false;
-  uint64_t inputs_version_ = 0;
+  uint64_t structure_version_ = 0;
   int output_bitwidth_ = -1;
   std::string real_input_name_;
   const Graph* owner_ = nullptr;

@@ -124,13 +124,14 @@ int Tensor::_get_ele_byte_size(DataType type) const {
 void Tensor::set_data(const std::vector<int>& shape, DataType type, void* data) {
   // A rank-0 shape cannot (re)size a tensor through this call.
   if (shape.empty()) return;
-  _touch();
-  // Same shape and type again into the buffer it has: nothing else changes, so
-  // a node re-running on unchanged shapes neither copies nor reallocates.
+  // Same shape and type again into the buffer it has: neither shape, buffer
+  // nor contents change (so neither does the version), and a node re-running
+  // on unchanged shapes neither copies nor reallocates.
   if (data == nullptr && data_ != nullptr && type == data_type_ && (&shape == &shape_ || shape == shape_) &&
       byte_size_ == _get_ele_byte_size(type) * size_) {
     return;
   }
+  _touch();
   data_type_ = type;
   if (&shape != &shape_) shape_ = shape;
   size_ = product(shape_);

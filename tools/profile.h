@@ -1,6 +1,7 @@
 #ifndef KOVRA_TOOLS_PROFILE_H_
 #define KOVRA_TOOLS_PROFILE_H_
 
+#include <deque>
 #include <ostream>
 #include <string>
 #include <unordered_map>
@@ -53,7 +54,7 @@ class Profiler {
   std::vector<Slot> slots_;
   std::unordered_map<const kovra::trenkit::kovraexecutor::Node*, int> slot_index_;
   size_t next_slot_ = 0;  // nodes run in the same order every run: try this slot first
-  std::vector<Record> records_;
+  std::deque<Record> records_;  // grows without moving what it holds
   mutable std::vector<Event> events_;
 };
 
