@@ -21,13 +21,17 @@ const char* const kNoGpu = "Your library don't compile with GPU.";
 // allocation per tensor.
 int byte_size_of(Tensor::DataType type) {
   switch (type) {
-    case Tensor::DT_INVALID: return 0;
-    case Tensor::DT_FLOAT: return 4;
-    case Tensor::DT_INT32: return 4;
-    case Tensor::DT_UINT8: return 1;
-    case Tensor::DT_INT16: return 2;
-    case Tensor::DT_INT8: return 1;
-    case Tensor::DT_UINT32: return 4;
+    case Tensor::DT_INVALID:
+      return 0;
+    case Tensor::DT_FLOAT:
+    case Tensor::DT_INT32:
+    case Tensor::DT_UINT32:
+      return 4;
+    case Tensor::DT_INT16:
+      return 2;
+    case Tensor::DT_UINT8:
+    case Tensor::DT_INT8:
+      return 1;
   }
   return -1;
 }
