@@ -14,8 +14,6 @@ namespace kovraexecutor {
 
 namespace {
 
-bool is_const_op(const Node* node) { return CONST_OPS.count(node->op_type()) != 0; }
-
 bool same_shape(const Tensor* a, const Tensor* b) { return a->shape() == b->shape(); }
 
 long long now_ns() {
@@ -40,6 +38,7 @@ Node* Graph::add_node(const std::string& name) {
   node->set_name(name);
   nodes_.push_back(node);
   node_name_map_[name] = node;
+  plan_valid_ = false;
   return node;
 }
 
@@ -103,6 +102,7 @@ void Graph::_top_sort(std::unordered_map<std::string, std::vector<std::string>>&
 }
 
 void Graph::initialize(const std::vector<std::string>& input_names, const std::string& output_name) {
+  plan_valid_ = false;
   output_tensors_.clear();
   input_names_.clear();
   start_nodes_.clear();
@@ -124,7 +124,7 @@ void Graph::initialize(const std::vector<std::string>& input_names, const std::s
     node->set_is_input(false);
     node->set_is_output(false);
     if (input_names.empty()) {
-      if (node->inputs().empty() && !is_const_op(node)) {
+      if (node->inputs().empty() && !node->is_const_op()) {
         node->set_is_input(true);
         start_nodes_.push_back(node);
       }
@@ -152,83 +152,157 @@ void Graph::initialize(const std::vector<std::string>& input_names, const std::s
   }
 }
 
-int Graph::run() {
-  for (Node* node : nodes_) node->reset();
-  tensor_dump_.begin_run();
-  for (Node* node : end_nodes_) {
-    _run_papa_node(node);
-    output_tensors_[node->name()] = node->output_tensor();
+int Graph::_fed_slot(const std::string& name, std::unordered_map<std::string, int>& slots) {
+  auto it = slots.find(name);
+  if (it != slots.end()) return it->second;
+  const int slot = static_cast<int>(fed_.size());
+  fed_.push_back(FedSlot{name, nullptr, false});
+  slots.emplace(name, slot);
+  return slot;
+}
+
+void Graph::_build_plan() {
+  plans_.clear();
+  plans_.resize(nodes_.size());
+  plan_versions_.resize(nodes_.size());
+  fed_.clear();
+  schedule_.clear();
+  std::unordered_map<const Node*, NodePlan*> plan_of;
+  for (size_t i = 0; i < nodes_.size(); ++i) {
+    plans_[i].node = nodes_[i];
+    plan_versions_[i] = nodes_[i]->structure_version();
+    plan_of[nodes_[i]] = &plans_[i];
   }
-  reshape_ = false;
-  return static_cast<int>(end_nodes_.size());
+  std::unordered_map<std::string, int> slots;
+  for (NodePlan& plan : plans_) {
+    const Node* node = plan.node;
+    // Fed tensors are read by input nodes (other than weight-only ones) under
+    // their input names or, without inputs, their own name; by other nodes
+    // under the names of input_names_.
+    const bool reads_feeds = node->is_input() && !node->is_const_op();
+    for (const std::string& name : node->inputs()) {
+      PlanInput input;
+      input.name = &name;
+      Node* producer = get_node(name);
+      input.producer = producer == nullptr ? nullptr : plan_of[producer];
+      input.in_input_names = input_names_.count(name) != 0;
+      input.fed = input.in_input_names || reads_feeds ? _fed_slot(name, slots) : -1;
+      plan.inputs.push_back(input);
+    }
+    plan.self_fed = reads_feeds && node->inputs().empty() ? _fed_slot(node->name(), slots) : -1;
+    plan.tensors.reserve(node->inputs().size() + node->weights().size() + 1);
+  }
+  std::vector<char> pulled(plans_.size(), 0);
+  for (Node* node : end_nodes_) {
+    // A pull that reaches a missing node aborts the run there.
+    if (!_run_papa_node(plan_of[node], pulled)) break;
+    schedule_.push_back({Step::kOutput, plan_of[node], nullptr});
+  }
+  planned_end_nodes_ = static_cast<int>(end_nodes_.size());
+  plan_valid_ = true;
 }
 
-Node* Graph::_producer_or_die(const std::string& name, const char* message) const {
-  auto it = node_name_map_.find(name);
-  if (it == node_name_map_.end()) fatal(message + name);
-  return it->second;
-}
-
-void Graph::_run_papa_node(Node* root) {
-  // Depth first over producers with an explicit stack, so that a very deep
-  // model cannot overflow the call stack.
+bool Graph::_run_papa_node(NodePlan* root, std::vector<char>& pulled) {
   struct Frame {
-    Node* node;
+    NodePlan* plan;
     size_t next_input;
   };
-  if (root->have_run()) return;
+  auto ran = [&](const NodePlan* plan) -> char& { return pulled[plan - plans_.data()]; };
+  if (ran(root)) return true;
   std::vector<Frame> stack{{root, 0}};
   while (!stack.empty()) {
     Frame& frame = stack.back();
-    Node* node = frame.node;
-    const auto& inputs = node->inputs();
-    Node* pull = nullptr;
-    while (frame.next_input < inputs.size() && pull == nullptr) {
-      const std::string& name = inputs[frame.next_input++];
-      Node* producer = _producer_or_die(name, "Can not find the node: ");
+    NodePlan* plan = frame.plan;
+    const Node* node = plan->node;
+    NodePlan* pull = nullptr;
+    while (frame.next_input < plan->inputs.size() && pull == nullptr) {
+      const PlanInput& input = plan->inputs[frame.next_input++];
+      if (input.producer == nullptr) {
+        schedule_.push_back({Step::kMissing, nullptr, input.name});
+        return false;
+      }
+      const Node* producer = input.producer->node;
       if (node->is_input()) {
-        if (is_const_op(producer)) _run_now(producer);
+        // Weight-only producers of an input node run right before it, each time.
+        if (producer->is_const_op()) {
+          schedule_.push_back({Step::kRun, input.producer, nullptr});
+          ran(input.producer) = 1;
+        }
         continue;
       }
-      const bool fed = input_names_.count(name) != 0 && !producer->is_input();
-      if (!fed && !producer->have_run()) pull = producer;
+      const bool fed = input.in_input_names && !producer->is_input();
+      if (!fed && !ran(input.producer)) pull = input.producer;
     }
     if (pull != nullptr) {
       stack.push_back({pull, 0});
       continue;
     }
     stack.pop_back();
-    if (!node->have_run()) _run_now(node);
+    if (!ran(plan)) {
+      schedule_.push_back({Step::kRun, plan, nullptr});
+      ran(plan) = 1;
+    }
   }
+  return true;
 }
 
-void Graph::_run_now(Node* node) {
-  std::vector<const Tensor*> inputs;
-  if (node->is_input() && !is_const_op(node)) {
-    if (node->inputs().empty()) {
-      auto it = input_tensors_.find(node->name());
-      if (it == input_tensors_.end()) fatal("Do not find the input data :" + node->name());
-      inputs.push_back(it->second);
+int Graph::run() {
+  bool stale = !plan_valid_ || plans_.size() != nodes_.size();
+  for (size_t i = 0; i < nodes_.size(); ++i) {
+    Node* node = nodes_[i];
+    node->reset();
+    if (!stale && plan_versions_[i] != node->structure_version()) stale = true;
+  }
+  if (stale) _build_plan();
+  for (FedSlot& slot : fed_) {
+    auto it = input_tensors_.find(slot.name);
+    slot.present = it != input_tensors_.end();
+    slot.tensor = slot.present ? it->second : nullptr;
+  }
+  tensor_dump_.begin_run();
+  if (observer_ != nullptr) observed_ns_ = now_ns();
+  for (const Step& step : schedule_) {
+    switch (step.kind) {
+      case Step::kRun:
+        _run_now(step.plan);
+        break;
+      case Step::kOutput:
+        output_tensors_[step.plan->node->name()] = step.plan->node->output_tensor();
+        break;
+      case Step::kMissing:
+        fatal("Can not find the node: " + *step.name);
     }
-    for (const std::string& name : node->inputs()) {
-      Node* producer = _producer_or_die(name, "Can not find the node: ");
-      if (is_const_op(producer)) {
-        inputs.push_back(producer->consume_output_tensor(node->real_input_name()));
-        continue;
+  }
+  reshape_ = false;
+  return planned_end_nodes_;
+}
+
+const Tensor* Graph::_fed_tensor(int slot, const std::string& name) const {
+  if (slot < 0 || !fed_[slot].present) fatal("Do not find the input data :" + name);
+  return fed_[slot].tensor;
+}
+
+void Graph::_run_now(NodePlan* plan) {
+  Node* node = plan->node;
+  std::vector<const Tensor*>& inputs = plan->tensors;
+  inputs.clear();
+  if (node->is_input() && !node->is_const_op()) {
+    if (plan->inputs.empty()) inputs.push_back(_fed_tensor(plan->self_fed, node->name()));
+    for (const PlanInput& input : plan->inputs) {
+      if (input.producer == nullptr) fatal("Can not find the node: " + *input.name);
+      if (input.producer->node->is_const_op()) {
+        inputs.push_back(input.producer->node->consume_output_tensor(node->real_input_name()));
+      } else {
+        inputs.push_back(_fed_tensor(input.fed, *input.name));
       }
-      auto it = input_tensors_.find(name);
-      if (it == input_tensors_.end()) fatal("Do not find the input data :" + name);
-      inputs.push_back(it->second);
     }
   } else {
-    for (const std::string& name : node->inputs()) {
-      Node* producer = _producer_or_die(name, "Do not find the input node:");
-      if (input_names_.count(name) != 0) {
-        auto it = input_tensors_.find(name);
-        if (it == input_tensors_.end()) fatal("Do not find the input data :" + name);
-        inputs.push_back(it->second);
+    for (const PlanInput& input : plan->inputs) {
+      if (input.producer == nullptr) fatal("Do not find the input node:" + *input.name);
+      if (input.in_input_names) {
+        inputs.push_back(_fed_tensor(input.fed, *input.name));
       } else {
-        inputs.push_back(producer->consume_output_tensor(node->real_input_name()));
+        inputs.push_back(input.producer->node->consume_output_tensor(node->real_input_name()));
       }
     }
   }
@@ -238,7 +312,11 @@ void Graph::_run_now(Node* node) {
   }
   for (const Tensor* weight : node->weights()) inputs.push_back(weight);
 
-  if (reshape_ || node->oshape().empty()) node->inference_shape(inputs);
+  // Besides a changed feed, any input whose shape or type differs from what
+  // the node last inferred from (a producer that changed its output, a fed
+  // tensor resized in place) re-infers, so operators can rely on execute's
+  // inputs having the shapes inference_shape prepared for.
+  if (reshape_ || node->oshape().empty() || !node->inferred_from(inputs)) node->inference_shape(inputs);
   if (node->param_update()) {
     const NodeDef* def =
         graph_executor_ == nullptr
@@ -250,15 +328,19 @@ void Graph::_run_now(Node* node) {
       print_log("Do not find " + node->name() + "in graph");
     }
   }
-  const long long start = observer_ != nullptr ? now_ns() : 0;
   node->run(inputs);
-  if (observer_ != nullptr) observer_(observer_context_, *node, start, now_ns());
-  tensor_dump_(node->output_tensor(), node->output_bitwidth(), node->is_input());
+  if (observer_ != nullptr) {
+    const long long end = now_ns();
+    observer_(observer_context_, *node, observed_ns_, end);
+    observed_ns_ = end;
+  }
+  if (tensor_dump_.enabled()) {
+    tensor_dump_(node->output_tensor(), node->output_bitwidth(), node->is_input());
+    // Writing files is not the next node's time.
+    if (observer_ != nullptr) observed_ns_ = now_ns();
+  }
   if (!node->is_input() && inplace_) {
-    for (const std::string& name : node->inputs()) {
-      Node* producer = get_node(name);
-      if (producer != nullptr) producer->check_release_otensor();
-    }
+    for (const PlanInput& input : plan->inputs) input.producer->node->check_release_otensor();
   }
 }
 

@@ -1,6 +1,7 @@
 #ifndef KOVRAEXECUTOR_GRAPH_H_
 #define KOVRAEXECUTOR_GRAPH_H_
 
+#include <cstdint>
 #include <set>
 #include <string>
 #include <unordered_map>
@@ -51,7 +52,11 @@ class Graph {
   const Tensor* get_node_tensor(const std::string& name) const;
 
   TensorDump& tensor_dump() { return tensor_dump_; }
-  // Called after every node with its wall time in nanoseconds, when set.
+  // Called after every node with the steady-clock time, in nanoseconds, at
+  // which the graph turned to the node (when the previous node's call ended,
+  // or the run began) and at which its operator returned; so a node's time
+  // includes gathering its inputs, and the times of a run add up to the run.
+  // One clock read per node keeps timing cheap next to tiny operators.
   typedef void (*NodeObserver)(void* context, const Node& node, long long start_ns,
                                long long end_ns);
   void set_node_observer(NodeObserver observer, void* context) {
@@ -63,9 +68,47 @@ class Graph {
   void _sort_by_execution(std::vector<Node*>& out);
   void _top_sort(std::unordered_map<std::string, std::vector<std::string>>& deps,
                  std::vector<Node*>& out);
-  void _run_papa_node(Node* node);
-  void _run_now(Node* node);
-  Node* _producer_or_die(const std::string& name, const char* message) const;
+  // What a run needs of one node, resolved once per initialize so that a run
+  // makes no lookup by name and no allocation: producers as pointers, fed
+  // inputs as slots, and the node's input vector, reused from run to run.
+  // Every run starts from the same state (all nodes reset), so the
+  // depth-first pull visits the nodes in the same order each time: the plan
+  // pulls once and keeps that order as the schedule a run follows.
+  struct NodePlan;
+  struct PlanInput {
+    const std::string* name;  // the node's input name
+    NodePlan* producer;       // null: no node of that name (reported when reached)
+    int fed;                  // slot in fed_ of that name, or -1
+    bool in_input_names;      // the name is one of input_names_
+  };
+  struct NodePlan {
+    Node* node = nullptr;
+    std::vector<PlanInput> inputs;
+    int self_fed = -1;  // slot of the node's own name (input nodes without inputs)
+    std::vector<const Tensor*> tensors;
+  };
+  // A tensor fed under `name`, looked up once per run.
+  struct FedSlot {
+    std::string name;
+    const Tensor* tensor = nullptr;
+    bool present = false;
+  };
+  struct Step {
+    enum Kind { kRun, kOutput, kMissing } kind;
+    NodePlan* plan;           // kRun: the node to run; kOutput: the end node whose output to keep
+    const std::string* name;  // kMissing: the input that names no node
+  };
+
+  void _build_plan();
+  int _fed_slot(const std::string& name, std::unordered_map<std::string, int>& slots);
+  // The tensor of fed slot `slot`; aborts naming `name` when nothing is fed.
+  const Tensor* _fed_tensor(int slot, const std::string& name) const;
+  // Pulls `root` depth first on an explicit stack (a deep model cannot
+  // overflow the call stack), appending to schedule_ each node in the order it
+  // runs; `pulled` marks the nodes already scheduled. False when the pull
+  // reaches an input naming no node (scheduled as kMissing).
+  bool _run_papa_node(NodePlan* root, std::vector<char>& pulled);
+  void _run_now(NodePlan* plan);
 
   bool inplace_ = false;
   bool reshape_ = false;
@@ -81,6 +124,16 @@ class Graph {
   TensorDump tensor_dump_;
   NodeObserver observer_ = nullptr;
   void* observer_context_ = nullptr;
+  long long observed_ns_ = 0;  // start of the next observed node
+
+  // The run plan (see NodePlan); rebuilt when initialize or the nodes' inputs
+  // have changed since it was made.
+  std::vector<NodePlan> plans_;  // parallel to nodes_
+  std::vector<uint64_t> plan_versions_;  // each node's structure_version() when planned
+  std::vector<FedSlot> fed_;
+  std::vector<Step> schedule_;
+  int planned_end_nodes_ = 0;
+  bool plan_valid_ = false;
 };
 
 }  // namespace kovraexecutor

@@ -1,6 +1,7 @@
 #include "node.h"
 
 #include <algorithm>
+#include <cstddef>
 
 #include "common.h"
 
@@ -17,7 +18,10 @@ Node::~Node() {
 }
 
 void Node::add_input(const std::string& name) {
-  if (std::find(inputs_.begin(), inputs_.end(), name) == inputs_.end()) inputs_.push_back(name);
+  if (std::find(inputs_.begin(), inputs_.end(), name) == inputs_.end()) {
+    inputs_.push_back(name);
+    ++structure_version_;
+  }
 }
 
 void Node::add_consumer(const std::string& name) {
@@ -38,6 +42,8 @@ Tensor* Node::add_weight(const std::string& name) {
 
 void Node::init_op(const std::string& op_type) {
   op_type_ = op_type;
+  const_op_ = CONST_OPS.count(op_type) != 0;
+  ++structure_version_;
   // operator[] on purpose: an unknown name leaves an empty entry behind.
   OpCreator creator = Holder::new_op_creator()[op_type];
   if (creator == nullptr) fatal("Op: " + op_type + " has not been supported!");
@@ -79,6 +85,35 @@ void Node::parse_parameter(const NodeDef& node_def) {
 void Node::inference_shape(const std::vector<const Tensor*>& inputs) {
   oshape_.clear();
   op_->inference_shape(inputs, oshape_);
+  oshape_checked_ = false;
+  inferred_inputs_.clear();
+  for (const Tensor* input : inputs) {
+    inferred_inputs_.push_back(input == nullptr ? -1 : static_cast<int>(input->data_type()));
+    if (input == nullptr) continue;
+    inferred_inputs_.push_back(input->dims());
+    inferred_inputs_.insert(inferred_inputs_.end(), input->shape().begin(), input->shape().end());
+  }
+}
+
+bool Node::inferred_from(const std::vector<const Tensor*>& inputs) const {
+  const int* it = inferred_inputs_.data();
+  const int* end = it + inferred_inputs_.size();
+  for (const Tensor* input : inputs) {
+    if (it == end) return false;
+    if (input == nullptr) {
+      if (*it++ != -1) return false;
+      continue;
+    }
+    if (*it++ != static_cast<int>(input->data_type())) return false;
+    const std::vector<int>& shape = input->shape();
+    const size_t rank = shape.size();
+    if (end - it < static_cast<std::ptrdiff_t>(rank) + 1 || *it++ != static_cast<int>(rank)) return false;
+    for (size_t d = 0; d < rank; ++d) {
+      if (it[d] != shape[d]) return false;
+    }
+    it += rank;
+  }
+  return it == end;
 }
 
 bool Node::run(const std::vector<const Tensor*>& inputs) {
@@ -86,8 +121,13 @@ bool Node::run(const std::vector<const Tensor*>& inputs) {
     output_tensor_ = new Tensor();
     output_tensor_->set_name(name_);
   }
-  _check_output_shape();
+  // Only a newly inferred shape can be invalid.
+  if (!oshape_checked_) {
+    _check_output_shape();
+    oshape_checked_ = true;
+  }
   const Tensor::DataType type = inputs.empty() ? Tensor::DT_FLOAT : inputs[0]->data_type();
+  // Keeps the buffer when shape and type are unchanged (see Tensor::set_data).
   output_tensor_->set_data(oshape_, type, nullptr);
   const bool result = op_->execute(inputs, output_tensor_);
   have_run_ = true;
@@ -121,7 +161,7 @@ Tensor* Node::output_tensor() const {
   return output_tensor_;
 }
 
-Tensor* Node::consume_output_tensor(std::string real_name) const {
+Tensor* Node::consume_output_tensor(const std::string& real_name) const {
   --pending_consumers_;
   if (real_name.empty()) return output_tensor();
   Tensor* output = output_tensor();

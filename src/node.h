@@ -1,6 +1,7 @@
 #ifndef KOVRAEXECUTOR_NODE_H_
 #define KOVRAEXECUTOR_NODE_H_
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -26,18 +27,29 @@ class Node {
   void set_name(const std::string& name) { name_ = name; }
   OpExecutor* op() const { return op_; }
   const std::string& op_type() const { return op_type_; }
+  // The operator is computed from its weights alone (CONST_OPS).
+  bool is_const_op() const { return const_op_; }
   const Graph* owner() const { return owner_; }
   void set_owner(const Graph* owner) { owner_ = owner; }
   const std::vector<Tensor*>& weights() const { return weights_; }
   std::vector<Tensor*>& weights() { return weights_; }
   const std::vector<std::string>& inputs() const { return inputs_; }
-  void set_inputs(const std::vector<std::string>& inputs) { inputs_ = inputs; }
+  void set_inputs(const std::vector<std::string>& inputs) {
+    inputs_ = inputs;
+    ++structure_version_;
+  }
+  // Changes whenever what a graph plans its runs from does (inputs, operator
+  // type, start-node mark), so a plan can tell that it is out of date.
+  uint64_t structure_version() const { return structure_version_; }
   const std::vector<std::string>& consumers() const { return consumers_; }
   int input_num() const { return static_cast<int>(inputs_.size()); }
   int output_num() const { return static_cast<int>(consumers_.size()); }
   const std::vector<int>& oshape() const { return oshape_; }
   bool is_input() const { return is_input_; }
-  void set_is_input(bool v) { is_input_ = v; }
+  void set_is_input(bool v) {
+    if (v != is_input_) ++structure_version_;
+    is_input_ = v;
+  }
   bool is_output() const { return is_output_; }
   void set_is_output(bool v) { is_output_ = v; }
   bool have_run() const { return have_run_; }
@@ -56,12 +68,16 @@ class Node {
 
   void init_op(const std::string& op_type);
   void parse_parameter(const NodeDef& node_def);
+  // Infers oshape() and remembers the input shapes and types it was inferred from.
   void inference_shape(const std::vector<const Tensor*>& inputs);
+  // True when `inputs` have the count, shapes and element types of the last
+  // inference_shape call; compares in place, without allocating.
+  bool inferred_from(const std::vector<const Tensor*>& inputs) const;
   bool run(const std::vector<const Tensor*>& inputs);
   void reset();
 
   Tensor* output_tensor() const;
-  Tensor* consume_output_tensor(std::string real_name) const;
+  Tensor* consume_output_tensor(const std::string& real_name) const;
   void check_release_otensor();
 
  private:
@@ -78,6 +94,11 @@ class Node {
   std::vector<std::string> consumers_;
   std::vector<Tensor*> weights_;
   std::vector<int> oshape_;
+  // Inputs of the last inference, flattened: per input its type, rank, dims.
+  std::vector<int> inferred_inputs_;
+  bool oshape_checked_ = false;
+  bool const_op_ = false;
+  uint64_t structure_version_ = 0;
   int output_bitwidth_ = -1;
   std::string real_input_name_;
   const Graph* owner_ = nullptr;

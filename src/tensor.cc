@@ -16,10 +16,24 @@ namespace {
 
 const char* const kNoGpu = "Your library don't compile with GPU.";
 
-std::map<Tensor::DataType, int> make_byte_size_table() {
-  return {{Tensor::DT_INVALID, 0}, {Tensor::DT_FLOAT, 4}, {Tensor::DT_INT32, 4},
-          {Tensor::DT_UINT8, 1},   {Tensor::DT_INT16, 2}, {Tensor::DT_INT8, 1},
-          {Tensor::DT_UINT32, 4}};
+// Bytes per element of every known type, -1 for any other code. One table
+// for all tensors: building a map in every constructor cost a heap
+// allocation per tensor.
+int byte_size_of(Tensor::DataType type) {
+  switch (type) {
+    case Tensor::DT_INVALID:
+      return 0;
+    case Tensor::DT_FLOAT:
+    case Tensor::DT_INT32:
+    case Tensor::DT_UINT32:
+      return 4;
+    case Tensor::DT_INT16:
+      return 2;
+    case Tensor::DT_UINT8:
+    case Tensor::DT_INT8:
+      return 1;
+  }
+  return -1;
 }
 
 std::string shape_text(const std::vector<int>& shape) {
@@ -50,7 +64,7 @@ std::atomic<uint64_t>& version_counter() {
 
 void Tensor::_touch() { version_ = version_counter().fetch_add(1, std::memory_order_relaxed) + 1; }
 
-Tensor::Tensor() : data_type_byte_size_(make_byte_size_table()) { _touch(); }
+Tensor::Tensor() { _touch(); }
 
 Tensor::Tensor(const std::vector<int>& shape, DataType type, void* data, std::string device)
     : Tensor() {
@@ -69,8 +83,7 @@ Tensor::Tensor(const Tensor& other) : Tensor() {
 }
 
 Tensor::Tensor(Tensor&& other) noexcept
-    : data_type_byte_size_(std::move(other.data_type_byte_size_)),
-      slave_tensors_(std::move(other.slave_tensors_)),
+    : slave_tensors_(std::move(other.slave_tensors_)),
       name_(std::move(other.name_)),
       shape_(std::move(other.shape_)),
       data_(other.data_),
@@ -82,7 +95,6 @@ Tensor::Tensor(Tensor&& other) noexcept
       unread_(other.unread_) {
   _touch();
   other._touch();
-  other.data_type_byte_size_ = make_byte_size_table();
   other.slave_tensors_.clear();
   other.data_ = nullptr;
   other.own_data_ = false;
@@ -108,16 +120,21 @@ Tensor& Tensor::operator=(const Tensor& other) {
 }
 
 int Tensor::_get_ele_byte_size(DataType type) const {
-  auto it = data_type_byte_size_.find(type);
-  if (it == data_type_byte_size_.end()) {
-    check_failed("data_type_byte_size.count(data_type) != 0", "");
-  }
-  return it->second;
+  const int bytes = byte_size_of(type);
+  if (bytes < 0) check_failed("data_type_byte_size.count(data_type) != 0", "");
+  return bytes;
 }
 
 void Tensor::set_data(const std::vector<int>& shape, DataType type, void* data) {
   // A rank-0 shape cannot (re)size a tensor through this call.
   if (shape.empty()) return;
+  // Same shape and type again into the buffer it has: neither shape, buffer
+  // nor contents change (so neither does the version), and a node re-running
+  // on unchanged shapes neither copies nor reallocates.
+  if (data == nullptr && data_ != nullptr && type == data_type_ && (&shape == &shape_ || shape == shape_) &&
+      byte_size_ == _get_ele_byte_size(type) * size_) {
+    return;
+  }
   _touch();
   data_type_ = type;
   if (&shape != &shape_) shape_ = shape;

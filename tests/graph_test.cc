@@ -88,6 +88,63 @@ TEST_F(GraphTest, ShapesAreInferredAgainOnlyWhenAFedShapeChanges) {
   graph.run();
   EXPECT_EQ(test_op_log().shape_inferences["b"], 2);
   EXPECT_EQ(graph.get_output_tensor("b")->shape(), std::vector<int>{3});
+  // Resized behind the graph's back (no add_input): the changed shape is seen anyway.
+  longer.set_data({4}, Tensor::DT_FLOAT, nullptr);
+  longer.fill(2.0f);
+  graph.run();
+  EXPECT_EQ(test_op_log().shape_inferences["b"], 3);
+  EXPECT_EQ(tensor_values(*graph.get_output_tensor("b")), (std::vector<float>{2, 2, 2, 2}));
+}
+
+TEST_F(GraphTest, EachInitializeIsFollowedByItsOwnRun) {
+  Graph graph;
+  build(graph, {{"a", "TestSum"}, {"b", "TestSum", "a"}, {"c", "TestSum", "b"}, {"d", "TestSum", "c"}});
+  Tensor x = make_tensor({1}, {5});
+  graph.initialize({}, "");
+  graph.add_input("a", &x);
+  graph.run();
+  graph.initialize({"c"}, "c");
+  graph.add_input("b", &x);
+  graph.run();
+  graph.initialize({}, "b");
+  graph.run();
+  graph.initialize({}, "");
+  graph.run();
+  EXPECT_EQ(test_op_log().executed,
+            (std::vector<std::string>{"a", "b", "c", "d", "c", "a", "b", "a", "b", "c", "d"}));
+}
+
+struct ObservedNode {
+  std::string name;
+  long long start_ns, end_ns;
+};
+
+void observe(void* context, const Node& node, long long start_ns, long long end_ns) {
+  static_cast<std::vector<ObservedNode>*>(context)->push_back({node.name(), start_ns, end_ns});
+}
+
+TEST_F(GraphTest, ObserverSeesEveryNodeWithBackToBackTimes) {
+  Graph graph;
+  build(graph, {{"d", "TestSum", "b", "c"}, {"b", "TestSum", "a"}, {"c", "TestSum", "a"}, {"a", "TestSum"}});
+  graph.initialize({}, "");
+  Tensor x = make_tensor({2}, {1, 2});
+  graph.add_input("a", &x);
+  std::vector<ObservedNode> seen;
+  graph.set_node_observer(&observe, &seen);
+  graph.run();
+  graph.run();
+  graph.set_node_observer(nullptr, nullptr);
+  graph.run();
+  ASSERT_EQ(seen.size(), 8u);
+  for (size_t i = 0; i < seen.size(); ++i) {
+    EXPECT_EQ(seen[i].name, test_op_log().executed[i]);
+    EXPECT_LE(seen[i].start_ns, seen[i].end_ns);
+    // Within a run each node starts where the previous one ended.
+    if (i % 4 != 0) {
+      EXPECT_EQ(seen[i].start_ns, seen[i - 1].end_ns) << i;
+    }
+  }
+  EXPECT_GE(seen[4].start_ns, seen[3].end_ns);
 }
 
 TEST_F(GraphTest, InplaceFreesIntermediatesAndRefusesMiddleNodes) {
@@ -187,6 +244,36 @@ TEST(GraphDeathTest, FatalPaths) {
     Graph cycle;
     build(cycle, {{"src", "TestSum"}, {"p", "TestSum", "src", "q"}, {"q", "TestSum", "p"}});
     EXPECT_FATAL(cycle.initialize({}, ""), "The graph has a cycle among the nodes: p, q");
+  }
+  {
+    // Inputs added after initialize are planned at the next run.
+    Graph graph;
+    build(graph, {{"a", "TestSum"}, {"b", "TestSum", "a"}});
+    graph.initialize({}, "");
+    Tensor x = make_tensor({1}, {1});
+    graph.add_input("a", &x);
+    graph.run();
+    graph.get_node("b")->add_input("ghost");
+    EXPECT_FATAL(graph.run(), "Can not find the node: ghost");
+    // The same for a start node.
+    Graph started;
+    build(started, {{"a", "TestSum"}, {"b", "TestSum", "a"}});
+    started.initialize({"b"}, "");
+    started.add_input("a", &x);
+    started.run();
+    started.get_node("b")->add_input("ghost");
+    EXPECT_FATAL(started.run(), "Can not find the node: ghost");
+  }
+  {
+    // A weight-only operator runs without pulling inputs it should not have.
+    ScopedConstOpOverride override_const_op;
+    Graph graph;
+    build(graph, {{"x", "TestSum"}, {"rw", "Z40AdaRoundQuantizeWeight"}, {"conv", "TestSum", "x", "rw"}});
+    graph.initialize({"conv"}, "");
+    graph.get_node("rw")->add_input("ghost");
+    Tensor x = make_tensor({1}, {1});
+    graph.add_input("x", &x);
+    EXPECT_FATAL(graph.run(), "Do not find the input node:ghost");
   }
   {
     Graph dangling;

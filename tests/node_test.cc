@@ -7,6 +7,17 @@
 namespace kovra_test {
 namespace {
 
+// Infers the shape it is given, to reach the output-shape check.
+class TestFixedShapeOpExecutor : public TestSumOpExecutor {
+ public:
+  void inference_shape(const std::vector<const Tensor*>&, std::vector<int>& shape) override { shape = shape_; }
+  static std::vector<int> shape_;
+};
+std::vector<int> TestFixedShapeOpExecutor::shape_;
+const bool kFixedShapeRegistered =
+    (Holder::add_op_crreator("TestFixedShape", []() -> OpExecutor* { return new TestFixedShapeOpExecutor(); }),
+     true);
+
 struct BitwidthCase {
   std::string op;
   std::string attrs;
@@ -90,6 +101,52 @@ TEST(NodeTest, SecondaryOutputsAreFoundByTheirFullName) {
   EXPECT_EQ(tensor_values(*node.consume_output_tensor("spl:1")), (std::vector<float>{100, 200}));
 }
 
+TEST(NodeTest, KnowsWhichInputsItInferredFrom) {
+  Node node;
+  node.set_name("n");
+  node.init_op("TestSum");
+  Tensor a = make_tensor({2, 3}, {1, 2, 3, 4, 5, 6});
+  Tensor w = make_tensor({3}, {1, 2, 3});
+  node.inference_shape({&a, &w});
+  EXPECT_EQ(node.oshape(), (std::vector<int>{2, 3}));
+  Tensor same_a = make_tensor({2, 3}, {0, 0, 0, 0, 0, 0});
+  Tensor other_shape = make_tensor({3, 2}, {0, 0, 0, 0, 0, 0});
+  Tensor other_rank = make_tensor({2, 3, 1}, {0, 0, 0, 0, 0, 0});
+  Tensor ints({2, 3}, Tensor::DT_INT32, nullptr, "cpu");
+  struct Case {
+    std::vector<const Tensor*> inputs;
+    bool same;
+  };
+  const Case cases[] = {
+      {{&a, &w}, true},            {{&same_a, &w}, true},   // contents and identity do not matter
+      {{&other_shape, &w}, false}, {{&other_rank, &w}, false}, {{&ints, &w}, false},
+      {{&a}, false},               {{&a, &w, &w}, false},   {{&w, &a}, false}, {{}, false},
+  };
+  for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i) {
+    EXPECT_EQ(node.inferred_from(cases[i].inputs), cases[i].same) << "case " << i;
+  }
+}
+
+TEST(NodeTest, OutputBufferIsKeptWhileTheShapeIsUnchanged) {
+  Node node;
+  node.set_name("n");
+  node.init_op("TestSum");
+  Tensor a = make_tensor({4}, {1, 2, 3, 4});
+  node.inference_shape({&a});
+  node.run({&a});
+  Tensor* output = node.output_tensor();
+  const void* buffer = output->get_ptr();
+  node.reset();
+  node.run({&a});
+  EXPECT_EQ(node.output_tensor(), output);
+  EXPECT_EQ(output->get_ptr(), buffer);
+  Tensor longer = make_tensor({9}, {1, 1, 1, 1, 1, 1, 1, 1, 1});
+  node.inference_shape({&longer});
+  node.run({&longer});
+  EXPECT_EQ(output->shape(), std::vector<int>{9});
+  EXPECT_EQ(tensor_values(*output), std::vector<float>(9, 1.0f));
+}
+
 TEST(NodeDeathTest, FatalPaths) {
   Node node;
   node.set_name("n");
@@ -115,6 +172,19 @@ TEST(NodeDeathTest, FatalPaths) {
   split.inference_shape({&input});
   split.run({&input});
   EXPECT_FATAL(split.consume_output_tensor("spl:7"), "The node:spl do not found output:spl:7");
+  Node bad;
+  bad.set_name("bad");
+  bad.init_op("TestFixedShape");
+  TestFixedShapeOpExecutor::shape_ = {2, 3};
+  bad.inference_shape({&input});
+  bad.run({&input});
+  // Each new inference is checked again, also after good runs.
+  for (const auto& shape : {std::vector<int>{-1, 2}, std::vector<int>{65536, 32768}}) {
+    TestFixedShapeOpExecutor::shape_ = shape;
+    bad.inference_shape({&input});
+    const std::string text = std::to_string(shape[0]) + "," + std::to_string(shape[1]);
+    EXPECT_FATAL(bad.run({&input}), "The node:bad inferred an invalid output shape [" + text + "]");
+  }
 }
 
 }  // namespace

@@ -37,6 +37,7 @@ TEST_P(TensorSizingTest, SizesByElementType) {
   EXPECT_TRUE(t.own_data());
   EXPECT_EQ(t.head(), 1);
   EXPECT_NE(t.get_ptr(), nullptr);
+  EXPECT_EQ(t.element_byte_size(c.type), c.bytes / c.size);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -72,6 +73,33 @@ TEST(TensorTest, SmallerOrEqualResizeReusesTheBuffer) {
   EXPECT_TRUE(t.own_data());
 }
 
+TEST(TensorTest, SameShapeAndTypeAgainChangesNothing) {
+  Tensor t({2, 3}, Tensor::DT_FLOAT, nullptr, "cpu");
+  EXPECT_EQ(t.element_byte_size(Tensor::DT_INVALID), 0);
+  const void* buffer = t.get_ptr();
+  const uint64_t version = t.version();
+  const std::vector<int> shape = {2, 3};
+  t.set_data(shape, Tensor::DT_FLOAT, nullptr);
+  EXPECT_EQ(t.get_ptr(), buffer);
+  EXPECT_EQ(t.version(), version);
+  EXPECT_EQ(t.byte_size(), 24);
+  // Another type of the same width, or another shape of the same count, is a change.
+  t.set_data(shape, Tensor::DT_INT32, nullptr);
+  EXPECT_EQ(t.data_type(), Tensor::DT_INT32);
+  EXPECT_EQ(t.get_ptr(), buffer);
+  EXPECT_GT(t.version(), version);
+  const uint64_t int_version = t.version();
+  t.set_data({3, 2}, Tensor::DT_INT32, nullptr);
+  EXPECT_EQ(t.shape(), (std::vector<int>{3, 2}));
+  EXPECT_GT(t.version(), int_version);
+  // A released buffer is allocated again, whatever the shape.
+  t._release();
+  EXPECT_EQ(t.get_ptr(), nullptr);
+  t.set_data({3, 2}, Tensor::DT_INT32, nullptr);
+  EXPECT_NE(t.get_ptr(), nullptr);
+  EXPECT_EQ(t.byte_size(), 24);
+}
+
 TEST(TensorTest, BorrowedBufferIsKeptAndNeverFreed) {
   float external[6] = {1, 2, 3, 4, 5, 6};
   {
@@ -79,6 +107,9 @@ TEST(TensorTest, BorrowedBufferIsKeptAndNeverFreed) {
     EXPECT_EQ(t.get_ptr(), external);
     EXPECT_FALSE(t.own_data());
     // Re-sizing within the borrowed capacity keeps writing into it.
+    t.set_data({3}, Tensor::DT_FLOAT, nullptr);
+    EXPECT_EQ(t.get_ptr(), external);
+    EXPECT_FALSE(t.own_data());
     t.set_data({3}, Tensor::DT_FLOAT, nullptr);
     EXPECT_EQ(t.get_ptr(), external);
     EXPECT_FALSE(t.own_data());

@@ -13,7 +13,31 @@ void Profiler::attach(kovra::trenkit::kovraexecutor::GraphExecutor* executor) {
 void Profiler::observe(void* context, const std::string& node, const std::string& op,
                        long long start_ns, long long end_ns) {
   auto* self = static_cast<Profiler*>(context);
-  self->events_.push_back({self->run_, node, op, start_ns, end_ns});
+  self->records_.push_back({self->run_, self->_slot_of(node, op), start_ns, end_ns});
+}
+
+int Profiler::_slot_of(const std::string& node, const std::string& op) {
+  size_t slot = next_slot_;
+  if (slot >= slots_.size() || slots_[slot].node != &node) {
+    auto it = slot_index_.find(&node);
+    if (it != slot_index_.end()) {
+      slot = static_cast<size_t>(it->second);
+    } else {
+      slot = slots_.size();
+      slots_.push_back({&node, node, op});
+      slot_index_.emplace(&node, static_cast<int>(slot));
+    }
+  }
+  next_slot_ = slot + 1;
+  return static_cast<int>(slot);
+}
+
+const std::vector<Profiler::Event>& Profiler::events() const {
+  events_.clear();
+  for (const Record& r : records_) {
+    events_.push_back({r.run, slots_[r.slot].name, slots_[r.slot].op, r.start_ns, r.end_ns});
+  }
+  return events_;
 }
 
 namespace {
@@ -48,23 +72,31 @@ void print_table(std::ostream& out, const char* title, std::vector<Total> rows, 
 }  // namespace
 
 void Profiler::print_profile(std::ostream& out, int runs) const {
+  // Totals per slot first, then by name: one string lookup per node, not per event.
+  std::vector<long long> slot_count(slots_.size(), 0);
+  std::vector<long long> slot_ns(slots_.size(), 0);
+  long long all_ns = 0;
+  for (const Record& r : records_) {
+    const long long ns = r.end_ns - r.start_ns;
+    all_ns += ns;
+    ++slot_count[r.slot];
+    slot_ns[r.slot] += ns;
+  }
   std::map<std::string, Total> by_op;
   std::map<std::string, Total> by_node;
   std::vector<std::string> node_order;
-  long long all_ns = 0;
-  for (const Event& e : events_) {
-    const long long ns = e.end_ns - e.start_ns;
-    all_ns += ns;
-    Total& op = by_op[e.op];
-    op.label = e.op;
-    ++op.count;
-    op.ns += ns;
-    if (!by_node.count(e.node)) node_order.push_back(e.node);
-    Total& node = by_node[e.node];
-    node.label = e.node;
-    node.op = e.op;
-    ++node.count;
-    node.ns += ns;
+  for (size_t i = 0; i < slots_.size(); ++i) {
+    const Slot& s = slots_[i];
+    Total& op = by_op[s.op];
+    op.label = s.op;
+    op.count += slot_count[i];
+    op.ns += slot_ns[i];
+    if (!by_node.count(s.name)) node_order.push_back(s.name);
+    Total& node = by_node[s.name];
+    node.label = s.name;
+    node.op = s.op;
+    node.count += slot_count[i];
+    node.ns += slot_ns[i];
   }
   char line[256];
   std::snprintf(line, sizeof(line), "profile: %d run(s), %.3f ms in operators, %.3f ms per run\n",
@@ -99,18 +131,19 @@ std::string json_string(const std::string& text) {
 }
 
 std::string Profiler::trace_json() const {
-  const long long origin = events_.empty() ? 0 : events_.front().start_ns;
+  const long long origin = records_.empty() ? 0 : records_.front().start_ns;
   std::string out = "{\"displayTimeUnit\": \"ms\", \"traceEvents\": [\n";
   out += "{\"name\": \"process_name\", \"ph\": \"M\", \"pid\": 1, \"tid\": 1, "
          "\"args\": {\"name\": \"kovra run\"}}";
   char numbers[128];
-  for (const Event& e : events_) {
+  for (const Record& e : records_) {
+    const Slot& slot = slots_[e.slot];
     std::snprintf(numbers, sizeof(numbers), "\"ts\": %.3f, \"dur\": %.3f",
                   static_cast<double>(e.start_ns - origin) / 1e3,
                   static_cast<double>(e.end_ns - e.start_ns) / 1e3);
-    out += ",\n{\"name\": " + json_string(e.node) + ", \"cat\": " + json_string(e.op) +
+    out += ",\n{\"name\": " + json_string(slot.name) + ", \"cat\": " + json_string(slot.op) +
            ", \"ph\": \"X\", \"pid\": 1, \"tid\": 1, " + numbers +
-           ", \"args\": {\"op\": " + json_string(e.op) + ", \"run\": " + std::to_string(e.run) + "}}";
+           ", \"args\": {\"op\": " + json_string(slot.op) + ", \"run\": " + std::to_string(e.run) + "}}";
   }
   out += "\n]}\n";
   return out;

@@ -1,8 +1,10 @@
 #ifndef KOVRA_TOOLS_PROFILE_H_
 #define KOVRA_TOOLS_PROFILE_H_
 
+#include <deque>
 #include <ostream>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include <kovraexecutor/graph_executor.h>
@@ -23,7 +25,7 @@ class Profiler {
 
   void attach(kovra::trenkit::kovraexecutor::GraphExecutor* executor);
   void begin_run(int run) { run_ = run; }
-  const std::vector<Event>& events() const { return events_; }
+  const std::vector<Event>& events() const;
 
   // Per operator type and per node: count, total, mean and share, slowest first.
   void print_profile(std::ostream& out, int runs) const;
@@ -33,9 +35,29 @@ class Profiler {
  private:
   static void observe(void* context, const std::string& node, const std::string& op,
                       long long start_ns, long long end_ns);
+  // The observer hands out each node's own name string, whose address stays
+  // the same from run to run: it identifies the node.
+  int _slot_of(const std::string& node, const std::string& op);
 
+  // Recording must cost little next to a tiny node: a record holds the index
+  // of its node's slot, and names are copied once per node, not per run.
+  struct Slot {
+    const std::string* node;
+    std::string name;
+    std::string op;
+  };
+  struct Record {
+    int run;
+    int slot;
+    long long start_ns;
+    long long end_ns;
+  };
   int run_ = 0;
-  std::vector<Event> events_;
+  std::vector<Slot> slots_;
+  std::unordered_map<const std::string*, int> slot_index_;
+  size_t next_slot_ = 0;  // nodes run in the same order every run: try this slot first
+  std::deque<Record> records_;  // grows without moving what it holds
+  mutable std::vector<Event> events_;
 };
 
 // JSON string literal of `text`.

@@ -157,8 +157,6 @@ class KOVRA_API Tensor {
  private:
   int _get_ele_byte_size(DataType type) const;
 
-  // Per instance on purpose: each tensor carries its own table.
-  std::map<DataType, int> data_type_byte_size_;
   std::vector<Tensor*> slave_tensors_;
   std::string name_;
   std::vector<int> shape_;
