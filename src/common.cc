@@ -1,7 +1,10 @@
 #include "common.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
+#include <utility>
 
 namespace kovra {
 namespace trenkit {
@@ -20,12 +23,77 @@ void print_line(const char* color, const char* word, const std::string& text) {
   std::fflush(stdout);
 }
 
+std::atomic<int> process_policy{static_cast<int>(ErrorPolicy::kAbort)};
+// -1: the thread follows the process-wide policy.
+thread_local int thread_policy = -1;
+
+thread_local const std::string* current_node = nullptr;
+thread_local const std::string* current_op = nullptr;
+
+std::mutex sink_mutex;
+MessageSink& sink() {
+  static MessageSink* s = new MessageSink();
+  return *s;
+}
+
+void emit(MessageLevel level, const char* color, const char* word, const std::string& text) {
+  MessageSink copy;
+  {
+    std::lock_guard<std::mutex> lock(sink_mutex);
+    copy = sink();
+  }
+  if (copy) {
+    copy(level, text);
+  } else {
+    print_line(color, word, text);
+  }
+}
+
 }  // namespace
 
-void print_error(const std::string& text) { print_line(kErrorColor, "Error: ", text); }
+void set_error_policy(ErrorPolicy policy) { process_policy.store(static_cast<int>(policy)); }
+
+ErrorPolicy error_policy() {
+  return static_cast<ErrorPolicy>(thread_policy >= 0 ? thread_policy : process_policy.load());
+}
+
+ScopedErrorPolicy::ScopedErrorPolicy(ErrorPolicy policy) : previous_(thread_policy) {
+  thread_policy = static_cast<int>(policy);
+}
+
+ScopedErrorPolicy::~ScopedErrorPolicy() { thread_policy = previous_; }
+
+Error::Error(const std::string& message, std::string node, std::string op)
+    : std::runtime_error(message), message_(message), node_(std::move(node)), op_(std::move(op)) {}
+
+void set_message_sink(MessageSink sink_fn) {
+  std::lock_guard<std::mutex> lock(sink_mutex);
+  sink() = std::move(sink_fn);
+}
+
+std::string error_line(const std::string& message) {
+  return std::string(kErrorColor) + "Error: " + message + kColorReset;
+}
+
+NodeErrorScope::NodeErrorScope(const std::string& node, const std::string& op)
+    : previous_node_(current_node), previous_op_(current_op) {
+  current_node = &node;
+  current_op = &op;
+}
+
+NodeErrorScope::~NodeErrorScope() {
+  current_node = previous_node_;
+  current_op = previous_op_;
+}
+
+void print_error(const std::string& text) { emit(MessageLevel::kError, kErrorColor, "Error: ", text); }
 
 void fatal(const std::string& text) {
-  print_error(text);
+  if (error_policy() == ErrorPolicy::kThrow) {
+    throw Error(text, current_node != nullptr ? *current_node : std::string(),
+                current_op != nullptr ? *current_op : std::string());
+  }
+  print_line(kErrorColor, "Error: ", text);
   std::abort();
 }
 
@@ -39,9 +107,23 @@ void check_failed_quoted(const std::string& condition, const std::string& reason
   check_failed(condition, "\"" + reason + "\"");
 }
 
-void print_warning(const std::string& text) { print_line(kWarningColor, "Warning: ", text); }
+void print_warning(const std::string& text) { emit(MessageLevel::kWarning, kWarningColor, "Warning: ", text); }
 
-void print_log(const std::string& text) { print_line(kLogColor, "Log: ", text); }
+void print_log(const std::string& text) { emit(MessageLevel::kLog, kLogColor, "Log: ", text); }
+
+void print_banner(const std::string& line) {
+  MessageSink copy;
+  {
+    std::lock_guard<std::mutex> lock(sink_mutex);
+    copy = sink();
+  }
+  if (copy) {
+    copy(MessageLevel::kBanner, line);
+  } else {
+    std::printf("\033[1;32;40m%s\033[0m\n", line.c_str());
+    std::fflush(stdout);
+  }
+}
 
 }  // namespace kovraexecutor
 }  // namespace trenkit

@@ -3,12 +3,16 @@
 
 #include <string>
 
+#include "errors.h"
+
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
 // Every message of the library is one coloured line on standard output.
-// Errors abort after printing; warnings and log lines let execution go on.
+// Failures end in fatal(), which under the error policy (errors.h) prints and
+// aborts or throws Error; warnings, log lines, non-stopping error lines and the
+// banner go through the message sink and let execution go on.
 extern const char* const kErrorColor;    // bold red
 extern const char* const kWarningColor;  // bold yellow
 extern const char* const kLogColor;      // bold green
@@ -16,7 +20,8 @@ extern const char* const kColorReset;
 
 // "Error: <text>" in bold red; the caller decides whether to go on.
 void print_error(const std::string& text);
-// "Error: <text>" in bold red, then abort().
+// The one failure handler: "Error: <text>" in bold red, then abort() - or,
+// under ErrorPolicy::kThrow, Error with the text and the current node.
 [[noreturn]] void fatal(const std::string& text);
 // "Error: Check failed: <condition>" then abort().
 [[noreturn]] void check_failed(const std::string& condition);
@@ -27,6 +32,23 @@ void print_error(const std::string& text);
 [[noreturn]] void check_failed_quoted(const std::string& condition, const std::string& reason);
 void print_warning(const std::string& text);
 void print_log(const std::string& text);
+// The version banner's text (without its colour codes).
+void print_banner(const std::string& line);
+
+// Names the node whose translation, preparation or run is under way on this
+// thread, so that a failure inside it can say which node failed. Holds
+// pointers: the strings must outlive the scope.
+class NodeErrorScope {
+ public:
+  NodeErrorScope(const std::string& node, const std::string& op);
+  ~NodeErrorScope();
+  NodeErrorScope(const NodeErrorScope&) = delete;
+  NodeErrorScope& operator=(const NodeErrorScope&) = delete;
+
+ private:
+  const std::string* previous_node_;
+  const std::string* previous_op_;
+};
 
 }  // namespace kovraexecutor
 }  // namespace trenkit

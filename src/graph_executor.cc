@@ -93,9 +93,10 @@ void GraphExecutor::set_device(DEVICE device) {
   if (device == CPU) {
     device_ = CPU;
     _ir_graph_initialize(graph_def_);
-    std::printf("\033[1;32;40mINFO(kovraexecutor): kovra executor version:%s(%d_%s_kovra) built:%s\033[0m\n",
-                KOVRA_VERSION, static_cast<int>(device_), KOVRA_REVISION, KOVRA_BUILD_STAMP);
-    std::fflush(stdout);
+    char banner[256];
+    std::snprintf(banner, sizeof(banner), "INFO(kovraexecutor): kovra executor version:%s(%d_%s_kovra) built:%s",
+                  KOVRA_VERSION, static_cast<int>(device_), KOVRA_REVISION, KOVRA_BUILD_STAMP);
+    print_banner(banner);
     return;
   }
   if (device == GPU) fatal(kNoGpu);
