@@ -83,10 +83,9 @@ GraphOutline graph_outline(const GraphDef& graph) {
 std::vector<size_t> run_starts(const GraphOutline& outline, const std::vector<std::string>& start_names) {
   std::vector<size_t> starts;
   for (size_t i = 0; i < outline.names.size(); ++i) {
-    const bool start =
-        start_names.empty()
-            ? outline.producers[i].empty() && !is_const_op(outline.ops[i])
-            : std::find(start_names.begin(), start_names.end(), outline.names[i]) != start_names.end();
+    const bool start = start_names.empty() ? outline.producers[i].empty() && !is_const_op(outline.ops[i])
+                                           : std::find(start_names.begin(), start_names.end(),
+                                                       outline.names[i]) != start_names.end();
     if (start) starts.push_back(i);
   }
   return starts;

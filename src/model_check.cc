@@ -24,8 +24,8 @@ const std::set<std::string> kFrameworkKeys = {"output_bitwidth", "op_target", "t
 // Every "ActionType" value some operator acts on; any other value silently
 // means "no activation" and is most likely a misspelling.
 const std::set<std::string> kActionTypes = {
-    "None",    "Linear", "Relu", "Relu6", "LeakyRelu", "PRelu", "Hsigmoid", "Swish",    "Sigmoid",
-    "Selu",    "Tanh",   "Elu",  "HardSwish", "Mish",  "Softplus", "Softsign"};
+    "None",    "Linear", "Relu", "Relu6", "LeakyRelu", "PRelu", "Hsigmoid", "Swish",
+    "Sigmoid", "Selu",   "Tanh", "Elu",   "HardSwish", "Mish",  "Softplus", "Softsign"};
 
 class Checker {
  public:
@@ -61,9 +61,9 @@ class Checker {
         problem("", node.op(), "the model has a node without a name (op " + node.op() + ")");
       } else if (!seen.insert(node.name()).second) {
         problem(node.name(), node.op(), "the node name '" + node.name() + "' appears twice");
-      } else {
-        defs_.emplace(node.name(), &node);
       }
+      // The first node of a name is the one the executor would use.
+      defs_.emplace(node.name(), &node);
     }
     outline_ = graph_outline(graph_);
   }
@@ -94,14 +94,15 @@ class Checker {
       } catch (const Error&) {
       }
       if (size <= 0) {
-        problem(node.name(), node.op(),
-                "constant '" + node.name() + "' has unsupported element type " + std::to_string(tensor.dtype()));
+        problem(
+            node.name(), node.op(),
+            "constant '" + node.name() + "' has unsupported element type " + std::to_string(tensor.dtype()));
         continue;
       }
       const unsigned long long needed = static_cast<unsigned long long>(count) * size;
       const size_t held = tensor.tensor_content().size();
-      const std::string detail = "constant '" + node.name() + "' holds " + std::to_string(held) + " bytes of data but its shape needs " +
-                                 std::to_string(needed);
+      const std::string detail = "constant '" + node.name() + "' holds " + std::to_string(held) +
+                                 " bytes of data but its shape needs " + std::to_string(needed);
       if (held < needed) problem(node.name(), node.op(), detail);
       if (held > needed) warning(node.name(), node.op(), detail + "; the rest is ignored");
     }
@@ -172,7 +173,8 @@ class Checker {
   // Shape inference in execution order on tensors that are shaped but never
   // computed. A node whose inputs have no shape is skipped, silently: the
   // problem lies upstream and is reported there.
-  void _shapes(const std::vector<size_t>& order, const std::map<std::string, std::vector<int>>& input_shapes) {
+  void _shapes(const std::vector<size_t>& order,
+               const std::map<std::string, std::vector<int>>& input_shapes) {
     std::map<std::string, std::unique_ptr<Tensor>> fed;
     for (const auto& entry : input_shapes) {
       std::unique_ptr<Tensor> tensor(new Tensor());
