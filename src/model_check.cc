@@ -177,6 +177,10 @@ class Checker {
                const std::map<std::string, std::vector<int>>& input_shapes) {
     std::map<std::string, std::unique_ptr<Tensor>> fed;
     for (const auto& entry : input_shapes) {
+      if (outline_.find(entry.first) < 0) {
+        problem(entry.first, "", "a shape is given for '" + entry.first + "', which is no node of the model");
+        continue;
+      }
       std::unique_ptr<Tensor> tensor(new Tensor());
       tensor->set_name(entry.first);
       try {

@@ -117,6 +117,8 @@ TEST(ModelCheck, InfersShapesWithoutRunning) {
     for (int d : s.shape) shapes += std::to_string(d) + ",";
   }
   EXPECT_EQ(shapes, "f:1,4,4,3,c:1,4,4,6,");
+  EXPECT_EQ(text(check_model(parse_text_graph(model), {{"image", {1, 2}}}).problems),
+            "image||a shape is given for 'image', which is no node of the model\n");
   // Without shapes nothing is inferred.
   EXPECT_TRUE(check_model(parse_text_graph(model)).shapes.empty());
 }
