@@ -26,7 +26,8 @@ size_t print_report(const ModelReport& report, bool shapes) {
   for (const ModelIssue& issue : report.warnings) print_issue("warning", issue);
   if (shapes) {
     for (const auto& shape : report.shapes) {
-      std::printf("shape: %s (%s): %s\n", shape.node.c_str(), shape.op.c_str(), dims_text(shape.shape).c_str());
+      std::printf("shape: %s (%s): %s\n", shape.node.c_str(), shape.op.c_str(),
+                  dims_text(shape.shape).c_str());
     }
   }
   return report.problems.size();
