@@ -53,7 +53,8 @@ int main(int argc, char** argv) {
     std::fputs(kx::error_line(e.message()).c_str(), stdout);
     std::fflush(stdout);
     if (!e.node().empty()) {
-      std::cerr << "kovra: the error is in node '" << e.node() << "' (operator " << e.op() << ")" << std::endl;
+      std::cerr << "kovra: the error is in node '" << e.node() << "' (operator " << e.op() << ")"
+                << std::endl;
     }
     return kovra_tool::kExitModelError;
   }
