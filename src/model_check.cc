@@ -32,6 +32,7 @@ class Checker {
   Checker(const GraphDef& graph, ModelReport& report) : graph_(graph), report_(report) {}
 
   void run(const std::map<std::string, std::vector<int>>& input_shapes) {
+    infer_ = !input_shapes.empty();
     _names();
     _constants();
     _nodes();
@@ -133,7 +134,10 @@ class Checker {
         NodeErrorScope scope(def.name(), op);
         node->init_op(op);
         for (size_t p : outline_.producers[i]) node->add_input(outline_.names[p]);
-        for (const std::string& input : def.input()) _add_weight(*node, input_lookup_name(input));
+        // Weights matter to shape inference only; a plain check need not copy them.
+        if (infer_) {
+          for (const std::string& input : def.input()) _add_weight(*node, input_lookup_name(input));
+        }
         node->parse_parameter(def);
         nodes_[i] = std::move(node);
       } catch (const Error& e) {
@@ -233,6 +237,7 @@ class Checker {
   std::map<std::string, const NodeDef*> defs_;
   GraphOutline outline_;
   std::vector<std::unique_ptr<Node>> nodes_;
+  bool infer_ = false;
 };
 
 }  // namespace
