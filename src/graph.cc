@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <chrono>
-#include <queue>
 
 #include "common.h"
 #include "graph_executor_access.h"
+#include "graph_topology.h"
 #include "node_name_map.h"
 
 namespace kovra {
@@ -62,41 +62,26 @@ void Graph::_sort_by_execution(std::vector<Node*>& out) {
 
 void Graph::_top_sort(std::unordered_map<std::string, std::vector<std::string>>& deps,
                       std::vector<Node*>& out) {
-  // Kahn's algorithm; among nodes ready at the same time the one that comes
-  // first in the model runs first, so the order is stable and readable.
+  // Nodes ready together run in model order, so the order is stable and readable.
   std::unordered_map<std::string, size_t> position;
   for (size_t i = 0; i < nodes_.size(); ++i) position[nodes_[i]->name()] = i;
-  std::unordered_map<std::string, std::vector<std::string>> dependants;
-  std::unordered_map<std::string, int> missing;
-  std::priority_queue<size_t, std::vector<size_t>, std::greater<size_t>> ready;
-  std::vector<std::string> names;
-  for (const auto& entry : deps) names.push_back(entry.first);
-  std::sort(names.begin(), names.end(), [&](const std::string& a, const std::string& b) {
-    return position.count(a) && position.count(b) ? position[a] < position[b] : a < b;
-  });
-  for (const std::string& name : names) {
-    if (node_name_map_.count(name) == 0) {
+  std::vector<std::vector<size_t>> producers(nodes_.size());
+  for (const auto& entry : deps) {
+    if (node_name_map_.count(entry.first) == 0) {
       fatal("Check failed: node_name_map_.count(name) != 0==>\"Do not find your node.\"");
     }
-    missing[name] = static_cast<int>(deps[name].size());
-    for (const std::string& input : deps[name]) dependants[input].push_back(name);
-    if (deps[name].empty()) ready.push(position[name]);
-  }
-  while (!ready.empty()) {
-    Node* node = nodes_[ready.top()];
-    ready.pop();
-    out.push_back(node);
-    deps.erase(node->name());
-    for (const std::string& dependant : dependants[node->name()]) {
-      if (--missing[dependant] == 0) ready.push(position[dependant]);
+    const size_t i = position[entry.first];
+    for (const std::string& input : entry.second) {
+      auto it = position.find(input);
+      // A producer that is no node can never run: the reader stays unordered.
+      producers[i].push_back(it == position.end() ? i : it->second);
     }
   }
-  if (!deps.empty()) {
+  std::vector<size_t> cyclic;
+  for (size_t i : topological_order(producers, &cyclic)) out.push_back(nodes_[i]);
+  if (!cyclic.empty()) {
     std::string left;
-    for (const std::string& name : names) {
-      if (deps.count(name) == 0) continue;
-      left += (left.empty() ? "" : ", ") + name;
-    }
+    for (size_t i : cyclic) left += (left.empty() ? "" : ", ") + nodes_[i]->name();
     fatal("The graph has a cycle among the nodes: " + left);
   }
 }

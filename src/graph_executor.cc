@@ -6,6 +6,7 @@
 #include "common.h"
 #include "encryption.h"
 #include "graph.h"
+#include "graph_topology.h"
 #include "model_reader.h"
 #include "node_name_map.h"
 #include "op_executor.h"
@@ -29,17 +30,6 @@ namespace kovraexecutor {
 namespace {
 
 const char* const kNoGpu = "Your library don't compile with GPU.";
-
-// The lookup name of an input reference: its prefix of length
-// min(len, len + 1 - p), p being the position of the first ':'. Kept exactly
-// as models produced for the chip rely on it.
-std::string input_lookup_name(const std::string& input) {
-  const size_t p = input.find(':');
-  if (p == std::string::npos) return input;
-  const size_t len = input.size();
-  const size_t keep = std::min(len, len + 1 - p);
-  return input.substr(0, keep);
-}
 
 std::string shape_text(const std::vector<int>& shape) {
   std::string text;

@@ -11,10 +11,23 @@ namespace kovraexecutor {
 
 namespace {
 
-const AttrValue* find_attr(const NodeDef& node, const char* key) {
+thread_local AttrReadTracker* current_tracker = nullptr;
+
+}  // namespace
+
+AttrReadTracker::AttrReadTracker() : previous_(current_tracker) { current_tracker = this; }
+
+AttrReadTracker::~AttrReadTracker() { current_tracker = previous_; }
+
+const AttrValue* find_tracked_attr(const NodeDef& node, const char* key) {
+  if (current_tracker != nullptr) current_tracker->keys_.insert(key);
   auto it = node.attr().find(key);
   return it == node.attr().end() ? nullptr : &it->second;
 }
+
+namespace {
+
+const AttrValue* find_attr(const NodeDef& node, const char* key) { return find_tracked_attr(node, key); }
 
 // Saturating float-to-int so that a huge or NaN attribute cannot be undefined behaviour.
 int truncate_to_int(double v) {

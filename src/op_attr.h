@@ -1,6 +1,7 @@
 #ifndef KOVRAEXECUTOR_OP_ATTR_H_
 #define KOVRAEXECUTOR_OP_ATTR_H_
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -51,6 +52,23 @@ void require_float_list(const NodeDef& node, const char* key, std::vector<float>
 // For presence rules the readers cannot express (a key required only in some
 // configurations): stops with `Check failed: suc=="<message>"` unless `suc`.
 void require_attr(bool suc, const std::string& message);
+
+// While alive, records on the calling thread every key the readers above look
+// up, present or not, so that the model check can name attributes no
+// operator reads. Trackers nest; the innermost records.
+class AttrReadTracker {
+ public:
+  AttrReadTracker();
+  ~AttrReadTracker();
+  AttrReadTracker(const AttrReadTracker&) = delete;
+  AttrReadTracker& operator=(const AttrReadTracker&) = delete;
+  const std::set<std::string>& keys() const { return keys_; }
+
+ private:
+  friend const AttrValue* find_tracked_attr(const NodeDef& node, const char* key);
+  std::set<std::string> keys_;
+  AttrReadTracker* previous_;
+};
 
 // "Do not find the <key> in <op>!!!", the catalogue's pattern for a missing key.
 std::string missing_message(const char* key, const char* op);

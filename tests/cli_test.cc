@@ -182,6 +182,12 @@ TEST_P(BadInvocationTest, EndsWithOneClearLine) {
     node { name: "f" op: "ZxxFlatten" input: "input" input: "w" })");
   spit(dir.file("nobitwidth.pbtxt"), R"(node { name: "input" op: "ZxxNOp" }
                                       node { name: "q" op: "Z40QuantizeAdd" input: "input" })");
+  // Well formed, but fails once shapes are known: at run time, or under check -s.
+  spit(dir.file("concat1.pbtxt"), R"(node { name: "input" op: "ZxxNOp" }
+                                   node { name: "c" op: "Z40Concat" input: "input" })");
+  spit(dir.file("chain.pbtxt"), R"(node { name: "input" op: "ZxxNOp" }
+                                 node { name: "a" op: "ZxxFlatten" input: "input" }
+                                 node { name: "b" op: "ZxxFlatten" input: "a" })");
   const Result r = kovra(substitute(GetParam().args, dir.path()));
   EXPECT_EQ(r.code, GetParam().code) << r.out;
   EXPECT_TRUE(has_line(r.out, substitute(GetParam().line, dir.path()))) << r.out;
@@ -194,7 +200,7 @@ INSTANTIATE_TEST_SUITE_P(
     AllCases, BadInvocationTest,
     ::testing::Values(
         BadCase{"UnknownCommand", "frob", 2,
-                "kovra: unknown command 'frob' (commands: run, inspect, convert, protect, unprotect, compare)"},
+                "kovra: unknown command 'frob' (commands: run, check, inspect, convert, protect, unprotect, compare)"},
         BadCase{"UnknownFlag", "run {dir}/p.pbtxt --bogus", 2,
                 std::string("kovra run: The following argument was not expected: --bogus") + kRunHint},
         BadCase{"NoModel", "run", 2, std::string("kovra run: model is required") + kRunHint},
@@ -263,9 +269,35 @@ INSTANTIATE_TEST_SUITE_P(
                 "kovra run: cannot create dump folder '{dir}/afile'"},
         BadCase{"TraceUnwritable", "run {dir}/p.pbtxt -i input={dir}/in.npy --trace {dir}/no/t.json", 2,
                 "kovra run: cannot write trace file '{dir}/no/t.json'"},
+        BadCase{"AttributeError", "run {dir}/nobitwidth.pbtxt -i input={dir}/in.npy", 2,
+                "kovra run: {dir}/nobitwidth.pbtxt: Op: q have no output bitwidth!"},
         // The library's own error line, then a clean exit instead of a core dump.
-        BadCase{"LibraryError", "run {dir}/nobitwidth.pbtxt -i input={dir}/in.npy", 3,
-                "\033[1m\033[31mError: Op: q have no output bitwidth!\033[0m"},
+        BadCase{"LibraryError", "run {dir}/concat1.pbtxt -i input={dir}/in.npy", 3,
+                "\033[1m\033[31mError: Check failed: inputs.size() > 1==>\"Z40Concat operator inputs must "
+                "greater than 1.\"\033[0m"},
+        BadCase{"OutputUpstreamOfStart", "run {dir}/chain.pbtxt --start b --output a", 2,
+                "kovra run: --output: node 'a' does not depend on the --start nodes (b)"},
+        BadCase{"CheckClean", "check {dir}/chain.pbtxt", 0, "0 problems, 0 warnings"},
+        BadCase{"CheckShapes", "check {dir}/p.pbtxt -s input=1x2x2x1", 0, "0 problems, 0 warnings"},
+        BadCase{"CheckFindsEveryProblem", "check {dir}/unknown.pbtxt", 1,
+                "problem: f (Z40Frobnicate): the model uses operators this build does not have: Z40Frobnicate"},
+        BadCase{"CheckCycle", "check {dir}/cycle.pbtxt", 1,
+                "problem: a (ZxxFlatten): the model has a cycle among the nodes: a, b"},
+        BadCase{"CheckNameless", "check {dir}/noname.pbtxt --format text", 1,
+                "problem: (no name) (ZxxFlatten): the model has a node without a name (op ZxxFlatten)"},
+        BadCase{"CheckAttribute", "check {dir}/nobitwidth.pbtxt", 1,
+                "problem: q (Z40QuantizeAdd): Op: q have no output bitwidth!"},
+        BadCase{"CheckInference", "check {dir}/concat1.pbtxt -s input=1x2x2x1", 1,
+                "problem: c (Z40Concat): Check failed: inputs.size() > 1==>\"Z40Concat operator inputs must "
+                "greater than 1.\""},
+        BadCase{"CheckCounts", "check {dir}/short.pbtxt", 1, "1 problem, 0 warnings"},
+        BadCase{"CheckBadShapeArg", "check {dir}/p.pbtxt -s input", 2,
+                "kovra check: -s 'input' is not NAME=DIMS (DIMS like 1x224x224x3)"},
+        BadCase{"CheckShapeTwice", "check {dir}/p.pbtxt -s input=1 -s input=2", 2,
+                "kovra check: -s: the shape of 'input' is given twice"},
+        BadCase{"CheckMissingModel", "check {dir}/none.pb", 2, "kovra check: cannot read model file '{dir}/none.pb'"},
+        BadCase{"InspectWithProblems", "inspect {dir}/dangling.pbtxt", 1,
+                "problem: b (ZxxFlatten): node 'b' reads 'zzz', which is not in the model"},
         BadCase{"ConvertUnwritable", "convert {dir}/p.pbtxt {dir}/no/out.pb", 2,
                 "kovra convert: cannot write '{dir}/no/out.pb'"},
         BadCase{"ConvertMissing", "convert {dir}/none.pb {dir}/out.pb", 2,
@@ -302,7 +334,7 @@ TEST(CliTest, EveryCommandHasHelp) {
   EXPECT_EQ(run.code, 0);
   EXPECT_NE(run.out.find("execute kovra model"), std::string::npos) << run.out;
   EXPECT_TRUE(has_line(run.out, "Usage: kovra run [OPTIONS] model")) << run.out;
-  for (const char* command : {"inspect", "convert", "protect", "unprotect", "compare"}) {
+  for (const char* command : {"check", "inspect", "convert", "protect", "unprotect", "compare"}) {
     const Result r = kovra(std::string(command) + " --help");
     EXPECT_EQ(r.code, 0) << command;
     EXPECT_NE(r.out.find(std::string("Usage: kovra ") + command), std::string::npos) << r.out;
@@ -400,9 +432,11 @@ node { name: "big" op: "Z40Frob" input: "qconv" input: "ghost"
        attr { key: "scales" value { list { f: 0.1 f: 2 f: 3 f: 4 f: 5 f: 6 f: 7 f: 8 f: 9 f: 10 } } }
        attr { key: "mode" value { s: "SAME" } } attr { key: "on" value { b: true } } }
 )");
-  const Result r = kovra("inspect " + dir.file("m.pbtxt"));
-  EXPECT_EQ(r.code, 0) << r.out;
+  const Result r = kovra("inspect " + dir.file("m.pbtxt") + " -s input=1x2x2x1");
+  EXPECT_EQ(r.code, 1) << r.out;
   const char* const expected[] = {
+      "problem: big (Z40Frob): node 'big' reads 'ghost', which is not in the model",
+      "problem: big (Z40Frob): the model uses operators this build does not have: Z40Frob",
       "[0] input  ZxxNOp",
       "[1] qconv  Z40QuantizeConv2D",
       "    inputs:  input",
@@ -418,6 +452,19 @@ node { name: "big" op: "Z40Frob" input: "qconv" input: "ghost"
       "unknown to this build: Z40Frob",
   };
   for (const char* line : expected) EXPECT_TRUE(has_line(r.out, line)) << line << "\n" << r.out;
+}
+
+TEST(CliTest, QuietRunPrintsNoBanner) {
+  TempDir dir;
+  spit(dir.file("p.pbtxt"), kPlaceholderModel);
+  write_raw_input(dir.file("in.bin"));
+  const std::string args = "run " + dir.file("p.pbtxt") + " -i input=" + dir.file("in.bin") + ":1x2x2x1";
+  const Result loud = kovra(args);
+  const Result quiet = kovra(args + " --quiet");
+  EXPECT_EQ(quiet.code, 0) << quiet.out;
+  EXPECT_NE(loud.out.find("INFO(kovraexecutor)"), std::string::npos) << loud.out;
+  EXPECT_EQ(quiet.out.find("INFO(kovraexecutor)"), std::string::npos) << quiet.out;
+  EXPECT_TRUE(has_line(quiet.out, "qconv  (the operator produced no tensor)")) << quiet.out;
 }
 
 // ---- compare -----------------------------------------------------------------------------

@@ -12,6 +12,7 @@ namespace kovraexecutor {
 struct ArgsParser::Impl {
   CLI::App app{"Runs and examines kovra accelerator models on the host.", "kovra"};
   CLI::App* run = nullptr;
+  CLI::App* check = nullptr;
   CLI::App* inspect = nullptr;
   CLI::App* convert = nullptr;
   CLI::App* protect = nullptr;
@@ -33,6 +34,23 @@ const CLI::Validator kTolerance(
       return std::string();
     },
     "TOL");
+
+// NAME=DIMS into `shapes`; false with a message naming the argument.
+bool parse_shapes(const std::vector<std::string>& raw, ShapeMap& shapes, std::string& error) {
+  for (const std::string& text : raw) {
+    const size_t eq = text.find('=');
+    std::vector<int> dims;
+    if (eq == std::string::npos || eq == 0 || !parse_dims(text.substr(eq + 1), dims)) {
+      error = "-s '" + text + "' is not NAME=DIMS (DIMS like 1x224x224x3)";
+      return false;
+    }
+    if (!shapes.emplace(text.substr(0, eq), dims).second) {
+      error = "-s: the shape of '" + text.substr(0, eq) + "' is given twice";
+      return false;
+    }
+  }
+  return true;
+}
 
 }  // namespace
 
@@ -69,11 +87,25 @@ ArgsParser::ArgsParser() : impl_(new Impl) {
   run->add_option("--threads", run_.threads, "worker threads of the convolutions")
       ->check(CLI::Range(1, 1024))
       ->type_name("N");
+  run->add_flag("-q,--quiet", run_.quiet, "print no banner and no log lines (errors still)");
+
+  CLI::App* check = impl_->check = app.add_subcommand(
+      "check", "report every problem and warning of a model without running it; exit 1 on problems");
+  check->add_option("model", check_.model, "model file")->required();
+  check->add_option("--format", check_.format, "model file format")->check(CLI::IsMember(formats));
+  check->add_option("-s,--shape", raw_shapes_,
+                    "shape of a fed tensor, NAME=DIMS (DIMS like 1x224x224x3): infer and print every "
+                    "node's output shape; repeat for several inputs")
+      ->allow_extra_args(false)
+      ->type_name("NAME=DIMS");
 
   CLI::App* inspect = impl_->inspect =
       app.add_subcommand("inspect", "list the nodes, weights, inputs and outputs of a model");
   inspect->add_option("model", inspect_.model, "model file")->required();
   inspect->add_option("--format", inspect_.format, "model file format")->check(CLI::IsMember(formats));
+  inspect->add_option("-s,--shape", raw_shapes_, "shape of a fed tensor, NAME=DIMS: show output shapes")
+      ->allow_extra_args(false)
+      ->type_name("NAME=DIMS");
 
   CLI::App* convert = impl_->convert =
       app.add_subcommand("convert", "convert a model between binary and text format");
@@ -150,8 +182,14 @@ int ArgsParser::parse(int argc, const char* const* argv) {
       start = end + 1;
     }
     run_.profile = impl_->repeat->count() > 0;
-  } else if (impl_->inspect->parsed()) {
-    command_ = Command::kInspect;
+  } else if (impl_->check->parsed() || impl_->inspect->parsed()) {
+    const bool is_check = impl_->check->parsed();
+    command_ = is_check ? Command::kCheck : Command::kInspect;
+    std::string error;
+    if (!parse_shapes(raw_shapes_, is_check ? check_.shapes : inspect_.shapes, error)) {
+      std::cerr << where << ": " << error << std::endl;
+      return 2;
+    }
   } else if (impl_->convert->parsed()) {
     command_ = Command::kConvert;
   } else if (impl_->protect->parsed()) {

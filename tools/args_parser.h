@@ -1,6 +1,7 @@
 #ifndef KOVRA_TOOLS_ARGS_PARSER_H_
 #define KOVRA_TOOLS_ARGS_PARSER_H_
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -24,11 +25,22 @@ struct RunOptions {
   bool profile = false;  // --repeat was given
   std::string trace;
   int threads = 0;  // 0: leave the library's default
+  bool quiet = false;  // no banner and no log lines
+};
+
+// Shapes of the fed tensors by name, from -s NAME=DIMS.
+using ShapeMap = std::map<std::string, std::vector<int>>;
+
+struct CheckOptions {
+  std::string model;
+  std::string format = "auto";
+  ShapeMap shapes;
 };
 
 struct InspectOptions {
   std::string model;
   std::string format = "auto";
+  ShapeMap shapes;
 };
 
 struct ConvertOptions {
@@ -51,11 +63,11 @@ struct CompareOptions {
   double atol = 1e-6;
 };
 
-// Command-line front end of the kovra tool: subcommands run, inspect,
+// Command-line front end of the kovra tool: subcommands run, check, inspect,
 // convert, protect, unprotect and compare, each with its own --help.
 class ArgsParser {
  public:
-  enum class Command { kNone, kRun, kInspect, kConvert, kProtect, kUnprotect, kCompare };
+  enum class Command { kNone, kRun, kCheck, kInspect, kConvert, kProtect, kUnprotect, kCompare };
 
   ArgsParser();
   ~ArgsParser();
@@ -68,6 +80,7 @@ class ArgsParser {
 
   Command command() const { return command_; }
   const RunOptions& run() const { return run_; }
+  const CheckOptions& check() const { return check_; }
   const InspectOptions& inspect() const { return inspect_; }
   const ConvertOptions& convert() const { return convert_; }
   const CipherOptions& cipher() const { return cipher_; }
@@ -79,12 +92,14 @@ class ArgsParser {
   std::unique_ptr<Impl> impl_;
   Command command_ = Command::kNone;
   RunOptions run_;
+  CheckOptions check_;
   InspectOptions inspect_;
   ConvertOptions convert_;
   CipherOptions cipher_;
   CompareOptions compare_;
   std::vector<std::string> raw_inputs_;
   std::string raw_starts_;
+  std::vector<std::string> raw_shapes_;
 };
 
 }  // namespace kovraexecutor

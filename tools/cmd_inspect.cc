@@ -3,6 +3,7 @@
 #include <map>
 #include <set>
 
+#include <kovraexecutor/model_check.h>
 #include <kovraexecutor/op_registry.h>
 
 #include "commands.h"
@@ -11,6 +12,7 @@
 namespace kovra_tool {
 
 using kovra::trenkit::AttrValue;
+using kovra::trenkit::kovraexecutor::input_lookup_name;
 using kovra::trenkit::kovraexecutor::is_const_op;
 using kovra::trenkit::kovraexecutor::is_registered_op;
 
@@ -123,7 +125,7 @@ int cmd_inspect(const InspectOptions& options) {
   for (const NodeDef& node : graph.node()) by_name.emplace(node.name(), &node);
   std::map<std::string, int> consumers;
   for (const NodeDef& node : graph.node()) {
-    for (const std::string& input : node.input()) ++consumers[lookup_name(input)];
+    for (const std::string& input : node.input()) ++consumers[input_lookup_name(input)];
   }
   std::printf("model %s (%s format), %d nodes\n\n", options.model.c_str(), format_name(format),
               graph.node_size());
@@ -140,7 +142,7 @@ int cmd_inspect(const InspectOptions& options) {
                 known ? "" : "  (unknown operator)");
     std::string reads, weights;
     for (const std::string& input : node.input()) {
-      auto it = by_name.find(lookup_name(input));
+      auto it = by_name.find(input_lookup_name(input));
       if (it != by_name.end() && it->second->op() == "Const") {
         const auto value = it->second->attr().find("value");
         std::string detail = "no value";
@@ -182,7 +184,9 @@ int cmd_inspect(const InspectOptions& options) {
     std::vector<std::string> list(unknown.begin(), unknown.end());
     std::printf("unknown to this build: %s\n", join(list).c_str());
   }
-  return kExitOk;
+  const auto report = kovra::trenkit::kovraexecutor::check_model(graph, options.shapes);
+  if (!report.problems.empty() || !report.warnings.empty() || !options.shapes.empty()) std::printf("\n");
+  return print_report(report, !options.shapes.empty()) == 0 ? kExitOk : kExitMismatch;
 }
 
 }  // namespace kovra_tool

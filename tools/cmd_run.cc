@@ -5,10 +5,11 @@
 #include <memory>
 #include <set>
 
+#include <kovraexecutor/errors.h>
 #include <kovraexecutor/graph_executor.h>
 #include <kovraexecutor/input_loader.h>
 #include <kovraexecutor/npy.h>
-#include <kovraexecutor/op_registry.h>
+#include <kovraexecutor/model_check.h>
 
 #include "commands.h"
 #include "model_file.h"
@@ -18,8 +19,19 @@ namespace kovra_tool {
 
 using kovra::trenkit::kovraexecutor::CPU;
 using kovra::trenkit::kovraexecutor::dims_text;
+using kovra::trenkit::kovraexecutor::error_line;
+using kovra::trenkit::kovraexecutor::MessageLevel;
+using kovra::trenkit::kovraexecutor::set_message_sink;
 using kovra::trenkit::kovraexecutor::GraphExecutor;
-using kovra::trenkit::kovraexecutor::is_const_op;
+using kovra::trenkit::kovraexecutor::check_model;
+using kovra::trenkit::kovraexecutor::graph_outline;
+using kovra::trenkit::kovraexecutor::GraphOutline;
+using kovra::trenkit::kovraexecutor::ModelReport;
+using kovra::trenkit::kovraexecutor::run_depends_on;
+using kovra::trenkit::kovraexecutor::run_ends;
+using kovra::trenkit::kovraexecutor::run_feeds;
+using kovra::trenkit::kovraexecutor::run_starts;
+using kovra::trenkit::kovraexecutor::run_upstream;
 using kovra::trenkit::kovraexecutor::load_inputs;
 using kovra::trenkit::kovraexecutor::Tensor;
 using kovra::trenkit::kovraexecutor::write_npy;
@@ -32,77 +44,6 @@ std::string join(const std::vector<std::string>& items) {
   std::string text;
   for (const std::string& item : items) text += (text.empty() ? "" : ", ") + item;
   return text.empty() ? "(none)" : text;
-}
-
-// The graph as the executor will see it: non-constant nodes and their
-// non-constant producers, by lookup name.
-struct Topology {
-  std::vector<std::string> order;  // model order
-  std::map<std::string, std::string> op;
-  std::map<std::string, std::vector<std::string>> producers;
-  std::map<std::string, int> consumers;
-};
-
-Topology topology(const GraphDef& graph) {
-  Topology t;
-  std::set<std::string> constants;
-  for (const NodeDef& node : graph.node()) {
-    if (node.op() == "Const") constants.insert(node.name());
-  }
-  for (const NodeDef& node : graph.node()) {
-    if (node.op() == "Const") continue;
-    t.order.push_back(node.name());
-    t.op[node.name()] = node.op();
-    auto& list = t.producers[node.name()];
-    for (const std::string& input : node.input()) {
-      const std::string name = lookup_name(input);
-      if (constants.count(name) || std::find(list.begin(), list.end(), name) != list.end()) continue;
-      list.push_back(name);
-      ++t.consumers[name];
-    }
-  }
-  return t;
-}
-
-// The names whose tensors must be fed, mirroring how the graph picks its
-// start points: the inputs of the start nodes, or the start nodes themselves
-// when those read nothing.
-std::vector<std::string> feed_names(const Topology& t, const std::vector<std::string>& starts) {
-  std::set<std::string> names;
-  std::vector<std::string> start_nodes;
-  for (const std::string& name : t.order) {
-    const bool start = starts.empty()
-                           ? t.producers.at(name).empty() && !is_const_op(t.op.at(name))
-                           : std::find(starts.begin(), starts.end(), name) != starts.end();
-    if (!start) continue;
-    start_nodes.push_back(name);
-    for (const std::string& p : t.producers.at(name)) names.insert(p);
-  }
-  if (names.empty()) names.insert(start_nodes.begin(), start_nodes.end());
-  return std::vector<std::string>(names.begin(), names.end());
-}
-
-std::vector<std::string> end_names(const Topology& t, const std::string& output) {
-  if (!output.empty()) return {output};
-  std::vector<std::string> ends;
-  for (const std::string& name : t.order) {
-    if (t.consumers.count(name) == 0) ends.push_back(name);
-  }
-  return ends;
-}
-
-// Every node an end node depends on, itself included.
-std::set<std::string> upstream(const Topology& t, const std::vector<std::string>& ends) {
-  std::set<std::string> seen;
-  std::vector<std::string> stack(ends.begin(), ends.end());
-  while (!stack.empty()) {
-    const std::string name = stack.back();
-    stack.pop_back();
-    if (!seen.insert(name).second) continue;
-    auto it = t.producers.find(name);
-    if (it != t.producers.end()) stack.insert(stack.end(), it->second.begin(), it->second.end());
-  }
-  return seen;
 }
 
 std::vector<float> float_values(const GraphExecutor& executor, const Tensor* tensor) {
@@ -156,17 +97,25 @@ int cmd_run(const RunOptions& options) {
     std::fprintf(stderr, "kovra run: reading %s as a %s model (--format auto)\n", options.model.c_str(),
                  format_name(format));
   }
-  if (!check_model(graph, error)) return fail(kWhere, options.model + ": " + error);
+  const ModelReport report = check_model(graph);
+  if (!report.problems.empty()) return fail(kWhere, options.model + ": " + report.problems.front().message);
 
-  const Topology t = topology(graph);
+  const GraphOutline outline = graph_outline(graph);
   for (const std::string& name : options.starts) {
-    if (!t.op.count(name)) return fail(kWhere, "--start: the model has no node '" + name + "'");
+    if (outline.find(name) < 0) return fail(kWhere, "--start: the model has no node '" + name + "'");
   }
-  if (!options.output.empty() && !t.op.count(options.output)) {
+  if (!options.output.empty() && outline.find(options.output) < 0) {
     return fail(kWhere, "--output: the model has no node '" + options.output + "'");
   }
-  const std::vector<std::string> feeds = feed_names(t, options.starts);
-  const std::set<std::string> needed = upstream(t, end_names(t, options.output));
+  const std::vector<size_t> starts = run_starts(outline, options.starts);
+  const std::vector<size_t> ends = run_ends(outline, options.output);
+  if (!options.starts.empty() && !options.output.empty() && !run_depends_on(outline, ends.front(), starts)) {
+    return fail(kWhere, "--output: node '" + options.output + "' does not depend on the --start nodes (" +
+                            join(options.starts) + ")");
+  }
+  const std::vector<std::string> feeds = run_feeds(outline, starts);
+  const std::vector<std::string> upstream = run_upstream(outline, ends);
+  const std::set<std::string> needed(upstream.begin(), upstream.end());
   for (const auto& arg : options.inputs) {
     if (std::find(feeds.begin(), feeds.end(), arg.name) == feeds.end()) {
       return fail(kWhere, "unknown input '" + arg.name + "'; the model's inputs are: " + join(feeds));
@@ -189,6 +138,16 @@ int cmd_run(const RunOptions& options) {
     return fail(kWhere, "cannot create dump folder '" + options.dump_dir + "'");
   }
 
+  if (options.quiet) {
+    // Errors and warnings still show; the banner and log lines do not.
+    set_message_sink([](MessageLevel level, const std::string& text) {
+      if (level == MessageLevel::kError) {
+        std::fputs(error_line(text).c_str(), stdout);
+      } else if (level == MessageLevel::kWarning) {
+        std::printf("\033[1m\033[33mWarning: %s\033[0m\n", text.c_str());
+      }
+    });
+  }
   if (options.threads > 0) GraphExecutor::set_num_threads(options.threads);
   std::unique_ptr<GraphExecutor> executor(format == ModelFormat::kProtected
                                               ? new GraphExecutor(options.model, CPU)

@@ -4,10 +4,13 @@
 #include <iostream>
 #include <string>
 
+#include <kovraexecutor/model_check.h>
+
 #include "args_parser.h"
 
 namespace kovra_tool {
 
+using kovra::trenkit::kovraexecutor::CheckOptions;
 using kovra::trenkit::kovraexecutor::CipherOptions;
 using kovra::trenkit::kovraexecutor::CompareOptions;
 using kovra::trenkit::kovraexecutor::ConvertOptions;
@@ -16,9 +19,14 @@ using kovra::trenkit::kovraexecutor::RunOptions;
 
 // Exit codes of the tool.
 const int kExitOk = 0;
-const int kExitMismatch = 1;    // compare: a tensor is out of tolerance
+const int kExitMismatch = 1;    // compare: a tensor is out of tolerance; check: problems found
 const int kExitUsage = 2;       // bad invocation, unreadable file, invalid model
 const int kExitModelError = 3;  // the library stopped on an error while running
+
+// Prints the report of the model check, one line per finding ("problem: " or
+// "warning: " NODE "(" OP "): " MESSAGE) and, when `shapes` is set, one per
+// inferred output shape; returns the number of problems.
+size_t print_report(const kovra::trenkit::kovraexecutor::ModelReport& report, bool shapes);
 
 // Prints "<where>: <message>" as the one line of a failed command.
 inline int fail(const std::string& where, const std::string& message) {
@@ -28,6 +36,7 @@ inline int fail(const std::string& where, const std::string& message) {
 }
 
 int cmd_run(const RunOptions& options);
+int cmd_check(const CheckOptions& options);
 int cmd_inspect(const InspectOptions& options);
 int cmd_convert(const ConvertOptions& options);
 int cmd_protect(const CipherOptions& options);

@@ -1,31 +1,25 @@
-// The kovra command-line tool: run, inspect, convert, protect, unprotect and
-// compare accelerator models on the host.
+// The kovra command-line tool: run, check, inspect, convert, protect,
+// unprotect and compare accelerator models on the host.
 
-#include <csignal>
 #include <cstdio>
-#include <unistd.h>
+#include <iostream>
+
+#include <kovraexecutor/errors.h>
 
 #include "args_parser.h"
 #include "commands.h"
 
 namespace {
 
-// The library reports an error with one line on standard output (flushed
-// before it aborts); that line is the tool's message, and the exit code says
-// so, without a core dump. Only async-signal-safe calls belong here.
-extern "C" void on_abort(int) { _exit(kovra_tool::kExitModelError); }
+using kovra::trenkit::kovraexecutor::ArgsParser;
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  std::signal(SIGABRT, on_abort);
-  kovra::trenkit::kovraexecutor::ArgsParser parser;
-  const int code = parser.parse(argc, argv);
-  if (code >= 0) return code;
-  using Command = kovra::trenkit::kovraexecutor::ArgsParser::Command;
+int dispatch(const ArgsParser& parser) {
+  using Command = ArgsParser::Command;
   switch (parser.command()) {
     case Command::kRun:
       return kovra_tool::cmd_run(parser.run());
+    case Command::kCheck:
+      return kovra_tool::cmd_check(parser.check());
     case Command::kInspect:
       return kovra_tool::cmd_inspect(parser.inspect());
     case Command::kConvert:
@@ -40,4 +34,28 @@ int main(int argc, char** argv) {
       break;
   }
   return kovra_tool::kExitUsage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  namespace kx = kovra::trenkit::kovraexecutor;
+  ArgsParser parser;
+  const int code = parser.parse(argc, argv);
+  if (code >= 0) return code;
+  // A library failure is the tool's message: the library's own error line on
+  // standard output, the node it concerns on standard error, exit code 3.
+  kx::ScopedErrorPolicy policy(kx::ErrorPolicy::kThrow);
+  try {
+    return dispatch(parser);
+  } catch (const kx::Error& e) {
+    std::fflush(stdout);
+    std::fputs(kx::error_line(e.message()).c_str(), stdout);
+    std::fflush(stdout);
+    if (!e.node().empty()) {
+      std::cerr << "kovra: the error is in node '" << e.node() << "' (operator " << e.op() << ")"
+                << std::endl;
+    }
+    return kovra_tool::kExitModelError;
+  }
 }

@@ -4,8 +4,6 @@
 
 #include <cerrno>
 #include <fstream>
-#include <map>
-#include <set>
 #include <sstream>
 
 #include <google/protobuf/io/coded_stream.h>
@@ -15,12 +13,10 @@
 #include <google/protobuf/text_format.h>
 
 #include <kovraexecutor/encryption.h>
-#include <kovraexecutor/op_registry.h>
 
 namespace kovra_tool {
 
 using kovra::trenkit::kovraexecutor::EncryptionRC4;
-using kovra::trenkit::kovraexecutor::is_registered_op;
 
 namespace {
 
@@ -90,51 +86,6 @@ bool looks_sane(const GraphDef& graph) {
   return true;
 }
 
-int element_size(int dtype) {
-  switch (dtype) {
-    case 1:
-    case 3:
-    case 22:
-      return 4;
-    case 4:
-    case 6:
-      return 1;
-    case 5:
-      return 2;
-    default:
-      return 0;
-  }
-}
-
-bool check_const(const NodeDef& node, std::string& error) {
-  auto it = node.attr().find("value");
-  if (it == node.attr().end() || it->second.value_case() != kovra::trenkit::AttrValue::kTensor) {
-    error = "constant '" + node.name() + "' has no tensor attribute \"value\"";
-    return false;
-  }
-  const auto& tensor = it->second.tensor();
-  const int size = element_size(tensor.dtype());
-  if (size == 0) {
-    error = "constant '" + node.name() + "' has unsupported element type " + std::to_string(tensor.dtype());
-    return false;
-  }
-  long long count = 1;
-  for (const auto& dim : tensor.tensor_shape().dim()) {
-    if (dim.size() < 0 || dim.size() > 0x7fffffffLL || count * dim.size() > 0x7fffffffLL) {
-      error = "constant '" + node.name() + "' has an invalid shape";
-      return false;
-    }
-    count *= dim.size();
-  }
-  const unsigned long long needed = static_cast<unsigned long long>(count) * size;
-  if (tensor.tensor_content().size() < needed) {
-    error = "constant '" + node.name() + "' holds " + std::to_string(tensor.tensor_content().size()) +
-            " bytes of data but its shape needs " + std::to_string(needed);
-    return false;
-  }
-  return true;
-}
-
 }  // namespace
 
 const char* format_name(ModelFormat format) {
@@ -147,14 +98,6 @@ const char* format_name(ModelFormat format) {
       return "protected";
   }
   return "?";
-}
-
-std::string lookup_name(const std::string& input) {
-  const size_t p = input.find(':');
-  if (p == std::string::npos) return input;
-  const size_t len = input.size();
-  const size_t keep = std::min(len, len + 1 - p);
-  return input.substr(0, keep);
 }
 
 bool read_file(const std::string& path, std::string& bytes) {
@@ -265,75 +208,6 @@ bool read_model(const std::string& path, const std::string& format, GraphDef& gr
   const bool ok = read_model_bytes(path, format, graph, chosen, error, bytes);
   if (binary != nullptr) *binary = ok && chosen != ModelFormat::kText ? bytes : std::string();
   return ok;
-}
-
-bool check_model(const GraphDef& graph, std::string& error) {
-  std::map<std::string, const NodeDef*> by_name;
-  for (const NodeDef& node : graph.node()) {
-    if (node.name().empty()) {
-      error = "the model has a node without a name (op " + node.op() + ")";
-      return false;
-    }
-    if (!by_name.emplace(node.name(), &node).second) {
-      error = "the node name '" + node.name() + "' appears twice";
-      return false;
-    }
-  }
-  std::set<std::string> unknown;
-  for (const NodeDef& node : graph.node()) {
-    if (node.op() != "Const" && !is_registered_op(node.op())) unknown.insert(node.op());
-  }
-  if (!unknown.empty()) {
-    std::string list;
-    for (const std::string& op : unknown) list += (list.empty() ? "" : ", ") + op;
-    error = "the model uses operators this build does not have: " + list;
-    return false;
-  }
-  // Producers of every non-constant node, by lookup name.
-  std::map<std::string, std::vector<std::string>> producers;
-  for (const NodeDef& node : graph.node()) {
-    if (node.op() == "Const") {
-      if (!check_const(node, error)) return false;
-      continue;
-    }
-    std::vector<std::string>& list = producers[node.name()];
-    for (const std::string& input : node.input()) {
-      const std::string name = lookup_name(input);
-      auto it = by_name.find(name);
-      if (it == by_name.end()) {
-        error = "node '" + node.name() + "' reads '" + input + "', which is not in the model";
-        return false;
-      }
-      if (it->second->op() != "Const") list.push_back(name);
-    }
-  }
-  // Kahn's algorithm: whatever is left over lies on a cycle.
-  std::map<std::string, int> missing;
-  std::map<std::string, std::vector<std::string>> consumers;
-  std::vector<std::string> ready;
-  for (const auto& entry : producers) {
-    missing[entry.first] = static_cast<int>(entry.second.size());
-    for (const std::string& p : entry.second) consumers[p].push_back(entry.first);
-    if (entry.second.empty()) ready.push_back(entry.first);
-  }
-  size_t done = 0;
-  while (!ready.empty()) {
-    const std::string name = ready.back();
-    ready.pop_back();
-    ++done;
-    for (const std::string& c : consumers[name]) {
-      if (--missing[c] == 0) ready.push_back(c);
-    }
-  }
-  if (done != producers.size()) {
-    std::string left;
-    for (const auto& entry : missing) {
-      if (entry.second > 0) left += (left.empty() ? "" : ", ") + entry.first;
-    }
-    error = "the model has a cycle among the nodes: " + left;
-    return false;
-  }
-  return true;
 }
 
 bool write_model(const GraphDef& graph, ModelFormat format, const std::string& path,

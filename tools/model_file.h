@@ -25,15 +25,6 @@ const char* format_name(ModelFormat format);
 bool read_model(const std::string& path, const std::string& format, GraphDef& graph,
                 ModelFormat& chosen, std::string& error, std::string* binary = nullptr);
 
-// Checks everything about a model that the library would otherwise stop the
-// process for while translating it: known operators, unique names, inputs
-// that exist, well-formed constants, no cycle.
-bool check_model(const GraphDef& graph, std::string& error);
-
-// The name under which the executor looks an input reference up (its rule
-// for references with ':').
-std::string lookup_name(const std::string& input);
-
 // Writes `graph` in `format`; binary forms use `binary` when it is not empty
 // and a deterministic serialization (map entries sorted) otherwise.
 bool write_model(const GraphDef& graph, ModelFormat format, const std::string& path,

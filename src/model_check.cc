@@ -1,0 +1,253 @@
+#include "model_check.h"
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <set>
+
+#include "common.h"
+#include "graph_topology.h"
+#include "node.h"
+#include "op_attr.h"
+#include "op_registry.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+namespace {
+
+// Keys the node itself and the executor read, beside the operators' own.
+const std::set<std::string> kFrameworkKeys = {"output_bitwidth", "op_target", "target_device"};
+
+// Every "ActionType" value some operator acts on; any other value silently
+// means "no activation" and is most likely a misspelling.
+const std::set<std::string> kActionTypes = {
+    "None",    "Linear", "Relu", "Relu6", "LeakyRelu", "PRelu", "Hsigmoid", "Swish",
+    "Sigmoid", "Selu",   "Tanh", "Elu",   "HardSwish", "Mish",  "Softplus", "Softsign"};
+
+class Checker {
+ public:
+  Checker(const GraphDef& graph, ModelReport& report) : graph_(graph), report_(report) {}
+
+  void run(const std::map<std::string, std::vector<int>>& input_shapes) {
+    infer_ = !input_shapes.empty();
+    _names();
+    _constants();
+    _nodes();
+    std::vector<size_t> cyclic;
+    const std::vector<size_t> order = topological_order(outline_.producers, &cyclic);
+    if (!cyclic.empty()) {
+      std::string left;
+      for (size_t i : cyclic) left += (left.empty() ? "" : ", ") + outline_.names[i];
+      problem(outline_.names[cyclic[0]], outline_.ops[cyclic[0]],
+              "the model has a cycle among the nodes: " + left);
+    }
+    if (!input_shapes.empty()) _shapes(order, input_shapes);
+  }
+
+ private:
+  void problem(const std::string& node, const std::string& op, const std::string& message) {
+    report_.problems.push_back({node, op, message});
+  }
+  void warning(const std::string& node, const std::string& op, const std::string& message) {
+    report_.warnings.push_back({node, op, message});
+  }
+
+  void _names() {
+    std::set<std::string> seen;
+    for (const NodeDef& node : graph_.node()) {
+      if (node.name().empty()) {
+        problem("", node.op(), "the model has a node without a name (op " + node.op() + ")");
+      } else if (!seen.insert(node.name()).second) {
+        problem(node.name(), node.op(), "the node name '" + node.name() + "' appears twice");
+      }
+      // The first node of a name is the one the executor would use.
+      defs_.emplace(node.name(), &node);
+    }
+    outline_ = graph_outline(graph_);
+  }
+
+  void _constants() {
+    for (const NodeDef& node : graph_.node()) {
+      if (node.op() != "Const" || defs_[node.name()] != &node) continue;
+      auto it = node.attr().find("value");
+      if (it == node.attr().end() || it->second.value_case() != AttrValue::kTensor) {
+        problem(node.name(), node.op(), "constant '" + node.name() + "' has no tensor attribute \"value\"");
+        continue;
+      }
+      const TensorProto& tensor = it->second.tensor();
+      long long count = 1;
+      bool valid = true;
+      for (const auto& dim : tensor.tensor_shape().dim()) {
+        valid = valid && dim.size() >= 0 && dim.size() <= 0x7fffffffLL && count * dim.size() <= 0x7fffffffLL;
+        if (valid) count *= dim.size();
+      }
+      if (!valid) {
+        problem(node.name(), node.op(), "constant '" + node.name() + "' has an invalid shape");
+        continue;
+      }
+      int size = 0;
+      try {
+        ScopedErrorPolicy policy(ErrorPolicy::kThrow);
+        size = Tensor().element_byte_size(static_cast<Tensor::DataType>(tensor.dtype()));
+      } catch (const Error&) {
+      }
+      if (size <= 0) {
+        problem(
+            node.name(), node.op(),
+            "constant '" + node.name() + "' has unsupported element type " + std::to_string(tensor.dtype()));
+        continue;
+      }
+      const unsigned long long needed = static_cast<unsigned long long>(count) * size;
+      const size_t held = tensor.tensor_content().size();
+      const std::string detail = "constant '" + node.name() + "' holds " + std::to_string(held) +
+                                 " bytes of data but its shape needs " + std::to_string(needed);
+      if (held < needed) problem(node.name(), node.op(), detail);
+      if (held > needed) warning(node.name(), node.op(), detail + "; the rest is ignored");
+    }
+  }
+
+  // Operators, inputs and attributes of every non-constant node.
+  void _nodes() {
+    nodes_.resize(outline_.names.size());
+    for (size_t i = 0; i < outline_.names.size(); ++i) {
+      const NodeDef& def = *defs_.at(outline_.names[i]);
+      const std::string& op = def.op();
+      for (const std::string& input : def.input()) {
+        const std::string name = input_lookup_name(input);
+        if (defs_.count(name) == 0) {
+          problem(def.name(), op,
+                  "node '" + def.name() + "' reads '" + input + "', which is not in the model");
+        }
+      }
+      if (!is_registered_op(op)) {
+        problem(def.name(), op, "the model uses operators this build does not have: " + op);
+        continue;
+      }
+      std::unique_ptr<Node> node(new Node());
+      node->set_name(def.name());
+      AttrReadTracker tracker;
+      try {
+        ScopedErrorPolicy policy(ErrorPolicy::kThrow);
+        NodeErrorScope scope(def.name(), op);
+        node->init_op(op);
+        for (size_t p : outline_.producers[i]) node->add_input(outline_.names[p]);
+        // Weights matter to shape inference only; a plain check need not copy them.
+        if (infer_) {
+          for (const std::string& input : def.input()) _add_weight(*node, input_lookup_name(input));
+        }
+        node->parse_parameter(def);
+        nodes_[i] = std::move(node);
+      } catch (const Error& e) {
+        problem(def.name(), op, e.message());
+      }
+      for (const auto& attr : def.attr()) {
+        if (!tracker.keys().count(attr.first) && !kFrameworkKeys.count(attr.first)) {
+          warning(def.name(), op, "the attribute \"" + attr.first + "\" is read by no operator");
+        }
+      }
+      auto action = def.attr().find("ActionType");
+      if (action != def.attr().end() && action->second.value_case() == AttrValue::kS &&
+          !kActionTypes.count(action->second.s())) {
+        warning(def.name(), op, "the ActionType \"" + action->second.s() + "\" is recognised by no operator");
+      }
+    }
+  }
+
+  // Constant inputs become the node's weights, as the executor attaches them.
+  void _add_weight(Node& node, const std::string& name) {
+    auto it = defs_.find(name);
+    if (it == defs_.end() || it->second->op() != "Const") return;
+    auto value = it->second->attr().find("value");
+    if (value == it->second->attr().end() || value->second.value_case() != AttrValue::kTensor) return;
+    const TensorProto& proto = value->second.tensor();
+    std::vector<int> shape;
+    get_tensor_shape(&proto, shape);
+    if (shape.empty()) shape.push_back(1);
+    Tensor* weight = node.add_weight(name);
+    if (weight == nullptr) return;
+    const auto type = static_cast<Tensor::DataType>(proto.dtype());
+    weight->set_data(shape, type, nullptr);
+    const size_t bytes = std::min(static_cast<size_t>(weight->byte_size()), proto.tensor_content().size());
+    if (bytes > 0) std::memcpy(weight->get_mutable_ptr(), proto.tensor_content().data(), bytes);
+  }
+
+  // Shape inference in execution order on tensors that are shaped but never
+  // computed. A node whose inputs have no shape is skipped, silently: the
+  // problem lies upstream and is reported there.
+  void _shapes(const std::vector<size_t>& order,
+               const std::map<std::string, std::vector<int>>& input_shapes) {
+    std::map<std::string, std::unique_ptr<Tensor>> fed;
+    for (const auto& entry : input_shapes) {
+      if (outline_.find(entry.first) < 0) {
+        problem(entry.first, "", "a shape is given for '" + entry.first + "', which is no node of the model");
+        continue;
+      }
+      std::unique_ptr<Tensor> tensor(new Tensor());
+      tensor->set_name(entry.first);
+      try {
+        ScopedErrorPolicy policy(ErrorPolicy::kThrow);
+        tensor->set_data(entry.second, Tensor::DT_FLOAT, nullptr);
+      } catch (const Error& e) {
+        problem(entry.first, "", e.message());
+        continue;
+      }
+      fed.emplace(entry.first, std::move(tensor));
+    }
+    std::vector<std::unique_ptr<Tensor>> outputs(outline_.names.size());
+    for (size_t i : order) {
+      Node* node = nodes_[i].get();
+      if (node == nullptr) continue;
+      std::vector<const Tensor*> inputs;
+      bool ready = true;
+      for (size_t p : outline_.producers[i]) {
+        auto it = fed.find(outline_.names[p]);
+        const Tensor* tensor = it != fed.end() ? it->second.get() : outputs[p].get();
+        ready = ready && tensor != nullptr;
+        inputs.push_back(tensor);
+      }
+      if (outline_.producers[i].empty() && !is_const_op(outline_.ops[i])) {
+        auto it = fed.find(outline_.names[i]);
+        ready = it != fed.end();
+        if (ready) inputs.push_back(it->second.get());
+      }
+      if (!ready) continue;
+      for (const Tensor* weight : node->weights()) inputs.push_back(weight);
+      try {
+        ScopedErrorPolicy policy(ErrorPolicy::kThrow);
+        NodeErrorScope scope(outline_.names[i], outline_.ops[i]);
+        node->inference_shape(inputs);
+        if (node->oshape().empty()) continue;
+        std::unique_ptr<Tensor> out(new Tensor());
+        out->set_name(outline_.names[i]);
+        out->set_data(node->oshape(), inputs.empty() ? Tensor::DT_FLOAT : inputs[0]->data_type(), nullptr);
+        outputs[i] = std::move(out);
+      } catch (const Error& e) {
+        problem(outline_.names[i], outline_.ops[i], e.message());
+        continue;
+      }
+      report_.shapes.push_back({outline_.names[i], outline_.ops[i], node->oshape()});
+    }
+  }
+
+  const GraphDef& graph_;
+  ModelReport& report_;
+  std::map<std::string, const NodeDef*> defs_;
+  GraphOutline outline_;
+  std::vector<std::unique_ptr<Node>> nodes_;
+  bool infer_ = false;
+};
+
+}  // namespace
+
+ModelReport check_model(const GraphDef& graph, const std::map<std::string, std::vector<int>>& input_shapes) {
+  ModelReport report;
+  Checker(graph, report).run(input_shapes);
+  return report;
+}
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
