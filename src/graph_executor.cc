@@ -140,13 +140,8 @@ void GraphExecutor::_parse_node_weight(const NodeDef& const_node, Tensor* weight
   if (it == const_node.attr().end()) fatal("key not found: value");
   const TensorProto& proto = it->second.tensor();
   std::vector<int> shape;
-  long long count = 1;
-  for (const auto& dim : proto.tensor_shape().dim()) {
-    if (dim.size() < 0 || dim.size() > 0x7fffffffLL || count * dim.size() > 0x7fffffffLL) {
-      fatal("The constant node:" + const_node.name() + " has an invalid shape.");
-    }
-    count *= dim.size();
-  }
+  const long long count = constant_element_count(proto);
+  if (count < 0) fatal("The constant node:" + const_node.name() + " has an invalid shape.");
   get_tensor_shape(&proto, shape);
   // A rank-0 constant is one element; a Tensor cannot be sized by an empty shape.
   if (shape.empty()) shape.push_back(1);

@@ -50,6 +50,15 @@ std::vector<size_t> topological_order(const std::vector<std::vector<size_t>>& pr
   return order;
 }
 
+long long constant_element_count(const TensorProto& tensor) {
+  long long count = 1;
+  for (const auto& dim : tensor.tensor_shape().dim()) {
+    if (dim.size() < 0 || dim.size() > 0x7fffffffLL || count * dim.size() > 0x7fffffffLL) return -1;
+    count *= dim.size();
+  }
+  return count;
+}
+
 int GraphOutline::find(const std::string& name) const {
   auto it = std::find(names.begin(), names.end(), name);
   return it == names.end() ? -1 : static_cast<int>(it - names.begin());

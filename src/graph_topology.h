@@ -22,6 +22,10 @@ namespace kovraexecutor {
 std::vector<size_t> topological_order(const std::vector<std::vector<size_t>>& producers,
                                       std::vector<size_t>* cyclic = nullptr);
 
+// The element count of a constant's shape, or -1 when a dimension is negative
+// or the count does not fit a 32-bit element count.
+long long constant_element_count(const ::kovra::trenkit::TensorProto& tensor);
+
 }  // namespace kovraexecutor
 }  // namespace trenkit
 }  // namespace kovra

@@ -78,13 +78,8 @@ class Checker {
         continue;
       }
       const TensorProto& tensor = it->second.tensor();
-      long long count = 1;
-      bool valid = true;
-      for (const auto& dim : tensor.tensor_shape().dim()) {
-        valid = valid && dim.size() >= 0 && dim.size() <= 0x7fffffffLL && count * dim.size() <= 0x7fffffffLL;
-        if (valid) count *= dim.size();
-      }
-      if (!valid) {
+      const long long count = constant_element_count(tensor);
+      if (count < 0) {
         problem(node.name(), node.op(), "constant '" + node.name() + "' has an invalid shape");
         continue;
       }
