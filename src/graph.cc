@@ -337,13 +337,9 @@ void Graph::_run_now(NodePlan* plan) {
   }
 }
 
-Tensor* Graph::get_mutable_output_tensor(const std::string& name) const {
-  auto it = output_tensors_.find(name);
-  if (it == output_tensors_.end()) fatal("Do not find the output tensor of name:" + name);
-  return it->second;
-}
+Tensor* Graph::get_mutable_output_tensor(const std::string& name) const { return output_tensors_.at(name); }
 
-const Tensor* Graph::get_output_tensor(const std::string& name) const { return get_mutable_output_tensor(name); }
+const Tensor* Graph::get_output_tensor(const std::string& name) const { return output_tensors_.at(name); }
 
 Tensor* Graph::get_mutable_node_tensor(const std::string& name) const {
   Node* node = get_node(name);
