@@ -37,7 +37,7 @@ class KOVRA_API ScopedErrorPolicy {
 
 // A failure under kThrow. message() is the error line's text without colour
 // codes and without the "Error: " word (for example
-// `Check failed: suc=="Do not find the strides in FloatZ40Conv2D!!!"`), and
+// `Check failed: suc==>"Do not find the strides in FloatZ40Conv2D!!!"`), and
 // what() returns the same text. node() and op() name the node and its
 // operator type when the failure happened while a node was being translated,
 // prepared or run; both are empty otherwise.
