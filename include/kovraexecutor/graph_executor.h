@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "errors.h"
 #include "export.h"
 #include "lite/proto/graph_def.pb.h"
 #include "tensor.h"
