@@ -14,7 +14,9 @@ namespace kovraexecutor {
 // What a failure does. kAbort is the default and the library's documented
 // behaviour: the error line on standard output, then abort(). kThrow raises
 // Error instead and prints nothing, for programs that embed the library and
-// must outlive a bad model or a wrong call.
+// must outlive a bad model or a wrong call: the executor that threw stays
+// usable, and a failure on a pool thread of the library reaches the calling
+// thread, under whose policy the pool's tasks run.
 enum class ErrorPolicy { kAbort, kThrow };
 
 // The process-wide policy.
