@@ -27,8 +27,8 @@ std::atomic<int> process_policy{static_cast<int>(ErrorPolicy::kAbort)};
 // -1: the thread follows the process-wide policy.
 thread_local int thread_policy = -1;
 
-thread_local const std::string* current_node = nullptr;
-thread_local const std::string* current_op = nullptr;
+// The innermost NodeErrorScope of the thread.
+thread_local const NodeErrorScope* current_scope = nullptr;
 
 std::mutex sink_mutex;
 MessageSink& sink() {
@@ -75,23 +75,35 @@ std::string error_line(const std::string& message) {
   return std::string(kErrorColor) + "Error: " + message + kColorReset;
 }
 
+NodeErrorScope::NodeErrorScope() : previous_(current_scope) { current_scope = this; }
+
 NodeErrorScope::NodeErrorScope(const std::string& node, const std::string& op)
-    : previous_node_(current_node), previous_op_(current_op) {
-  current_node = &node;
-  current_op = &op;
+    : node_(&node), op_(&op), previous_(current_scope) {
+  current_scope = this;
 }
 
-NodeErrorScope::~NodeErrorScope() {
-  current_node = previous_node_;
-  current_op = previous_op_;
+NodeErrorScope::~NodeErrorScope() { current_scope = previous_; }
+
+ErrorContext ErrorContext::current() { return ErrorContext{thread_policy, current_scope}; }
+
+ScopedErrorContext::ScopedErrorContext(const ErrorContext& context) : previous_(ErrorContext::current()) {
+  thread_policy = context.policy;
+  current_scope = context.scope;
+}
+
+ScopedErrorContext::~ScopedErrorContext() {
+  thread_policy = previous_.policy;
+  current_scope = previous_.scope;
 }
 
 void print_error(const std::string& text) { emit(MessageLevel::kError, kErrorColor, "Error: ", text); }
 
 void fatal(const std::string& text) {
   if (error_policy() == ErrorPolicy::kThrow) {
-    throw Error(text, current_node != nullptr ? *current_node : std::string(),
-                current_op != nullptr ? *current_op : std::string());
+    const NodeErrorScope* scope = current_scope;
+    while (scope != nullptr && scope->node_ == nullptr) scope = scope->previous_;
+    if (scope == nullptr) throw Error(text, std::string(), std::string());
+    throw Error(text, *scope->node_, *scope->op_);
   }
   print_line(kErrorColor, "Error: ", text);
   std::abort();
@@ -107,7 +119,9 @@ void check_failed_quoted(const std::string& condition, const std::string& reason
   check_failed(condition, "\"" + reason + "\"");
 }
 
-void print_warning(const std::string& text) { emit(MessageLevel::kWarning, kWarningColor, "Warning: ", text); }
+void print_warning(const std::string& text) {
+  emit(MessageLevel::kWarning, kWarningColor, "Warning: ", text);
+}
 
 void print_log(const std::string& text) { emit(MessageLevel::kLog, kLogColor, "Log: ", text); }
 

@@ -36,18 +36,55 @@ void print_log(const std::string& text);
 void print_banner(const std::string& line);
 
 // Names the node whose translation, preparation or run is under way on this
-// thread, so that a failure inside it can say which node failed. Holds
-// pointers: the strings must outlive the scope.
+// thread, so that a failure inside it can say which node failed (Error::node()
+// and op() under kThrow; the kAbort line stays the message alone). Holds
+// pointers, never copies: the strings must outlive the time they are named.
+// A loop over nodes keeps one scope and calls set() per node, which is two
+// stores and no thread-local access. Scopes nest; a scope naming no node
+// leaves the naming to the enclosing one.
 class NodeErrorScope {
  public:
+  NodeErrorScope();
   NodeErrorScope(const std::string& node, const std::string& op);
   ~NodeErrorScope();
   NodeErrorScope(const NodeErrorScope&) = delete;
   NodeErrorScope& operator=(const NodeErrorScope&) = delete;
 
+  void set(const std::string& node, const std::string& op) {
+    node_ = &node;
+    op_ = &op;
+  }
+  void clear() {
+    node_ = nullptr;
+    op_ = nullptr;
+  }
+
  private:
-  const std::string* previous_node_;
-  const std::string* previous_op_;
+  friend void fatal(const std::string& text);
+  const std::string* node_ = nullptr;
+  const std::string* op_ = nullptr;
+  const NodeErrorScope* previous_;
+};
+
+// What a failure on this thread would report: the policy in force and the
+// innermost named node. The thread pool carries it from the caller into its
+// workers, so that a task fails as its caller would.
+struct ErrorContext {
+  int policy;
+  const NodeErrorScope* scope;
+  static ErrorContext current();
+};
+
+// Puts `context` in force on the calling thread for the scope's lifetime.
+class ScopedErrorContext {
+ public:
+  explicit ScopedErrorContext(const ErrorContext& context);
+  ~ScopedErrorContext();
+  ScopedErrorContext(const ScopedErrorContext&) = delete;
+  ScopedErrorContext& operator=(const ScopedErrorContext&) = delete;
+
+ private:
+  ErrorContext previous_;
 };
 
 }  // namespace kovraexecutor

@@ -1,6 +1,9 @@
 #include "encryption.h"
 
 #include <fcntl.h>
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/io/tokenizer.h>
+#include <google/protobuf/text_format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <vector>
 
@@ -66,6 +70,41 @@ struct RemoveOnExit {
   ~RemoveOnExit() { std::remove(path.c_str()); }
 };
 
+// Collects nothing: a failed guess at the text form is not worth a log line.
+class IgnoreErrors : public google::protobuf::io::ErrorCollector {
+ public:
+  void AddError(int, google::protobuf::io::ColumnNumber, const std::string&) override {}
+};
+
+// Bytes can parse as a GraphDef by chance (unknown fields are skipped); a
+// model has at least one node, and every node a name and an op.
+bool has_nodes(const ::kovra::trenkit::GraphDef& graph) {
+  if (graph.node_size() == 0) return false;
+  for (const auto& node : graph.node()) {
+    if (node.name().empty() || node.op().empty()) return false;
+  }
+  return true;
+}
+
+enum class PlainForm { kNone, kBinary, kText };
+
+// Whether the stored bytes are a plain model rather than a protected one.
+PlainForm plain_model_form(const std::string& stored) {
+  if (EncryptionRC4::has_magic(stored)) return PlainForm::kNone;
+  ::kovra::trenkit::GraphDef graph;
+  google::protobuf::io::CodedInputStream coded(reinterpret_cast<const uint8_t*>(stored.data()),
+                                               static_cast<int>(stored.size()));
+  coded.SetTotalBytesLimit(2147483647);
+  if (graph.ParseFromCodedStream(&coded) && coded.ConsumedEntireMessage() && has_nodes(graph)) {
+    return PlainForm::kBinary;
+  }
+  graph.Clear();
+  google::protobuf::TextFormat::Parser parser;
+  IgnoreErrors ignore;
+  parser.RecordErrorsTo(&ignore);
+  return parser.ParseFromString(stored, &graph) && has_nodes(graph) ? PlainForm::kText : PlainForm::kNone;
+}
+
 }  // namespace
 
 void EncryptionRC4::crypt(std::string& bytes) {
@@ -102,13 +141,14 @@ std::string EncryptionRC4::unprotect(const std::string& stored) {
 }
 
 ::kovra::trenkit::GraphDef* EncryptionRC4::decryption_model(const std::string& path) {
-  auto* graph_def = new ::kovra::trenkit::GraphDef();
-  std::string bytes;
-  if (!read_file(path, bytes)) {
+  // Owned until returned, so that a failure thrown under ErrorPolicy::kThrow leaks nothing.
+  std::unique_ptr<::kovra::trenkit::GraphDef> graph_def(new ::kovra::trenkit::GraphDef());
+  std::string stored;
+  if (!read_file(path, stored)) {
     print_error("Open file [" + path + "] error!");
-    return graph_def;
+    return graph_def.release();
   }
-  bytes = unprotect(bytes);
+  const std::string bytes = unprotect(stored);
   // A private file per call (mode 0600, unique name), so that two processes
   // never read each other's plain model.
   std::string temp = temporary_directory() + "/kovra_template_XXXXXX";
@@ -123,11 +163,26 @@ std::string EncryptionRC4::unprotect(const std::string& stored) {
   std::ifstream probe(cleanup.path, std::ios::in | std::ios::binary);
   if (!probe.is_open()) {
     std::fprintf(stderr, "open failed %s\n", cleanup.path.c_str());
-    return graph_def;
+    return graph_def.release();
   }
   probe.close();
-  if (!parse_graph_file(cleanup.path, graph_def)) print_error("open model file failed, " + path);
-  return graph_def;
+  const bool parsed = parse_graph_file(cleanup.path, graph_def.get());
+  if (!parsed || !has_nodes(*graph_def)) {
+    // The usual mistake: a model that was never protected. Say so, instead of
+    // the empty graph failing later for want of an end point.
+    const PlainForm form = plain_model_form(stored);
+    if (form != PlainForm::kNone) {
+      const bool text = form == PlainForm::kText;
+      fatal("The model file " + path + " is a plain (unprotected) model" + (text ? " in text format" : "") +
+            ", but a path given to GraphExecutor must be a protected model: " +
+            (text ? "parse it with google::protobuf::TextFormat"
+                  : "read it with load_graph() of kovraexecutor/model_reader.h") +
+            " and pass the GraphDef to GraphExecutor(const GraphDef*, DEVICE), or protect the file with "
+            "kovra protect.");
+    }
+  }
+  if (!parsed) print_error("open model file failed, " + path);
+  return graph_def.release();
 }
 
 bool EncryptionRC4::encryption_model(const std::string& in_path, const std::string& out_path) {

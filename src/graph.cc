@@ -87,6 +87,7 @@ void Graph::_top_sort(std::unordered_map<std::string, std::vector<std::string>>&
 }
 
 void Graph::initialize(const std::vector<std::string>& input_names, const std::string& output_name) {
+  initialized_ = false;
   plan_valid_ = false;
   output_tensors_.clear();
   input_names_.clear();
@@ -135,6 +136,7 @@ void Graph::initialize(const std::vector<std::string>& input_names, const std::s
   if (input_names_.empty()) {
     for (Node* node : start_nodes_) input_names_.insert(node->name());
   }
+  initialized_ = true;
 }
 
 int Graph::_fed_slot(const std::string& name, std::unordered_map<std::string, int>& slots) {
@@ -246,15 +248,21 @@ int Graph::run() {
   }
   tensor_dump_.begin_run();
   if (observer_ != nullptr) observed_ns_ = now_ns();
+  // A failure is reported with the node in hand; the scope is set per step
+  // rather than made per node, which keeps thread-local access out of the loop.
+  NodeErrorScope scope;
   for (const Step& step : schedule_) {
     switch (step.kind) {
       case Step::kRun:
+        scope.set(step.plan->node->name(), step.plan->node->op_type());
         _run_now(step.plan);
         break;
       case Step::kOutput:
+        scope.set(step.plan->node->name(), step.plan->node->op_type());
         output_tensors_[step.plan->node->name()] = step.plan->node->output_tensor();
         break;
       case Step::kMissing:
+        scope.clear();
         fatal("Can not find the node: " + *step.name);
     }
   }
@@ -329,13 +337,9 @@ void Graph::_run_now(NodePlan* plan) {
   }
 }
 
-Tensor* Graph::get_mutable_output_tensor(const std::string& name) const {
-  return output_tensors_.at(name);
-}
+Tensor* Graph::get_mutable_output_tensor(const std::string& name) const { return output_tensors_.at(name); }
 
-const Tensor* Graph::get_output_tensor(const std::string& name) const {
-  return output_tensors_.at(name);
-}
+const Tensor* Graph::get_output_tensor(const std::string& name) const { return output_tensors_.at(name); }
 
 Tensor* Graph::get_mutable_node_tensor(const std::string& name) const {
   Node* node = get_node(name);
@@ -349,9 +353,7 @@ Tensor* Graph::get_mutable_node_tensor(const std::string& name) const {
   fatal("Do not find the node tensor of name:" + name);
 }
 
-const Tensor* Graph::get_node_tensor(const std::string& name) const {
-  return get_mutable_node_tensor(name);
-}
+const Tensor* Graph::get_node_tensor(const std::string& name) const { return get_mutable_node_tensor(name); }
 
 bool Graph::_input_ready() {
   if (input_tensors_.empty()) {

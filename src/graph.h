@@ -43,6 +43,9 @@ class Graph {
   void add_input(const std::string& name, const Tensor* tensor);
   void clear_inputs() { input_tensors_.clear(); }
   void initialize(const std::vector<std::string>& input_names, const std::string& output_name);
+  // False from the start of initialize until it has succeeded: a caller that
+  // caught its failure must initialize again before running.
+  bool initialized() const { return initialized_; }
   int run();
   bool _input_ready();
 
@@ -57,8 +60,7 @@ class Graph {
   // or the run began) and at which its operator returned; so a node's time
   // includes gathering its inputs, and the times of a run add up to the run.
   // One clock read per node keeps timing cheap next to tiny operators.
-  typedef void (*NodeObserver)(void* context, const Node& node, long long start_ns,
-                               long long end_ns);
+  typedef void (*NodeObserver)(void* context, const Node& node, long long start_ns, long long end_ns);
   void set_node_observer(NodeObserver observer, void* context) {
     observer_ = observer;
     observer_context_ = context;
@@ -66,8 +68,7 @@ class Graph {
 
  private:
   void _sort_by_execution(std::vector<Node*>& out);
-  void _top_sort(std::unordered_map<std::string, std::vector<std::string>>& deps,
-                 std::vector<Node*>& out);
+  void _top_sort(std::unordered_map<std::string, std::vector<std::string>>& deps, std::vector<Node*>& out);
   // What a run needs of one node, resolved once per initialize so that a run
   // makes no lookup by name and no allocation: producers as pointers, fed
   // inputs as slots, and the node's input vector, reused from run to run.
@@ -112,6 +113,7 @@ class Graph {
 
   bool inplace_ = false;
   bool reshape_ = false;
+  bool initialized_ = false;
   std::string name_;
   std::vector<Node*> start_nodes_;
   std::vector<Node*> end_nodes_;
@@ -128,7 +130,7 @@ class Graph {
 
   // The run plan (see NodePlan); rebuilt when initialize or the nodes' inputs
   // have changed since it was made.
-  std::vector<NodePlan> plans_;  // parallel to nodes_
+  std::vector<NodePlan> plans_;          // parallel to nodes_
   std::vector<uint64_t> plan_versions_;  // each node's structure_version() when planned
   std::vector<FedSlot> fed_;
   std::vector<Step> schedule_;

@@ -57,21 +57,33 @@ GraphExecutor::GraphExecutor(const GraphDef* graph_def, const std::map<std::stri
   set_inputs(inputs);
 }
 
-GraphExecutor::~GraphExecutor() {
+GraphExecutor::~GraphExecutor() { _release(); }
+
+void GraphExecutor::_release() {
   delete node_name_map_;
+  node_name_map_ = nullptr;
   delete graph_;
+  graph_ = nullptr;
   if (own_graph_def_) delete graph_def_;
+  graph_def_ = nullptr;
 }
 
 void GraphExecutor::_common_init(DEVICE device) {
-  device_ = -1;
-  node_name_map_ = new NodeNameMap(graph_def_);
-  node_name_map_->update(graph_def_);
-  graph_ = new Graph();
-  graph_->set_graph_executor(this);
-  start_names_.clear();
-  end_name_.clear();
-  set_device(device);
+  // A constructor that throws (ErrorPolicy::kThrow) runs no destructor: free
+  // here what the failed construction had made.
+  try {
+    device_ = -1;
+    node_name_map_ = new NodeNameMap(graph_def_);
+    node_name_map_->update(graph_def_);
+    graph_ = new Graph();
+    graph_->set_graph_executor(this);
+    start_names_.clear();
+    end_name_.clear();
+    set_device(device);
+  } catch (...) {
+    _release();
+    throw;
+  }
 }
 
 void GraphExecutor::set_inplace(bool inplace) { graph_->set_inplace(inplace); }
@@ -84,8 +96,9 @@ void GraphExecutor::set_device(DEVICE device) {
     device_ = CPU;
     _ir_graph_initialize(graph_def_);
     char banner[256];
-    std::snprintf(banner, sizeof(banner), "INFO(kovraexecutor): kovra executor version:%s(%d_%s_kovra) built:%s",
-                  KOVRA_VERSION, static_cast<int>(device_), KOVRA_REVISION, KOVRA_BUILD_STAMP);
+    std::snprintf(banner, sizeof(banner),
+                  "INFO(kovraexecutor): kovra executor version:%s(%d_%s_kovra) built:%s", KOVRA_VERSION,
+                  static_cast<int>(device_), KOVRA_REVISION, KOVRA_BUILD_STAMP);
     print_banner(banner);
     return;
   }
@@ -108,8 +121,10 @@ std::string GraphExecutor::_get_target_device(const GraphDef* graph_def) const {
 
 void GraphExecutor::_ir_graph_initialize(const GraphDef* graph_def) {
   target_device_ = _get_target_device(graph_def);
+  NodeErrorScope scope;
   for (const auto& node_def : graph_def->node()) {
     if (node_def.op() == "Const") continue;
+    scope.set(node_def.name(), node_def.op());
     Node* node = graph_->add_node(node_def.name());
     node->init_op(node_def.op());
     for (const std::string& input : node_def.input()) {
@@ -132,6 +147,7 @@ void GraphExecutor::_ir_graph_initialize(const GraphDef* graph_def) {
     }
     node->parse_parameter(node_def);
   }
+  scope.clear();
   _pre_run({}, "");
 }
 
@@ -176,7 +192,7 @@ void GraphExecutor::set_inputs(const std::map<std::string, Tensor*>& inputs) {
 }
 
 bool GraphExecutor::work(const std::vector<std::string>& start_names, const std::string& end_name) {
-  if (start_names != start_names_ || end_name != end_name_) {
+  if (start_names != start_names_ || end_name != end_name_ || !graph_->initialized()) {
     _pre_run(start_names, end_name);
     start_names_ = start_names;
     end_name_ = end_name;
@@ -260,8 +276,8 @@ void GraphExecutor::update_graph() {
       auto* const_node = const_cast<NodeDef*>(found);
       AttrValue& value = (*const_node->mutable_attr())["value"];
       TensorProto* proto = value.mutable_tensor();
-      proto->set_tensor_content(std::string(static_cast<const char*>(weight->get_ptr()),
-                                            static_cast<size_t>(weight->byte_size())));
+      proto->set_tensor_content(
+          std::string(static_cast<const char*>(weight->get_ptr()), static_cast<size_t>(weight->byte_size())));
     }
   }
 }

@@ -54,8 +54,7 @@ void Node::init_op(const std::string& op_type) {
 
 namespace {
 
-int bitwidth_from_attributes(const NodeDef& node_def, const std::string& name,
-                             const std::string& op_type) {
+int bitwidth_from_attributes(const NodeDef& node_def, const std::string& name, const std::string& op_type) {
   AttrValue value;
   if (get_attr_value(node_def, "output_bitwidth", value)) {
     return value.value_case() == AttrValue::kI ? static_cast<int>(value.i()) : 0;
@@ -67,8 +66,8 @@ int bitwidth_from_attributes(const NodeDef& node_def, const std::string& name,
     if (target == "input") return 8;
     fatal("Op: " + name + " have an unsupport op target:" + target + "!");
   }
-  const bool quantized = op_type.find("Quantize") != std::string::npos ||
-                         op_type.find("Int8") != std::string::npos;
+  const bool quantized =
+      op_type.find("Quantize") != std::string::npos || op_type.find("Int8") != std::string::npos;
   if (quantized) fatal("Op: " + name + " have no output bitwidth!");
   return 32;
 }
@@ -83,9 +82,12 @@ void Node::parse_parameter(const NodeDef& node_def) {
 }
 
 void Node::inference_shape(const std::vector<const Tensor*>& inputs) {
+  // Until the operator has succeeded the node counts as not inferred, so a
+  // caught failure midway never leaves a partial shape that looks current.
+  inferred_ = false;
+  oshape_checked_ = false;
   oshape_.clear();
   op_->inference_shape(inputs, oshape_);
-  oshape_checked_ = false;
   inferred_inputs_.clear();
   for (const Tensor* input : inputs) {
     inferred_inputs_.push_back(input == nullptr ? -1 : static_cast<int>(input->data_type()));
@@ -93,9 +95,11 @@ void Node::inference_shape(const std::vector<const Tensor*>& inputs) {
     inferred_inputs_.push_back(input->dims());
     inferred_inputs_.insert(inferred_inputs_.end(), input->shape().begin(), input->shape().end());
   }
+  inferred_ = true;
 }
 
 bool Node::inferred_from(const std::vector<const Tensor*>& inputs) const {
+  if (!inferred_) return false;
   const int* it = inferred_inputs_.data();
   const int* end = it + inferred_inputs_.size();
   for (const Tensor* input : inputs) {

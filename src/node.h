@@ -96,6 +96,7 @@ class Node {
   std::vector<int> oshape_;
   // Inputs of the last inference, flattened: per input its type, rank, dims.
   std::vector<int> inferred_inputs_;
+  bool inferred_ = false;
   bool oshape_checked_ = false;
   bool const_op_ = false;
   uint64_t structure_version_ = 0;

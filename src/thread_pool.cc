@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "common.h"
+
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
@@ -54,16 +56,31 @@ void ThreadPool::_resize(int workers) {
 }
 
 void ThreadPool::_drain() {
-  // Takes tasks until none are left; called with mutex_ unlocked.
+  // Takes tasks until none are left; called with mutex_ unlocked. A task that
+  // throws (a failed check under ErrorPolicy::kThrow) is recorded for run() to
+  // rethrow and the tasks not yet started are skipped; each still counts as
+  // finished, so the caller always waits for every worker to leave the job.
   std::unique_lock<std::mutex> lock(mutex_);
   while (task_ != nullptr && next_task_ < task_count_) {
     const int index = next_task_++;
     const std::function<void(int)>* task = task_;
+    const ErrorContext* context = context_;
+    const bool skip = error_ != nullptr;
     lock.unlock();
-    tls_inside_task = true;
-    (*task)(index);
-    tls_inside_task = false;
+    std::exception_ptr error;
+    if (!skip) {
+      // The caller's policy and node, so that a task fails as the caller would.
+      ScopedErrorContext scoped(*context);
+      tls_inside_task = true;
+      try {
+        (*task)(index);
+      } catch (...) {
+        error = std::current_exception();
+      }
+      tls_inside_task = false;
+    }
     lock.lock();
+    if (error != nullptr && error_ == nullptr) error_ = error;
     if (--unfinished_ == 0) work_done_.notify_all();
   }
 }
@@ -92,19 +109,28 @@ void ThreadPool::run(int count, const std::function<void(int)>& task) {
     for (int i = 0; i < count; ++i) task(i);
     return;
   }
+  const ErrorContext context = ErrorContext::current();
   {
     std::lock_guard<std::mutex> lock(mutex_);
     task_ = &task;
+    context_ = &context;
     task_count_ = count;
     next_task_ = 0;
     unfinished_ = count;
+    error_ = nullptr;
     ++generation_;
   }
   work_ready_.notify_all();
   _drain();
-  std::unique_lock<std::mutex> lock(mutex_);
-  work_done_.wait(lock, [&] { return unfinished_ == 0; });
-  task_ = nullptr;
+  std::exception_ptr error;
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    work_done_.wait(lock, [&] { return unfinished_ == 0; });
+    task_ = nullptr;
+    context_ = nullptr;
+    std::swap(error, error_);
+  }
+  if (error != nullptr) std::rethrow_exception(error);
 }
 
 }  // namespace kovraexecutor

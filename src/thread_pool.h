@@ -2,6 +2,7 @@
 #define KOVRAEXECUTOR_THREAD_POOL_H_
 
 #include <condition_variable>
+#include <exception>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -10,6 +11,8 @@
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
+
+struct ErrorContext;
 
 // Process-wide pool of threads kept alive between calls, so the tiled kernels
 // do not pay for thread creation on every execute. Work is handed out as
@@ -23,7 +26,9 @@ class ThreadPool {
   int num_threads() const;
 
   // Runs task(0) ... task(count - 1) and returns when all have finished.
-  // Calls made from inside a task run inline on the calling thread.
+  // Calls made from inside a task run inline on the calling thread. Tasks run
+  // under the caller's error policy and node (common.h); the first exception
+  // a task throws is rethrown here once no task is running any more.
   void run(int count, const std::function<void(int)>& task);
 
   ~ThreadPool();
@@ -42,6 +47,8 @@ class ThreadPool {
   bool stopping_ = false;
   // The current job.
   const std::function<void(int)>* task_ = nullptr;
+  const ErrorContext* context_ = nullptr;
+  std::exception_ptr error_;
   int task_count_ = 0;
   int next_task_ = 0;
   int unfinished_ = 0;

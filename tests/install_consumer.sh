@@ -44,10 +44,21 @@ internal=$(nm -DC --defined-only "$prefix/$libdir/libkovraExecutor.so" |
 # The outside program, through the CMake package and through pkg-config.
 cmake -S "$source_dir/examples/consumer" -B "$scratch/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$scratch/cmake-build" >/dev/null
-"$scratch/cmake-build/kovra_consumer" >/dev/null || fail "consumer built with CMake failed"
+# The consumer also catches a bad model's error under the throwing policy,
+# naming node and operator, and then runs a good model.
+check_consumer() {
+  local output
+  output=$("$1") || fail "consumer built with $2 failed: $output"
+  grep -qxF 'consumer: caught an error in node leaky (operator Z40LeakyRelu): Check failed: suc==>"Do not find the alpha in FloatZ40LeakyRelu!!!"' <<<"$output" ||
+    fail "consumer built with $2 did not report the caught error: $output"
+  grep -qxF 'consumer: the good model ran after the error: -1 4' <<<"$output" ||
+    fail "consumer built with $2 did not run the good model after the error: $output"
+  grep -qxF 'consumer: ok' <<<"$output" || fail "consumer built with $2: $output"
+}
+check_consumer "$scratch/cmake-build/kovra_consumer" CMake
 mkdir "$scratch/pc-build"
 make -s -f "$source_dir/examples/consumer/Makefile" OUT="$scratch/pc-build" >/dev/null
-"$scratch/pc-build/kovra_consumer" >/dev/null || fail "consumer built with pkg-config failed"
+check_consumer "$scratch/pc-build/kovra_consumer" pkg-config
 
 # The installed tool finds the installed library by its relative run path.
 kovra=$prefix/bin/kovra

@@ -1,8 +1,9 @@
+#include <google/protobuf/text_format.h>
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-
-#include <gtest/gtest.h>
 
 #include "encryption.h"
 #include "graph_executor.h"
@@ -45,8 +46,10 @@ class ScopedTmpdir {
     setenv("TMPDIR", dir.c_str(), 1);
   }
   ~ScopedTmpdir() {
-    if (had_) setenv("TMPDIR", old_.c_str(), 1);
-    else unsetenv("TMPDIR");
+    if (had_)
+      setenv("TMPDIR", old_.c_str(), 1);
+    else
+      unsetenv("TMPDIR");
   }
 
  private:
@@ -54,9 +57,7 @@ class ScopedTmpdir {
   std::string old_;
 };
 
-bool is_empty_dir(const std::string& dir) {
-  return std::filesystem::is_empty(std::filesystem::path(dir));
-}
+bool is_empty_dir(const std::string& dir) { return std::filesystem::is_empty(std::filesystem::path(dir)); }
 
 TEST(LoadGraphTest, MissingFileGivesAnEmptyModelAndAnErrorLine) {
   testing::internal::CaptureStdout();
@@ -140,6 +141,56 @@ TEST(ProtectedModelTest, FailedParseStillRemovesTheTemporaryFile) {
   testing::internal::GetCapturedStdout();
   EXPECT_EQ(graph->node_size(), 0);
   EXPECT_TRUE(is_empty_dir(tmp.path()));
+}
+
+TEST(ProtectedModelTest, PlainModelByPathIsNamedAndUnreadableFilesKeepTheirMessages) {
+  using kovra::trenkit::kovraexecutor::Error;
+  using kovra::trenkit::kovraexecutor::ErrorPolicy;
+  using kovra::trenkit::kovraexecutor::ScopedErrorPolicy;
+  TempDir dir, tmp;
+  ScopedTmpdir scoped(tmp.path());
+  GraphDef model = parse_text_graph(kModel);
+  std::string text;
+  ASSERT_TRUE(google::protobuf::TextFormat::PrintToString(model, &text));
+  const std::string tail =
+      " and pass the GraphDef to GraphExecutor(const GraphDef*, DEVICE), or protect the file with kovra "
+      "protect.";
+  const std::string road = ", but a path given to GraphExecutor must be a protected model: ";
+  struct Case {
+    const char* file;
+    std::string bytes;
+    std::string message;  // of the failure, after "The model file <path>"; empty: the empty graph's
+    std::string printed;  // before it, on standard output, followed by the path
+  } cases[] = {
+      {"plain.pb", model.SerializeAsString(),
+       " is a plain (unprotected) model" + road +
+           "read it with load_graph() of kovraexecutor/model_reader.h" + tail,
+       ""},
+      {"plain.pbtxt", text,
+       " is a plain (unprotected) model in text format" + road +
+           "parse it with google::protobuf::TextFormat" + tail,
+       ""},
+      // Neither protected nor plain: the reader's own line, then the empty graph's failure.
+      {"junk.bin", "not a model at all\n", "", "open model file failed, "},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.file);
+    const std::string path = dir.file(c.file);
+    write_bytes(path, c.bytes);
+    ScopedErrorPolicy policy(ErrorPolicy::kThrow);
+    testing::internal::CaptureStdout();
+    try {
+      GraphExecutor executor(path, CPU);
+      ADD_FAILURE() << "no failure";
+    } catch (const Error& e) {
+      EXPECT_EQ(e.message(), c.message.empty() ? "Have no end point, please check it!"
+                                               : "The model file " + path + c.message);
+      EXPECT_EQ(e.node(), "");
+    }
+    const std::string printed = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(printed, c.printed.empty() ? "" : "\033[1m\033[31mError: " + c.printed + path + "\033[0m\n");
+    EXPECT_TRUE(is_empty_dir(tmp.path()));
+  }
 }
 
 TEST(ProtectedModelTest, MissingStoredFileIsReported) {

@@ -125,6 +125,10 @@ TEST(NodeTest, KnowsWhichInputsItInferredFrom) {
   for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i) {
     EXPECT_EQ(node.inferred_from(cases[i].inputs), cases[i].same) << "case " << i;
   }
+  // An inference that fails midway (a caught failure) matches no inputs at all.
+  EXPECT_THROW(node.inference_shape({}), std::out_of_range);
+  EXPECT_FALSE(node.inferred_from({&a, &w}));
+  EXPECT_FALSE(node.inferred_from({}));
 }
 
 TEST(NodeTest, OutputBufferIsKeptWhileTheShapeIsUnchanged) {

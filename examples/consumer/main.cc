@@ -2,18 +2,19 @@
 // (tests/install_consumer.sh builds it through the CMake package and through
 // pkg-config). It uses each part of the public interface once, so a symbol
 // that should be exported and is not fails to link, and checks the results.
-#include <cstdio>
-#include <string>
-#include <vector>
-
 #include <google/protobuf/text_format.h>
 #include <kovraexecutor/allocator/bfc_arena.h>
 #include <kovraexecutor/encryption.h>
+#include <kovraexecutor/errors.h>
 #include <kovraexecutor/graph_executor.h>
 #include <kovraexecutor/mallocator.h>
 #include <kovraexecutor/npy.h>
 #include <kovraexecutor/op_registry.h>
 #include <kovraexecutor/tensor_operators.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
 
 using kovra::trenkit::GraphDef;
 using kovra::trenkit::NodeDef;
@@ -81,6 +82,39 @@ int main() {
   void* chunk = arena.Alloc(1);
   expect(arena.AllocatedSize(chunk) == 256, "arena chunk size");
   arena.Free(chunk);
+
+  // Errors a program survives: under the throwing policy a model missing a
+  // required attribute is an exception naming its node, and a good model
+  // still runs afterwards in the same process.
+  set_error_policy(ErrorPolicy::kThrow);
+  const std::string leaky = R"(node { name: "input" op: "ZxxNOp" }
+                               node { name: "leaky" op: "Z40LeakyRelu" input: "input")";
+  GraphDef bad, good;
+  if (!google::protobuf::TextFormat::ParseFromString(leaky + " }", &bad) ||
+      !google::protobuf::TextFormat::ParseFromString(leaky + R"( attr { key: "alpha" value { f: 0.5 } } })",
+                                                     &good)) {
+    return 1;
+  }
+  try {
+    GraphExecutor refused(&bad, CPU);
+    expect(false, "a model without the alpha of Z40LeakyRelu is refused");
+  } catch (const Error& e) {
+    std::printf("consumer: caught an error in node %s (operator %s): %s\n", e.node().c_str(), e.op().c_str(),
+                e.message().c_str());
+    expect(e.node() == "leaky" && e.op() == "Z40LeakyRelu", "the error names its node and operator");
+  }
+  GraphExecutor leaky_executor(&good, CPU);
+  Tensor signal({1, 1, 1, 2}, Tensor::DT_FLOAT, nullptr, "cpu");
+  signal.mutable_data<float>()[0] = -2.0f;
+  signal.mutable_data<float>()[1] = 4.0f;
+  leaky_executor.set_input("input", &signal);
+  leaky_executor.work();
+  const Tensor* leaked = leaky_executor.get_output_tensor("leaky");
+  expect(leaked->data<float>()[0] == -1.0f && leaked->data<float>()[1] == 4.0f,
+         "the good model after the error");
+  std::printf("consumer: the good model ran after the error: %g %g\n", leaked->data<float>()[0],
+              leaked->data<float>()[1]);
+  set_error_policy(ErrorPolicy::kAbort);
 
   std::printf("consumer: %s\n", failures == 0 ? "ok" : "failed");
   return failures == 0 ? 0 : 1;

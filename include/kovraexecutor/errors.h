@@ -14,7 +14,9 @@ namespace kovraexecutor {
 // What a failure does. kAbort is the default and the library's documented
 // behaviour: the error line on standard output, then abort(). kThrow raises
 // Error instead and prints nothing, for programs that embed the library and
-// must outlive a bad model or a wrong call.
+// must outlive a bad model or a wrong call: the executor that threw stays
+// usable, and a failure on a pool thread of the library reaches the calling
+// thread, under whose policy the pool's tasks run.
 enum class ErrorPolicy { kAbort, kThrow };
 
 // The process-wide policy.
@@ -37,7 +39,7 @@ class KOVRA_API ScopedErrorPolicy {
 
 // A failure under kThrow. message() is the error line's text without colour
 // codes and without the "Error: " word (for example
-// `Check failed: suc=="Do not find the strides in FloatZ40Conv2D!!!"`), and
+// `Check failed: suc==>"Do not find the strides in FloatZ40Conv2D!!!"`), and
 // what() returns the same text. node() and op() name the node and its
 // operator type when the failure happened while a node was being translated,
 // prepared or run; both are empty otherwise.

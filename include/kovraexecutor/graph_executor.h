@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "errors.h"
 #include "export.h"
 #include "lite/proto/graph_def.pb.h"
 #include "tensor.h"
@@ -31,8 +32,7 @@ class KOVRA_API GraphExecutor {
   GraphExecutor(const std::string& model_path, DEVICE device);
   // Uses the caller's model, which must outlive the executor.
   GraphExecutor(const GraphDef* graph_def, DEVICE device);
-  GraphExecutor(const GraphDef* graph_def, const std::map<std::string, Tensor*>& inputs,
-                DEVICE device);
+  GraphExecutor(const GraphDef* graph_def, const std::map<std::string, Tensor*>& inputs, DEVICE device);
   ~GraphExecutor();
   GraphExecutor(const GraphExecutor&) = delete;
   GraphExecutor& operator=(const GraphExecutor&) = delete;
@@ -89,6 +89,7 @@ class KOVRA_API GraphExecutor {
 
   static void _forward_node_timing(void* context, const Node& node, long long start_ns, long long end_ns);
   void _common_init(DEVICE device);
+  void _release();
   void _ir_graph_initialize(const GraphDef* graph_def);
   std::string _get_target_device(const GraphDef* graph_def) const;
   void _parse_node_weight(const NodeDef& const_node, Tensor* weight);
