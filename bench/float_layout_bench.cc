@@ -1,4 +1,4 @@
-// Throughput of the float pooling, resize and concat operators on a
+// Throughput of the float pooling, resize, concat, transpose and slice operators on a
 // [1, 112, 112, 64] activation; items are input elements. The *Tiny cases
 // time one call on a few elements: the operator's own cost per call.
 #include <benchmark/benchmark.h>
@@ -76,6 +76,27 @@ void BM_Concat(benchmark::State& state) {
   run_op(state, "Z40Concat", node, {&a, &b});
 }
 
+// Channels-last to channels-first: a strided gather with no contiguous row.
+void BM_Transpose(benchmark::State& state) {
+  Tensor input = random_tensor(kShape, 10);
+  NodeDef node;
+  set_ints(node, "perm", {0, 3, 1, 2});
+  set_ints(node, "output_shape", {1, 64, 112, 112});
+  run_op(state, "Z40Transpose", node, {&input});
+}
+
+// Every other row and column, all channels: contiguous runs of 64 floats.
+void BM_SliceStrided(benchmark::State& state) {
+  Tensor input = random_tensor(kShape, 11);
+  NodeDef node;
+  set_ints(node, "output_shape", {1, 56, 56, 64});
+  set_ints(node, "starts", {0, 0});
+  set_ints(node, "ends", {112, 112});
+  set_ints(node, "axes", {1, 2});
+  set_ints(node, "steps", {2, 2});
+  run_op(state, "Z40Slice", node, {&input});
+}
+
 void BM_MaxPoolTiny(benchmark::State& state) {
   Tensor input = random_tensor({1, 4, 4, 4}, 5);
   NodeDef node;
@@ -110,6 +131,8 @@ void BM_TransposeTiny(benchmark::State& state) {
 BENCHMARK(BM_MaxPool3x3S2)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(BM_ResizeBilinearX2)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(BM_Concat)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(BM_Transpose)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(BM_SliceStrided)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(BM_MaxPoolTiny);
 BENCHMARK(BM_ResizeBilinearTiny);
 BENCHMARK(BM_ConcatTiny);

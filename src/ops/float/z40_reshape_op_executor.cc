@@ -20,7 +20,6 @@ struct Z40ReshapeParam : BaseParam, PreparedShapes {
   bool onnx = false;  // src_framework "ONNX": the data are reordered
   OnnxReshapePlan onnx_plan;
   std::vector<float> scratch;  // the reorder's channels-first copy of the input
-  std::vector<int> index;      // its odometer
 };
 
 // A second input (a shape tensor) may be present; output_shape decides.
@@ -41,9 +40,8 @@ class Z40ReshapeOpExecutor : public ParamOpExecutor<Z40ReshapeParam> {
     p.in_shape = inputs[0]->shape();
     p.out_shape = p.output_shape;
     if (p.onnx) {
-      p.onnx_plan = plan_onnx_reshape(p.in_shape, p.out_shape);
-      p.scratch.resize(inputs[0]->size());
-      p.index.resize(std::max(p.in_shape.size(), p.out_shape.size()));
+      plan_onnx_reshape(p.in_shape, p.out_shape, p.onnx_plan);
+      p.scratch.resize(p.onnx_plan.flat ? 0 : inputs[0]->size());
     }
     shape = p.out_shape;
   }
@@ -54,8 +52,7 @@ class Z40ReshapeOpExecutor : public ParamOpExecutor<Z40ReshapeParam> {
     const Tensor* input = inputs[0];
     if (input->size() < 1) return true;
     if (p.onnx) {
-      onnx_reshape_reorder(input->data<float>(), output->mutable_data<float>(), p.onnx_plan, p.scratch.data(),
-                           p.index.data());
+      onnx_reshape_reorder(input->data<float>(), output->mutable_data<float>(), p.onnx_plan, p.scratch.data());
     } else {
       std::memcpy(output->mutable_data<float>(), input->data<float>(), sizeof(float) * input->size());
     }

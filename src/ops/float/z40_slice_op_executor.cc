@@ -21,8 +21,7 @@ struct Z40SliceParam : BaseParam, PreparedShapes {
   std::vector<int> ends;
   std::vector<int> axes;
   std::vector<int> steps;
-  SlicePlan plan;
-  std::vector<int> index;  // the plan's odometer
+  GatherPlan plan;
 };
 
 namespace {
@@ -57,8 +56,7 @@ class Z40SliceOpExecutor : public ParamOpExecutor<Z40SliceParam> {
     Z40SliceParam& p = op_param_;
     const SliceWindow window = _window(inputs);
     p.in_shape = inputs[0]->shape();
-    p.plan = plan_slice(p.in_shape, window);
-    p.index.resize(p.in_shape.size());
+    plan_slice(p.in_shape, window, p.plan);
     p.out_shape = p.output_shape;
     shape = p.out_shape;
   }
@@ -67,7 +65,7 @@ class Z40SliceOpExecutor : public ParamOpExecutor<Z40SliceParam> {
     Z40SliceParam& p = op_param_;
     if (KOVRA_UNLIKELY(!matches_prepared(inputs, output, p))) _refuse(inputs, output);
     if (output->size() < 1) return true;
-    slice_f32(inputs[0]->data<float>(), p.plan, output->mutable_data<float>(), p.index.data());
+    run_gather(inputs[0]->data<float>(), output->mutable_data<float>(), p.plan);
     return true;
   }
 

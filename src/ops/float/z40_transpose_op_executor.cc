@@ -6,7 +6,7 @@
 #include "op_executor.h"
 #include "ops/common/op_checks.h"
 #include "ops/float/float_shape_checks.h"
-#include "ops/kernels/transpose.h"
+#include "ops/kernels/gather.h"
 
 namespace kovra {
 namespace trenkit {
@@ -15,8 +15,7 @@ namespace kovraexecutor {
 struct Z40TransposeParam : BaseParam, PreparedShapes {
   std::vector<int> perm;
   std::vector<int> output_shape;
-  TransposePlan plan;
-  std::vector<int> index;  // the plan's odometer
+  GatherPlan plan;
 };
 
 // Without "perm" the axes are reversed, as numpy.transpose does.
@@ -34,8 +33,7 @@ class Z40TransposeOpExecutor : public ParamOpExecutor<Z40TransposeParam> {
     Z40TransposeParam& p = op_param_;
     const std::vector<int> perm = _perm(inputs);
     p.in_shape = inputs[0]->shape();
-    p.plan = plan_transpose(p.in_shape, perm);
-    p.index.resize(p.in_shape.size());
+    plan_transpose(p.in_shape, perm, p.plan);
     p.out_shape = p.output_shape;
     shape = p.out_shape;
   }
@@ -44,7 +42,7 @@ class Z40TransposeOpExecutor : public ParamOpExecutor<Z40TransposeParam> {
     Z40TransposeParam& p = op_param_;
     if (KOVRA_UNLIKELY(!matches_prepared(inputs, output, p))) _refuse(inputs, output);
     if (inputs[0]->size() < 1) return true;
-    transpose(inputs[0]->data<float>(), output->mutable_data<float>(), p.plan, p.index.data());
+    run_gather(inputs[0]->data<float>(), output->mutable_data<float>(), p.plan);
     return true;
   }
 

@@ -76,27 +76,6 @@ void make_sum_requant(const std::vector<float>& s0, const std::vector<float>& s1
                       const std::vector<float>& out_scale, int off0, int off1, int offset, int channels,
                       bool difference, SumRequant& r);
 
-// A gather that data-movement operators prepare once: output element
-// (i_0, ..., i_r-1), in row-major order over `extent`, reads
-// in[base + sum_a i_a * stride[a]]. Slices, transposes and channel-order
-// reshapes are all such gathers; running one allocates nothing.
-struct GatherPlan {
-  // Axes of one entry are dropped and axes that continue each other merged,
-  // so rows are as long as the layout allows.
-  std::vector<int> extent;
-  std::vector<long long> stride;
-  long long base = 0;
-  long long count = 0;
-  std::vector<int> index;  // the odometer of plans with many axes
-};
-void plan_gather(const std::vector<int>& extent, const std::vector<long long>& stride, long long base,
-                 GatherPlan& plan);
-// Strides of a row-major array of `shape`.
-std::vector<long long> row_major_strides(const std::vector<int>& shape);
-// The transpose of `in_shape`: output axis i is input axis perm[i].
-void plan_transpose(const std::vector<int>& in_shape, const std::vector<int>& perm, GatherPlan& plan);
-void run_gather(const float* in, float* out, GatherPlan& plan);
-
 }  // namespace kovraexecutor
 }  // namespace trenkit
 }  // namespace kovra

@@ -15,14 +15,12 @@ namespace kovraexecutor {
 struct Z40ReshapeInt8Param : BaseParam {
   std::vector<int> output_shape;
   std::string src_framework;
-  // Prepared: the input shape; for ONNX models the two gathers (to
-  // channels-first, and from the reshaped channels-first data back to
-  // channels-last) and the buffer between them.
+  // Prepared: the input shape; for ONNX models the reorder through
+  // channels-first order and the buffer between its two gathers.
   std::vector<int> input_shape;
   long long count = 0;
   bool onnx = false;
-  bool onnx_back = false;
-  GatherPlan to_first, to_last;
+  OnnxReshapePlan plan;
   std::vector<float> scratch;
 };
 
@@ -45,18 +43,8 @@ class Z40ReshapeInt8OpExecutor : public ParamOpExecutor<Z40ReshapeInt8Param> {
     p.count = input->size();
     p.onnx = p.src_framework == "ONNX";
     if (p.onnx) {
-      // The input read channels-first; the flat buffer then holds the new
-      // shape channels-first, [N, C, D1, ..., Dk] for out [N, D1, ..., Dk, C].
-      plan_transpose(p.input_shape, to_channels_first_perm(input->dims()), p.to_first);
-      const int out_rank = static_cast<int>(p.output_shape.size());
-      p.onnx_back = out_rank >= 3;
-      if (p.onnx_back) {
-        const std::vector<int> to_first = to_channels_first_perm(out_rank);
-        std::vector<int> first_shape(out_rank);
-        for (int a = 0; a < out_rank; ++a) first_shape[a] = p.output_shape[to_first[a]];
-        plan_transpose(first_shape, to_channels_last_perm(out_rank), p.to_last);
-      }
-      p.scratch.resize(p.onnx_back ? static_cast<size_t>(p.count) : 0);
+      plan_onnx_reshape(p.input_shape, p.output_shape, p.plan);
+      p.scratch.resize(p.plan.flat ? 0 : static_cast<size_t>(p.count));
     }
     shape = p.output_shape;
   }
@@ -68,11 +56,8 @@ class Z40ReshapeInt8OpExecutor : public ParamOpExecutor<Z40ReshapeInt8Param> {
     float* y = output->mutable_data<float>();
     if (!p.onnx) {
       if (p.count > 0) std::memcpy(y, x, sizeof(float) * p.count);
-    } else if (!p.onnx_back) {
-      run_gather(x, y, p.to_first);
     } else {
-      run_gather(x, p.scratch.data(), p.to_first);
-      run_gather(p.scratch.data(), y, p.to_last);
+      onnx_reshape_reorder(x, y, p.plan, p.scratch.data());
     }
     return true;
   }

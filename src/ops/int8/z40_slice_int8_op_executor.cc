@@ -40,14 +40,7 @@ class Z40SliceInt8OpExecutor : public ParamOpExecutor<Z40SliceInt8Param> {
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     const SliceWindow w = window(inputs);
     const std::vector<int>& in_shape = inputs[0]->shape();
-    const std::vector<long long> in_stride = row_major_strides(in_shape);
-    std::vector<long long> stride(in_shape.size());
-    long long base = 0;
-    for (size_t a = 0; a < in_shape.size(); ++a) {
-      base += w.starts[a] * in_stride[a];
-      stride[a] = static_cast<long long>(w.steps[a]) * in_stride[a];
-    }
-    plan_gather(w.out_shape, stride, base, op_param_.plan);
+    plan_slice(in_shape, w, op_param_.plan);
     op_param_.input_shape = in_shape;
     shape = w.out_shape;
   }

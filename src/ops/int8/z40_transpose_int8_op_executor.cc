@@ -4,7 +4,7 @@
 #include "op_attr.h"
 #include "ops/common/op_checks.h"
 #include "ops/int8/int8_common.h"
-#include "ops/kernels/transpose.h"
+#include "ops/kernels/gather.h"
 
 namespace kovra {
 namespace trenkit {

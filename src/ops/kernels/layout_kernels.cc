@@ -99,52 +99,15 @@ void concat_f32(const std::vector<const float*>& ins, const std::vector<int>& ax
   concat_f32(ins.data(), plan_concat(axis_sizes, out_shape, axis), out);
 }
 
-SlicePlan plan_slice(const std::vector<int>& in_shape, const SliceWindow& window) {
-  const int rank = static_cast<int>(in_shape.size());
-  SlicePlan plan;
-  plan.extent = window.out_shape;
-  plan.count = product(plan.extent, 0, plan.extent.size());
-  std::vector<long long> stride(rank, 1);
-  for (int a = rank - 2; a >= 0; --a) stride[a] = stride[a + 1] * in_shape[a + 1];
-  plan.step.resize(rank);
-  for (int a = 0; a < rank; ++a) {
-    plan.base += window.starts[a] * stride[a];
-    plan.step[a] = static_cast<long long>(window.steps[a]) * stride[a];
+void plan_slice(const std::vector<int>& in_shape, const SliceWindow& window, GatherPlan& plan) {
+  const std::vector<long long> stride = row_major_strides(in_shape);
+  std::vector<long long> step(in_shape.size());
+  long long base = 0;
+  for (size_t a = 0; a < in_shape.size(); ++a) {
+    base += window.starts[a] * stride[a];
+    step[a] = static_cast<long long>(window.steps[a]) * stride[a];
   }
-  return plan;
-}
-
-void slice_f32(const float* in, const SlicePlan& plan, float* out, int* index) {
-  const long long count = plan.count;
-  if (count <= 0) return;
-  const int rank = static_cast<int>(plan.extent.size());
-  const std::vector<int>& extent = plan.extent;
-  const std::vector<long long>& step = plan.step;
-  // Odometer over every axis but the last; the last is one strided run.
-  const int inner = extent[rank - 1];
-  const long long inner_step = step[rank - 1];
-  for (int a = 0; a < rank; ++a) index[a] = 0;
-  long long offset = plan.base;
-  for (long long o = 0; o < count; o += inner) {
-    const float* src = in + offset;
-    if (inner_step == 1) {
-      std::memcpy(out + o, src, sizeof(float) * inner);
-    } else {
-      for (int j = 0; j < inner; ++j) out[o + j] = src[j * inner_step];
-    }
-    for (int a = rank - 2; a >= 0; --a) {
-      offset += step[a];
-      if (++index[a] < extent[a]) break;
-      offset -= step[a] * extent[a];
-      index[a] = 0;
-    }
-  }
-}
-
-void slice_f32(const float* in, const std::vector<int>& in_shape, const SliceWindow& window, float* out) {
-  const SlicePlan plan = plan_slice(in_shape, window);
-  std::vector<int> index(in_shape.size());
-  slice_f32(in, plan, out, index.data());
+  plan_gather(window.out_shape, step, base, plan);
 }
 
 void pad_constant_f32(const float* in, const std::vector<int>& in_shape, const std::vector<int>& before,
@@ -195,38 +158,27 @@ std::vector<int> to_channels_last_perm(int rank) {
 
 // ONNX reshapes see NCHW data: read the input channels-first, reinterpret the
 // flat buffer under the new shape (channels-first too), store channels-last.
-OnnxReshapePlan plan_onnx_reshape(const std::vector<int>& in_shape, const std::vector<int>& out_shape) {
-  OnnxReshapePlan plan;
-  plan.to_first = plan_transpose(in_shape, to_channels_first_perm(static_cast<int>(in_shape.size())));
+void plan_onnx_reshape(const std::vector<int>& in_shape, const std::vector<int>& out_shape,
+                       OnnxReshapePlan& plan) {
+  plan_transpose(in_shape, to_channels_first_perm(static_cast<int>(in_shape.size())), plan.to_first);
   const int out_rank = static_cast<int>(out_shape.size());
   plan.flat = out_rank < 3;
-  if (plan.flat) return plan;
+  if (plan.flat) return;
   // The reshaped data are channels-first: [N, C, D1, ..., Dk] under out_shape's
   // channels-last dimensions [N, D1, ..., Dk, C].
   std::vector<int> first_shape(out_rank);
   const std::vector<int> to_first = to_channels_first_perm(out_rank);
   for (int a = 0; a < out_rank; ++a) first_shape[a] = out_shape[to_first[a]];
-  plan.to_last = plan_transpose(first_shape, to_channels_last_perm(out_rank));
-  return plan;
+  plan_transpose(first_shape, to_channels_last_perm(out_rank), plan.to_last);
 }
 
-void onnx_reshape_reorder(const float* in, float* out, const OnnxReshapePlan& plan, float* scratch,
-                          int* index) {
-  const long long count = plan.to_first.count;
-  if (count <= 0) return;
-  transpose(in, scratch, plan.to_first, index);
+void onnx_reshape_reorder(const float* in, float* out, OnnxReshapePlan& plan, float* scratch) {
   if (plan.flat) {
-    std::memcpy(out, scratch, sizeof(float) * count);
+    run_gather(in, out, plan.to_first);
     return;
   }
-  transpose(scratch, out, plan.to_last, index);
-}
-
-void onnx_reshape_reorder(const float* in, const std::vector<int>& in_shape, float* out,
-                          const std::vector<int>& out_shape, float* scratch) {
-  const OnnxReshapePlan plan = plan_onnx_reshape(in_shape, out_shape);
-  std::vector<int> index(std::max(in_shape.size(), out_shape.size()));
-  onnx_reshape_reorder(in, out, plan, scratch, index.data());
+  run_gather(in, scratch, plan.to_first);
+  run_gather(scratch, out, plan.to_last);
 }
 
 }  // namespace kovraexecutor

@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "ops/kernels/transpose.h"
+#include "ops/kernels/gather.h"
 
 namespace kovra {
 namespace trenkit {
@@ -11,9 +11,8 @@ namespace kovraexecutor {
 
 // Data-movement kernels over channels-last arrays. Callers validate shapes
 // and parameters once; the kernels trust them and never check per element.
-// Kernels that walk an arbitrary rank come in two forms: a plan made once per
-// shape plus a run that allocates nothing (its `index` scratch holds one int
-// per axis), and a one-off form that plans on every call.
+// Kernels that walk an arbitrary rank are planned once per shape and run
+// without allocating; slices and channel-order reshapes are gathers (gather.h).
 
 // [N, H, W, C] with C divisible by `groups`.
 void channel_shuffle_f32(const float* in, float* out, const std::vector<int>& shape, int groups);
@@ -44,15 +43,7 @@ struct SliceWindow {
   std::vector<int> steps;
   std::vector<int> out_shape;
 };
-struct SlicePlan {
-  long long count = 0;          // elements of the window
-  long long base = 0;           // input offset of its first element
-  std::vector<int> extent;      // the window's extent per axis
-  std::vector<long long> step;  // input offset of one step along each axis
-};
-SlicePlan plan_slice(const std::vector<int>& in_shape, const SliceWindow& window);
-void slice_f32(const float* in, const SlicePlan& plan, float* out, int* index);
-void slice_f32(const float* in, const std::vector<int>& in_shape, const SliceWindow& window, float* out);
+void plan_slice(const std::vector<int>& in_shape, const SliceWindow& window, GatherPlan& plan);
 
 // Constant padding: before[a] entries of `value` precede the input on axis a;
 // out_shape[a] - in_shape[a] - before[a] follow it. Rank 1 to kMaxPadRank;
@@ -68,18 +59,15 @@ std::vector<int> to_channels_last_perm(int rank);
 // A reshape written for channels-first data, applied to channels-last data:
 // the input is viewed channels-first, its elements are taken in that order
 // under `out_shape`, and the result is stored channels-last again.
-// `scratch` holds at least as many floats as the input; `index` one int per
-// axis of the larger of the two ranks.
+// `scratch` holds at least as many floats as the input unless the plan is flat.
 struct OnnxReshapePlan {
-  TransposePlan to_first;  // the input, viewed channels-first
-  TransposePlan to_last;   // the reshaped channels-first data, stored channels-last
-  bool flat = false;       // an output below rank 3: the channels-first order is the result
+  GatherPlan to_first;  // the input, viewed channels-first
+  GatherPlan to_last;   // the reshaped channels-first data, stored channels-last
+  bool flat = false;    // an output below rank 3: the channels-first order is the result
 };
-OnnxReshapePlan plan_onnx_reshape(const std::vector<int>& in_shape, const std::vector<int>& out_shape);
-void onnx_reshape_reorder(const float* in, float* out, const OnnxReshapePlan& plan, float* scratch,
-                          int* index);
-void onnx_reshape_reorder(const float* in, const std::vector<int>& in_shape, float* out,
-                          const std::vector<int>& out_shape, float* scratch);
+void plan_onnx_reshape(const std::vector<int>& in_shape, const std::vector<int>& out_shape,
+                       OnnxReshapePlan& plan);
+void onnx_reshape_reorder(const float* in, float* out, OnnxReshapePlan& plan, float* scratch);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit
