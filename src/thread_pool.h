@@ -56,6 +56,20 @@ class ThreadPool {
   std::mutex run_mutex_;
 };
 
+// Runs fn(0) ... fn(count - 1): on the pool when `work` (a rough count of
+// arithmetic operations) pays for handing tasks out, inline otherwise. Each
+// task writes only its own part of the output, so results never depend on
+// the number of threads.
+constexpr long long kMinParallelWork = 1 << 16;
+template <typename Fn>
+void parallel_for(int count, long long work, Fn fn) {
+  if (work < kMinParallelWork || count < 2) {
+    for (int i = 0; i < count; ++i) fn(i);
+    return;
+  }
+  ThreadPool::instance().run(count, [&fn](int i) { fn(i); });
+}
+
 }  // namespace kovraexecutor
 }  // namespace trenkit
 }  // namespace kovra

@@ -3,6 +3,7 @@
 #include <cstddef>
 
 #include "ops/kernels/x86/x86_kernels.h"
+#include "thread_pool.h"
 
 namespace kovra {
 namespace trenkit {
@@ -58,15 +59,16 @@ void dwconv2d_cpu(const float* input, const float* weight, const float* bias, fl
   // The vector rows take one filter per channel; other multipliers run the portable row.
   const DwconvRowFn row = g.out_c == g.in_c ? dwconv_f32_row_kernels()->row : dwconv_row_f32_portable;
   const size_t row_size = static_cast<size_t>(g.out_w) * g.out_c;
-  for (int b = 0; b < g.batch; ++b) {
+  const int rows = g.batch * g.out_h;
+  // Output rows are independent tasks.
+  parallel_for(rows, static_cast<long long>(rows) * row_size * g.kernel_h * g.kernel_w, [&](int r) {
+    const int b = r / g.out_h, oy = r % g.out_h;
     const float* image = input + static_cast<size_t>(b) * g.in_h * g.in_w * g.in_c;
-    for (int oy = 0; oy < g.out_h; ++oy) {
-      float* out = output + (static_cast<size_t>(b) * g.out_h + oy) * row_size;
-      row(image, weight, bias, out, g, oy);
-      // Element-wise, so one call covers the whole row.
-      dwconv_activate(out, static_cast<int>(row_size), g);
-    }
-  }
+    float* out = output + static_cast<size_t>(r) * row_size;
+    row(image, weight, bias, out, g, oy);
+    // Element-wise, so one call covers the whole row.
+    dwconv_activate(out, static_cast<int>(row_size), g);
+  });
 }
 
 }  // namespace kovraexecutor

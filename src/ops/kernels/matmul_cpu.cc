@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "ops/kernels/gemm_f32.h"
+#include "thread_pool.h"
 
 namespace kovra {
 namespace trenkit {
@@ -54,20 +55,34 @@ MatMulAction matmul_action(const char* action_type) {
 void matmul_cpu(const float* a, const float* b, const float* bias, float* out, const MatMulArgs& args,
                 const float* packed) {
   const int M = args.M, K = args.K, N = args.N;
-  // Rows in blocks of 8, handed over a bounded number at a time.
-  constexpr int kBlocksPerCall = 64;
-  GemmRowBlock blocks[kBlocksPerCall];
-  for (int m0 = 0; m0 < M; m0 += 8 * kBlocksPerCall) {
-    int count = 0;
-    for (int m = m0; m < M && count < kBlocksPerCall; m += 8) {
-      blocks[count++] = {a + static_cast<size_t>(m) * K, out + static_cast<size_t>(m) * N,
-                         std::min(8, M - m)};
+  // Tasks take fixed slices of columns, whole panels each: every output is
+  // summed in k order whatever slice computes it, so the thread count never
+  // changes a result, and the single-row case splits as well as any.
+  constexpr int kSliceColumns = 4 * kGemmPanelWidth;
+  const int slices = (N + kSliceColumns - 1) / kSliceColumns;
+  parallel_for(slices, static_cast<long long>(M) * N * K, [&](int slice) {
+    const int n0 = slice * kSliceColumns;
+    const int cols = std::min(kSliceColumns, N - n0);
+    const float* slice_packed = packed ? packed + static_cast<size_t>(n0) * K : nullptr;
+    const float* slice_bias = bias ? bias + n0 : nullptr;
+    // Rows in blocks of 8, handed over a bounded number at a time.
+    constexpr int kBlocksPerCall = 64;
+    GemmRowBlock blocks[kBlocksPerCall];
+    for (int m0 = 0; m0 < M; m0 += 8 * kBlocksPerCall) {
+      int count = 0;
+      for (int m = m0; m < M && count < kBlocksPerCall; m += 8) {
+        blocks[count++] = {a + static_cast<size_t>(m) * K, out + static_cast<size_t>(m) * N + n0,
+                           std::min(8, M - m)};
+      }
+      // sum + bias there, the same value as bias + sum.
+      gemm_f32_blocks(blocks, count, K, N, b + n0, N, cols, K, slice_bias, slice_packed);
     }
-    // sum + bias there, the same value as bias + sum.
-    gemm_f32_blocks(blocks, count, K, N, b, N, N, K, bias, packed);
-  }
-  if (args.action == MatMulAction::kNone) return;
-  for (size_t i = 0; i < static_cast<size_t>(M) * N; ++i) out[i] = activate(out[i], args);
+    if (args.action == MatMulAction::kNone) return;
+    for (int m = 0; m < M; ++m) {
+      float* row = out + static_cast<size_t>(m) * N + n0;
+      for (int n = 0; n < cols; ++n) row[n] = activate(row[n], args);
+    }
+  });
 }
 
 void matmul_backward_cpu(const float* a, const float* b, const float* out, const float* out_grad,

@@ -32,12 +32,7 @@ inline Window window_of(int o, int stride, int pad, int kernel, int size) {
 template <typename RowFn>
 void for_each_output_row(const PoolGeometry& g, RowFn row_fn) {
   const int rows = g.n * g.out_h;
-  const long long work = static_cast<long long>(rows) * g.out_w * g.c * g.kernel_h * g.kernel_w;
-  if (work < (1 << 16) || rows < 2) {
-    for (int r = 0; r < rows; ++r) row_fn(r);
-    return;
-  }
-  ThreadPool::instance().run(rows, [&](int r) { row_fn(r); });
+  parallel_for(rows, static_cast<long long>(rows) * g.out_w * g.c * g.kernel_h * g.kernel_w, row_fn);
 }
 
 }  // namespace

@@ -38,18 +38,6 @@ std::vector<LinearTap> bilinear_taps(int in, int out, bool align_corners) {
   return taps;
 }
 
-namespace {
-
-template <typename RowFn>
-void for_each_row(int rows, long long work, RowFn row_fn) {
-  if (work < (1 << 16) || rows < 2) {
-    for (int r = 0; r < rows; ++r) row_fn(r);
-    return;
-  }
-  ThreadPool::instance().run(rows, [&](int r) { row_fn(r); });
-}
-
-}  // namespace
 
 void resize_nearest_f32(const float* in, float* out, const ResizeGeometry& g) {
   const std::vector<int> sy = nearest_source_indices(g.h, g.out_h);
@@ -60,7 +48,7 @@ void resize_nearest_f32(const float* in, float* out, const ResizeGeometry& g) {
 void resize_nearest_f32(const float* in, float* out, const ResizeGeometry& g, const int* sy, const int* sx) {
   const int c = g.c;
   const int rows = g.n * g.out_h;
-  for_each_row(rows, static_cast<long long>(rows) * g.out_w * c, [&](int row) {
+  parallel_for(rows, static_cast<long long>(rows) * g.out_w * c, [&](int row) {
     const int b = row / g.out_h, y = row % g.out_h;
     const float* src_row = in + (static_cast<long long>(b) * g.h + sy[y]) * g.w * c;
     float* dst = out + static_cast<long long>(row) * g.out_w * c;
@@ -80,7 +68,7 @@ void resize_bilinear_f32(const float* in, float* out, const ResizeGeometry& g, c
                          const LinearTap* tx) {
   const int c = g.c;
   const int rows = g.n * g.out_h;
-  for_each_row(rows, static_cast<long long>(rows) * g.out_w * c * 4, [&](int row) {
+  parallel_for(rows, static_cast<long long>(rows) * g.out_w * c * 4, [&](int row) {
     const int b = row / g.out_h, y = row % g.out_h;
     const float* top_row = in + (static_cast<long long>(b) * g.h + ty[y].lo) * g.w * c;
     const float* bottom_row = in + (static_cast<long long>(b) * g.h + ty[y].hi) * g.w * c;
