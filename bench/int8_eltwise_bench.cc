@@ -81,6 +81,12 @@ const Case kCases[] = {
        set_ints(n, "strides", {1, 2, 2, 1});
        (*n.mutable_attr())["padding"].set_s("SAME");
      }},
+    {"MaxPoolInt8", "Z40MaxPoolInt8", 1, kx::KernelIsa::kAvx512,
+     [](kx::NodeDef& n) {
+       set_ints(n, "ksize", {1, 3, 3, 1});
+       set_ints(n, "strides", {1, 2, 2, 1});
+       (*n.mutable_attr())["padding"].set_s("SAME");
+     }},
     {"ResizeBilinearInt8", "Z40ResizeBilinearInt8", 1, kx::KernelIsa::kAvx512,
      [](kx::NodeDef& n) { (*n.mutable_attr())["wh_scale"].set_f(1.5f); }},
     {"SliceInt8", "Z40SliceInt8", 1, kx::KernelIsa::kAvx512,

@@ -6,17 +6,6 @@
 
 namespace kvdl {
 
-float tensorflow_round_cpu(float x) {
-  const float f = std::floor(x);
-  const float diff = x - f;
-  if (diff > 0.5f) return f + 1.0f;
-  if (diff != 0.5f) return f;
-  const float g = std::floor(x * 0.5f);
-  // The parity test is made in double and narrowed back, as the firmware does.
-  const float parity = static_cast<float>(static_cast<double>(f) - 2.0 * static_cast<double>(g));
-  return parity == 1.0f ? f + 1.0f : f;
-}
-
 float Round(float x) {
   const double shifted = x > 0 ? static_cast<double>(x) + 0.5 : static_cast<double>(x) - 0.5;
   // Saturate instead of overflowing the 32-bit conversion.
