@@ -1,6 +1,8 @@
 #include "graph_executor.h"
 
 #include <cstdio>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 #include "common.h"
@@ -162,13 +164,21 @@ void GraphExecutor::_parse_node_weight(const NodeDef& const_node, Tensor* weight
   // A rank-0 constant is one element; a Tensor cannot be sized by an empty shape.
   if (shape.empty()) shape.push_back(1);
   const auto type = static_cast<Tensor::DataType>(proto.dtype());
-  weight->set_data(shape, type, nullptr);
   const size_t needed = static_cast<size_t>(count) * static_cast<size_t>(weight->element_byte_size(type));
   const std::string& content = proto.tensor_content();
   if (content.size() < needed) {
     fatal("The constant node:" + const_node.name() + " holds " + std::to_string(content.size()) +
           " bytes of data but its shape " + shape_text(shape) + " needs " + std::to_string(needed) + ".");
   }
+  // The model outlives the executor, so a weight reads the model's own bytes
+  // in place: packed copies are then the only second copy of a weight.
+  // Operators never write their weights; bytes too unaligned for vector
+  // loads of the element type are copied.
+  if (needed > 0 && reinterpret_cast<uintptr_t>(content.data()) % alignof(std::max_align_t) == 0) {
+    weight->set_data(shape, type, const_cast<char*>(content.data()));
+    return;
+  }
+  weight->set_data(shape, type, nullptr);
   if (needed > 0) std::memcpy(weight->get_mutable_ptr(), content.data(), needed);
 }
 

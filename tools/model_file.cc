@@ -4,7 +4,7 @@
 
 #include <cerrno>
 #include <fstream>
-#include <sstream>
+#include <utility>
 
 #include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/io/tokenizer.h>
@@ -105,10 +105,10 @@ bool read_file(const std::string& path, std::string& bytes) {
   if (::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
   std::ifstream file(path, std::ios::in | std::ios::binary);
   if (!file.is_open()) return false;
-  std::ostringstream buffer;
-  buffer << file.rdbuf();
-  bytes = buffer.str();
-  return !file.bad();
+  // Straight into a buffer of the file's size: models run to hundreds of MiB.
+  bytes.assign(static_cast<size_t>(info.st_size), '\0');
+  file.read(&bytes[0], static_cast<std::streamsize>(bytes.size()));
+  return file.gcount() == static_cast<std::streamsize>(bytes.size()) && !file.bad();
 }
 
 bool write_file(const std::string& path, const std::string& bytes) {
@@ -146,8 +146,8 @@ bool read_model_bytes(const std::string& path, const std::string& format, GraphD
   }
   if (format == "plain") {
     chosen = ModelFormat::kPlain;
-    binary = bytes;
-    if (parse_binary(bytes, graph) && graph.node_size() > 0) return true;
+    binary.swap(bytes);
+    if (parse_binary(binary, graph) && graph.node_size() > 0) return true;
     error = "'" + path + "' is not a binary GraphDef with nodes";
     return false;
   }
@@ -182,7 +182,7 @@ bool read_model_bytes(const std::string& path, const std::string& format, GraphD
   }
   if (parse_binary(bytes, graph) && looks_sane(graph)) {
     chosen = ModelFormat::kPlain;
-    binary = bytes;
+    binary.swap(bytes);
     return true;
   }
   std::string why;
@@ -206,7 +206,7 @@ bool read_model(const std::string& path, const std::string& format, GraphDef& gr
                 ModelFormat& chosen, std::string& error, std::string* binary) {
   std::string bytes;
   const bool ok = read_model_bytes(path, format, graph, chosen, error, bytes);
-  if (binary != nullptr) *binary = ok && chosen != ModelFormat::kText ? bytes : std::string();
+  if (binary != nullptr) *binary = ok && chosen != ModelFormat::kText ? std::move(bytes) : std::string();
   return ok;
 }
 
