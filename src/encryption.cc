@@ -1,9 +1,6 @@
 #include "encryption.h"
 
 #include <fcntl.h>
-#include <google/protobuf/io/coded_stream.h>
-#include <google/protobuf/io/tokenizer.h>
-#include <google/protobuf/text_format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,10 +9,10 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
-#include <sstream>
 #include <vector>
 
 #include "common.h"
+#include "model_parse.h"
 #include "model_reader.h"
 
 #ifndef KOVRA_MODEL_CIPHER_KEY
@@ -31,16 +28,6 @@ const char EncryptionRC4::kMagic[9] = "KVRAPROT";
 namespace {
 
 const size_t kMagicSize = 8;
-
-bool read_file(const std::string& path, std::string& bytes) {
-  std::ifstream file(path, std::ios::in | std::ios::binary);
-  if (!file.is_open()) return false;
-  std::ostringstream buffer;
-  buffer << file.rdbuf();
-  if (file.bad()) return false;
-  bytes = buffer.str();
-  return true;
-}
 
 bool write_all(int fd, const std::string& bytes) {
   size_t done = 0;
@@ -70,39 +57,15 @@ struct RemoveOnExit {
   ~RemoveOnExit() { std::remove(path.c_str()); }
 };
 
-// Collects nothing: a failed guess at the text form is not worth a log line.
-class IgnoreErrors : public google::protobuf::io::ErrorCollector {
- public:
-  void AddError(int, google::protobuf::io::ColumnNumber, const std::string&) override {}
-};
-
-// Bytes can parse as a GraphDef by chance (unknown fields are skipped); a
-// model has at least one node, and every node a name and an op.
-bool has_nodes(const ::kovra::trenkit::GraphDef& graph) {
-  if (graph.node_size() == 0) return false;
-  for (const auto& node : graph.node()) {
-    if (node.name().empty() || node.op().empty()) return false;
-  }
-  return true;
-}
-
 enum class PlainForm { kNone, kBinary, kText };
 
 // Whether the stored bytes are a plain model rather than a protected one.
 PlainForm plain_model_form(const std::string& stored) {
   if (EncryptionRC4::has_magic(stored)) return PlainForm::kNone;
   ::kovra::trenkit::GraphDef graph;
-  google::protobuf::io::CodedInputStream coded(reinterpret_cast<const uint8_t*>(stored.data()),
-                                               static_cast<int>(stored.size()));
-  coded.SetTotalBytesLimit(2147483647);
-  if (graph.ParseFromCodedStream(&coded) && coded.ConsumedEntireMessage() && has_nodes(graph)) {
-    return PlainForm::kBinary;
-  }
-  graph.Clear();
-  google::protobuf::TextFormat::Parser parser;
-  IgnoreErrors ignore;
-  parser.RecordErrorsTo(&ignore);
-  return parser.ParseFromString(stored, &graph) && has_nodes(graph) ? PlainForm::kText : PlainForm::kNone;
+  if (parse_binary(stored, graph) && looks_sane(graph)) return PlainForm::kBinary;
+  std::string error;
+  return parse_text(stored, graph, error) && looks_sane(graph) ? PlainForm::kText : PlainForm::kNone;
 }
 
 }  // namespace
@@ -167,7 +130,7 @@ std::string EncryptionRC4::unprotect(const std::string& stored) {
   }
   probe.close();
   const bool parsed = parse_graph_file(cleanup.path, graph_def.get());
-  if (!parsed || !has_nodes(*graph_def)) {
+  if (!parsed || !looks_sane(*graph_def)) {
     // The usual mistake: a model that was never protected. Say so, instead of
     // the empty graph failing later for want of an end point.
     const PlainForm form = plain_model_form(stored);
