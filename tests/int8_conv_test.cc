@@ -373,16 +373,10 @@ TEST(Int8ConvHandTest, FirstLayerCodesAndPadding) {
   for (int j = 0; j < 3; ++j) w[((1 * 3 + 1) * 3 + j) * 4 + j] = 1.0f;
   w[(0 * 3 + 0) * 4 + 3] = 1.0f;
   add_float_const(g, "w", {3, 3, 3, 4}, w);
-  NodeDef* node = add_node(g, "conv", "Z40Conv2DInt8", {"input", "w"});
-  set_attr_s(node, "padding", "SAME");
-  set_attr_ints(node, "strides", {1, 1, 1, 1});
-  set_attr_floats(node, "OUTPUTSCALE", {1, 1, 1, 1});
-  set_attr_i(node, "maxValue", 100);  // the codes are clamped to 255, not to this
-  set_attr_i(node, "minValue", -100);
-  set_attr_i(node, "output_bitwidth", 32);
-  set_attr_floats(node, "input_mean", {10.0f, 10.0f, 10.0f});
-  set_attr_floats(node, "input_var", {2.0f, 2.0f, 2.0f});
-  set_attr_i(node, "input_offset", 5);
+  // The codes are clamped to 255, not to maxValue.
+  set_attrs(add_node(g, "conv", "Z40Conv2DInt8", {"input", "w"}),
+            "padding='SAME' strides=[1,1,1,1] OUTPUTSCALE=[1.,1.,1.,1.] maxValue=100 minValue=-100 "
+            "output_bitwidth=32 input_mean=[10.,10.,10.] input_var=[2.,2.,2.] input_offset=5");
   const Tensor input = make_tensor({1, 1, 1, 3}, {-1000.0f, 1000.0f, 11.25f});
   // (11.25 - 10) * 2 = 2.5 rounds to 2; plus offset 5.
   EXPECT_EQ(run_single_op(g, input, "conv"), (std::vector<float>{0.0f, 255.0f, 7.0f, 5.0f}));
@@ -392,12 +386,8 @@ TEST(Int8ConvHandTest, Relu6OnThe32BitPathHasNoLowerBound) {
   GraphDef g;
   add_node(g, "input", "ZxxNOp");
   add_float_const(g, "w", {1, 1, 1, 1}, {1.0f});
-  NodeDef* node = add_node(g, "conv", "Z40Conv2DInt8", {"input", "w"});
-  set_attr_s(node, "padding", "VALID");
-  set_attr_ints(node, "strides", {1, 1, 1, 1});
-  set_attr_floats(node, "OUTPUTSCALE", {1.0f});
-  set_attr_s(node, "ActionType", "Relu6");
-  set_attr_i(node, "output_bitwidth", 32);
+  set_attrs(add_node(g, "conv", "Z40Conv2DInt8", {"input", "w"}),
+            "padding='VALID' strides=[1,1,1,1] OUTPUTSCALE=[1.] ActionType='Relu6' output_bitwidth=32");
   const Tensor input = make_tensor({1, 1, 3, 1}, {-3.0f, 2.5f, 9.0f});
   EXPECT_EQ(run_single_op(g, input, "conv"), (std::vector<float>{-3.0f, 2.5f, 6.0f}));
 }
