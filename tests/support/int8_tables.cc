@@ -25,7 +25,8 @@ void set_attrs(NodeDef* node, const std::string& text) {
       for (const std::string& item : items) floats |= is_float_text(item);
       std::vector<float> f;
       std::vector<int> i;
-      for (const std::string& item : items) floats ? f.push_back(std::stof(item)) : i.push_back(std::stoi(item));
+      for (const std::string& item : items)
+        floats ? f.push_back(std::stof(item)) : i.push_back(std::stoi(item));
       floats ? set_attr_floats(node, key, f) : set_attr_ints(node, key, i);
     } else if (value.front() == '\'') {
       set_attr_s(node, key, value.substr(1, value.size() - 2));
@@ -60,11 +61,6 @@ std::string failure_of(const std::function<void()>& run) {
 
 std::string check_text(const std::string& condition, const std::string& message) {
   return "Check failed: " + condition + "==>\"" + message + "\"";
-}
-
-TensorList::TensorList(const std::vector<std::vector<int>>& shapes, const std::vector<std::vector<float>>& values) {
-  for (size_t i = 0; i < shapes.size(); ++i) tensors.push_back(make_tensor(shapes[i], values[i]));
-  for (const Tensor& t : tensors) ptrs.push_back(&t);
 }
 
 }  // namespace kovra_test

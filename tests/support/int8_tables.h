@@ -5,7 +5,6 @@
 
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "support/test_util.h"
 
@@ -22,13 +21,6 @@ NodeDef node_of(const std::string& op, const std::string& attrs);
 std::string failure_of(const std::function<void()>& run);
 // The text of a failed check, as the library words it.
 std::string check_text(const std::string& condition, const std::string& message);
-
-// Owned tensors of the given shapes (row-major values) and pointers to them.
-struct TensorList {
-  std::vector<Tensor> tensors;
-  std::vector<const Tensor*> ptrs;
-  TensorList(const std::vector<std::vector<int>>& shapes, const std::vector<std::vector<float>>& values);
-};
 
 }  // namespace kovra_test
 
