@@ -582,6 +582,10 @@ TEST(CliTest, ToyModelSummaryLinesAndOutDirFilesHoldTheValues) {
   EXPECT_EQ(read_floats(dir.file("out/sum_out.npy"), &shape), (std::vector<float>{-2, -1, 1, 14}));
   EXPECT_EQ(shape, (std::vector<int>{1, 2, 2, 1}));
   EXPECT_EQ(read_floats(dir.file("out/clip.npy")), (std::vector<float>{0, 0, 0.5f, 6}));
+  // In place, relu must not overwrite the input that sum/out reads after it.
+  r = kovra(run + dir.file("in.npy") + " --inplace --threads 1 --out-dir " + dir.file("inplace"));
+  ASSERT_EQ(r.code, 0) << r.out;
+  EXPECT_EQ(read_floats(dir.file("inplace/sum_out.npy")), (std::vector<float>{-2, -1, 1, 14}));
 
   // --output picks one end node.
   r = kovra(run + dir.file("in.bin") + ":1x2x2x1 --output relu");
