@@ -4,8 +4,6 @@
 // that has thrown stays usable, and pool tasks fail as their caller would.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -75,12 +73,6 @@ std::function<void()> on_model(std::function<void(GraphExecutor&)> call,
   };
 }
 
-std::string plain_model_file() {
-  const std::string path = (std::filesystem::temp_directory_path() / "kovra_errors_test_plain.pb").string();
-  std::ofstream(path, std::ios::binary) << parse_text_graph(kModel).SerializeAsString();
-  return path;
-}
-
 struct FailureCase {
   const char* what;
   std::function<void()> run;
@@ -92,7 +84,6 @@ struct FailureCase {
 std::ostream& operator<<(std::ostream& os, const FailureCase& c) { return os << c.what; }
 
 std::vector<FailureCase> failure_cases() {
-  const std::string plain = plain_model_file();
   return {
       // Translation of the model.
       {"UnknownOperator", construct(R"(node { name: "a" op: "Z40Warp" })"),
@@ -123,13 +114,6 @@ std::vector<FailureCase> failure_cases() {
                                             node { name: "use" op: "ZxxNOp" input: "x" input: "w" })"),
        "key not found: value", "use", "ZxxNOp"},
       {"EmptyModel", construct(""), "Have no end point, please check it!", "", ""},
-      {"PlainModelByPath", [plain] { GraphExecutor executor(plain, CPU); },
-       "The model file " + plain +
-           " is a plain (unprotected) model, but a path given to GraphExecutor must be a protected model: "
-           "read it "
-           "with load_graph() of kovraexecutor/model_reader.h and pass the GraphDef to GraphExecutor(const "
-           "GraphDef*, DEVICE), or protect the file with kovra protect.",
-       "", ""},
       // Calls on a good executor.
       {"UnknownDevice", construct(kModel, static_cast<DEVICE>(7)), "Unsupport device type: 7", "", ""},
       {"GpuConstructor", construct(kModel, GPU), "Your library don't compile with GPU.", "", ""},
