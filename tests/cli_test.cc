@@ -150,6 +150,7 @@ TEST_P(BadInvocationTest, ExitCodeAndLine) {
                                    node { name: "f" op: "Z40Frobnicate" input: "input" })");
   spit(dir.file("dangling.pbtxt"), R"(node { name: "input" op: "ZxxNOp" }
                                     node { name: "b" op: "ZxxFlatten" input: "zzz" })");
+  spit(dir.file("noname.pbtxt"), R"(node { name: "input" op: "ZxxNOp" } node { op: "ZxxFlatten" })");
   spit(dir.file("short.pbtxt"), R"(node { name: "input" op: "ZxxNOp" }
     node { name: "w" op: "Const" attr { key: "value" value { tensor {
       dtype: DT_FLOAT tensor_shape { dim { size: 2 } } tensor_content: "\000\000\200?" } } } }
@@ -250,6 +251,8 @@ const BadCase kBadCases[] = {
     {"CheckShapes", "check {dir}/p.pbtxt -s input=1x2x2x1", 0, "0 problems, 0 warnings"},
     {"CheckFindsEveryProblem", "check {dir}/unknown.pbtxt", 1,
      "problem: f (Z40Frobnicate): the model uses operators this build does not have: Z40Frobnicate"},
+    {"CheckNameless", "check {dir}/noname.pbtxt --format text", 1,
+     "problem: (no name) (ZxxFlatten): the model has a node without a name (op ZxxFlatten)"},
     {"CheckInference", "check {dir}/concat1.pbtxt -s input=1x2x2x1", 1,
      "problem: c (Z40Concat): Check failed: inputs.size() > 1==>\"Z40Concat operator inputs must "
      "greater than 1.\""},
