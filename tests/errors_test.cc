@@ -190,25 +190,18 @@ TEST(ErrorRecoveryTest, ExecutorOutlivesAThousandFailures) {
   const std::vector<float> values = {1, 2, 3};
   Tensor good = make_tensor({1, 1, 1, 3}, values);
   Tensor flat = make_tensor({3}, values);
+  const std::function<void()> failing[] = {[&] {
+                                             executor.set_inputs({{"y", &good}}), executor.work();
+                                           },
+                                           [&] {
+                                             executor.set_inputs({{"x", &flat}}), executor.work();
+                                           },
+                                           [&] { executor.get_node_tensor("nope"); },
+                                           [&] { executor.work({}, "nope"); }};
   int failures = 0;
   for (int i = 0; i < 1000; ++i) {
     try {
-      switch (i % 4) {
-        case 0:
-          executor.set_inputs({{"y", &good}});
-          executor.work();
-          break;
-        case 1:
-          executor.set_inputs({{"x", &flat}});
-          executor.work();
-          break;
-        case 2:
-          executor.get_node_tensor("nope");
-          break;
-        case 3:
-          executor.work({}, "nope");
-          break;
-      }
+      failing[i % 4]();
     } catch (const Error&) {
       ++failures;
     }
