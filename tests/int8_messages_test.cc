@@ -124,11 +124,11 @@ void infer_and_execute(kx::OpExecutor* op, const std::vector<const Tensor*>& inp
 // Inputs, and attribute values, that an operator refuses: each case gives the
 // operator's own message, whichever of the two steps detects it.
 struct CheckCase {
-  const char* op;
+  std::string op;
   std::vector<std::vector<int>> shapes;  // one tensor per entry
-  const char* condition;                 // empty: a plain error line
-  const char* message;
-  const char* changes = "";  // to the complete node
+  std::string condition;                 // empty: a plain error line
+  std::string message;
+  std::string changes = "";  // to the complete node
 };
 void PrintTo(const CheckCase& c, std::ostream* os) { *os << c.op << ": " << c.message; }
 
@@ -139,19 +139,8 @@ const CheckCase kChecks[] = {
     {"Z40Quantize", {{1, 1, 1, 1, 1, 1}}, "",
      "\"The shape of input only support 3D ,4D or 5D in Z40Quantize!!!\""},
     {"Z40Dequantize", {{4}}, "", "\"The shape of input only support 3D ,4D or 5D in Z40Dequantize!!!\""},
-    {"Z40Quantize", {{}}, "input_tensor->shape().size() > 0", "The shape of input is 0 in Z40Quantize!!!"},
-    {"Z40Dequantize", {{}}, "input_tensor->shape().size() > 0",
-     "The shape of input is 0 in Z40Dequantize!!!"},
-    {"Z40KovraFakeQuantFeature", {{}}, "input_tensor->shape().size() > 0",
-     "The shape of input is 0 in Z40KovraFakeQuantFeature!!!"},
-    {"Z40EltwiseAddInt8", {{}, {1}}, "input_tensor->shape().size() > 0",
-     "The shape of input is 0 in Z40EltwiseAddInt8!!!"},
-    {"Z40EltwiseSubInt8", {{}, {1}}, "input_tensor->shape().size() > 0",
-     "The shape of input is 0 in Z40EltwiseSubInt8!!!"},
     {"Z40EltwiseAddInt8", {{1, 2}}, "inputs.size() >= 2", "Z40EltwiseAddInt8 needs 2 inputs but has 1"},
     {"Z40Quantize", {}, "inputs.size() >= 1", "Z40Quantize needs 1 inputs but has 0"},
-    {"Z40CloneInt8", {{1, 2, 3}}, "input_tensor->shape().size() == 4",
-     "Wrong input shape in Z40CloneInt8!!!"},
     {"Z40BatchNormScaleInt8", {{1, 2}}, "input_tensor->shape().size() == 4",
      "Wrong input shape in z40 batch norm!!!"},
     {"Z40ChannelShuffleInt8", {{1, 2, 3}}, "input_tensor->shape().size() == 4",
@@ -160,31 +149,9 @@ const CheckCase kChecks[] = {
      "Wrong input shape in Z40MaxInt8."},
     {"Z40EltwiseMulInt8", {{1, 2}, {1, 2}, {1, 2}}, "", "Unspport input size :3in Z40EltwiseMulInt8."},
     {"Z40EltwiseMulInt8", {{1, 2}}, "", "Unspport input size :1in Z40EltwiseMulInt8."},
-    {"Z40EltwiseMulInt8", {{}, {1}}, "input_tensor->shape().size() > 0",
-     "The shape of input is 0 in Z40EltwiseMulInt8!!!"},
-    {"Z40LeakyReluInt8", {{}}, "input_tensor->shape().size() > 0",
-     "The shape of input is 0 in Z40LeakyReluInt8!!!"},
-    {"Z40FlattenInt8", {{}}, "input_tensor->shape().size() > 0",
-     "The shape of input is 0 in Z40FlattenInt8!!!"},
-    {"Z40SigmoidInt8", {{}}, "input_tensor->shape().size() > 0",
-     "The shape of input is 0 in Z40SigmoidInt8!!!"},
-    {"Z40TanhInt8", {{}}, "input_tensor->shape().size() > 0", "The shape of input is 0 in Z40TanhInt8!!!"},
-    {"Z40PowInt8", {{}, {1}}, "input_tensor->shape().size() > 0", "The shape of input is 0 in Z40PowInt8!!!"},
     {"Z40PowInt8", {{1, 2}}, "inputs.size() >= 2", "Z40PowInt8 needs 2 inputs but has 1"},
-    {"Z40AvgPoolInt8", {{1, 2, 2}}, "input_tensor->shape().size() == 4",
-     "Wrong input shape in Z40AvgPoolInt8!!!"},
-    {"Z40MaxPoolInt8", {{1, 2, 2}}, "input_tensor->shape().size() == 4",
-     "Wrong input shape in Z40MaxPoolInt8!!!"},
     {"Z40GlobalAvgPoolInt8", {{1, 2}}, "input_tensor->shape().size() == 3 || 4",
      "Wrong input shape in Z40GlobalAvgPoolInt8!!!"},
-    {"Z40ResizeBilinearInt8", {{1, 2, 2}}, "input_tensor->shape().size() == 4",
-     "Wrong input shape in Z40ResizeBilinearInt8!!!"},
-    {"Z40ResizeNearestNeighborInt8", {{2, 2}}, "input_tensor->shape().size() == 4",
-     "Wrong input shape in Z40ResizeNearestNeighborInt8!!!"},
-    {"Z40Unpool2DInt8", {{2, 2}}, "input_tensor->shape().size() == 4",
-     "Wrong input shape in Z40Unpool2DInt8!!!"},
-    {"Z40SpaceToDepthInt8", {{2, 2}}, "input_tensor->shape().size() == 4",
-     "Wrong input shape in Z40SpaceToDepthInt8!!!"},
     {"Z40ConcatInt8", {{1, 1, 1, 2}}, "inputs.size() > 1",
      "Z40ConcatInt8 operator inputs must greater than 1."},
     {"Z40ConcatInt8", {{1, 2, 3}, {1, 2, 3}}, "output_shape.size() > 3", "Wrong output shape in concat."},
@@ -248,6 +215,25 @@ const CheckCase kChecks[] = {
 };
 // clang-format on
 
+// Those worded alike: an input without a buffer, or of a rank other than four.
+std::vector<CheckCase> checks() {
+  std::vector<CheckCase> rows(std::begin(kChecks), std::end(kChecks));
+  for (std::string op : {"Z40Quantize", "Z40Dequantize", "Z40KovraFakeQuantFeature", "Z40LeakyReluInt8",
+                         "Z40FlattenInt8", "Z40SigmoidInt8", "Z40TanhInt8", "Z40EltwiseAddInt8",
+                         "Z40EltwiseSubInt8", "Z40EltwiseMulInt8", "Z40PowInt8"}) {
+    const bool two = op.find("Eltwise") != std::string::npos || op == "Z40PowInt8";
+    rows.push_back({op, two ? std::vector<std::vector<int>>{{}, {1}} : std::vector<std::vector<int>>{{}},
+                    "input_tensor->shape().size() > 0", "The shape of input is 0 in " + op + "!!!"});
+  }
+  for (std::string op : {"Z40CloneInt8", "Z40AvgPoolInt8", "Z40MaxPoolInt8", "Z40ResizeBilinearInt8",
+                         "Z40ResizeNearestNeighborInt8", "Z40Unpool2DInt8", "Z40SpaceToDepthInt8"}) {
+    rows.push_back(
+        {op, {{1, 2, 2}}, "input_tensor->shape().size() == 4", "Wrong input shape in " + op + "!!!"});
+    rows.push_back({op, {{2, 2}}, "input_tensor->shape().size() == 4", "Wrong input shape in " + op + "!!!"});
+  }
+  return rows;
+}
+
 class InputCheckTest : public ::testing::TestWithParam<CheckCase> {};
 
 TEST_P(InputCheckTest, FailsWithTheOperatorsMessage) {
@@ -259,10 +245,10 @@ TEST_P(InputCheckTest, FailsWithTheOperatorsMessage) {
     op->parse_parameter(node);
     infer_and_execute(op.get(), inputs.ptrs);
   });
-  EXPECT_EQ(failure, std::string(c.condition).empty() ? c.message : check_text(c.condition, c.message));
+  EXPECT_EQ(failure, c.condition.empty() ? c.message : check_text(c.condition, c.message));
 }
 
-INSTANTIATE_TEST_SUITE_P(Int8Operators, InputCheckTest, ::testing::ValuesIn(kChecks));
+INSTANTIATE_TEST_SUITE_P(Int8Operators, InputCheckTest, ::testing::ValuesIn(checks()));
 
 // A caller that runs execute on inputs other than those inference_shape
 // prepared for (larger, or with other channels) is stopped before the
