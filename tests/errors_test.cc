@@ -190,12 +190,12 @@ TEST(ErrorRecoveryTest, ExecutorOutlivesAThousandFailures) {
   const std::vector<float> values = {1, 2, 3};
   Tensor good = make_tensor({1, 1, 1, 3}, values);
   Tensor flat = make_tensor({3}, values);
-  const std::function<void()> failing[] = {[&] {
-                                             executor.set_inputs({{"y", &good}}), executor.work();
-                                           },
-                                           [&] {
-                                             executor.set_inputs({{"x", &flat}}), executor.work();
-                                           },
+  auto run_with = [&](const char* name, Tensor* x) {
+    executor.set_inputs({{name, x}});
+    executor.work();
+  };
+  // An input of no node, a wrong shape, no such node, no such end point.
+  const std::function<void()> failing[] = {[&] { run_with("y", &good); }, [&] { run_with("x", &flat); },
                                            [&] { executor.get_node_tensor("nope"); },
                                            [&] { executor.work({}, "nope"); }};
   int failures = 0;
