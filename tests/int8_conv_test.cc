@@ -266,16 +266,14 @@ struct PathRun {
 };
 void PrintTo(const PathRun& p, std::ostream* os) { *os << p.name; }
 void PrintTo(const ConvCase& c, std::ostream* os) { *os << c.name; }
+// clang-format off
 const PathRun kPaths[] = {
-    {"float_1", false, kx::KernelIsa::kAvx512Vnni, 1},
-    {"float_16", false, kx::KernelIsa::kAvx512Vnni, 16},
-    {"float_portable", false, kx::KernelIsa::kPortable, 1},
-    {"portable", true, kx::KernelIsa::kPortable, 1},
-    {"avx2_16", true, kx::KernelIsa::kAvx2, 16},
-    {"avx512_1", true, kx::KernelIsa::kAvx512, 1},
-    {"vnni_1", true, kx::KernelIsa::kAvx512Vnni, 1},
-    {"vnni_16", true, kx::KernelIsa::kAvx512Vnni, 16},
+    {"float_1", false, kx::KernelIsa::kAvx512Vnni, 1},   {"float_16", false, kx::KernelIsa::kAvx512Vnni, 16},
+    {"float_portable", false, kx::KernelIsa::kPortable, 1}, {"portable", true, kx::KernelIsa::kPortable, 1},
+    {"avx2_16", true, kx::KernelIsa::kAvx2, 16},            {"avx512_1", true, kx::KernelIsa::kAvx512, 1},
+    {"vnni_1", true, kx::KernelIsa::kAvx512Vnni, 1},        {"vnni_16", true, kx::KernelIsa::kAvx512Vnni, 16},
 };
+// clang-format on
 
 class Int8ConvTest : public ::testing::TestWithParam<std::tuple<ConvCase, PathRun>> {
  protected:
