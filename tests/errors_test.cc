@@ -4,8 +4,6 @@
 // that has thrown stays usable, and pool tasks fail as their caller would.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -19,6 +17,7 @@ namespace kovra_test {
 namespace {
 
 using kovra::trenkit::kovraexecutor::CPU;
+using kovra::trenkit::kovraexecutor::DEVICE;
 using kovra::trenkit::kovraexecutor::Error;
 using kovra::trenkit::kovraexecutor::error_policy;
 using kovra::trenkit::kovraexecutor::ErrorPolicy;
@@ -48,11 +47,17 @@ std::string abort_line(const std::string& text) {
   return literal_regex("\033[1m\033[31mError: " + text + "\033[0m\n") + "$";
 }
 
-std::function<void()> construct(const std::string& model) {
-  return [model] {
+std::function<void()> construct(const std::string& model, DEVICE device = CPU) {
+  return [model, device] {
     GraphDef graph = parse_text_graph(model);
-    GraphExecutor executor(&graph, CPU);
+    GraphExecutor executor(&graph, device);
   };
+}
+
+// A constant "w" of the given tensor, read by node "use".
+std::string with_const(const std::string& tensor) {
+  return R"(node { name: "x" op: "ZxxNOp" } node { name: "w" op: "Const" attr { key: "value" value { )" +
+         tensor + R"( } } } node { name: "use" op: "ZxxNOp" input: "x" input: "w" })";
 }
 
 // `call` on an executor of kModel fed with x of `shape`.
@@ -68,12 +73,6 @@ std::function<void()> on_model(std::function<void(GraphExecutor&)> call,
   };
 }
 
-std::string plain_model_file() {
-  const std::string path = (std::filesystem::temp_directory_path() / "kovra_errors_test_plain.pb").string();
-  std::ofstream(path, std::ios::binary) << parse_text_graph(kModel).SerializeAsString();
-  return path;
-}
-
 struct FailureCase {
   const char* what;
   std::function<void()> run;
@@ -85,7 +84,6 @@ struct FailureCase {
 std::ostream& operator<<(std::ostream& os, const FailureCase& c) { return os << c.what; }
 
 std::vector<FailureCase> failure_cases() {
-  const std::string plain = plain_model_file();
   return {
       // Translation of the model.
       {"UnknownOperator", construct(R"(node { name: "a" op: "Z40Warp" })"),
@@ -97,22 +95,40 @@ std::vector<FailureCase> failure_cases() {
        "Check failed: suc==>\"Do not find the alpha in FloatZ40LeakyRelu!!!\"", "leaky", "Z40LeakyRelu"},
       {"NoOutputBitwidth", construct(R"(node { name: "q" op: "Z40Conv2DInt8" })"),
        "Op: q have no output bitwidth!", "q", "Z40Conv2DInt8"},
-      {"ShortConstant", construct(R"(node { name: "x" op: "ZxxNOp" }
-                    node { name: "w" op: "Const" attr { key: "value" value { tensor {
-                      dtype: DT_FLOAT tensor_shape { dim { size: 4 } } tensor_content: "abcd" } } } }
-                    node { name: "use" op: "ZxxNOp" input: "x" input: "w" })"),
+      {"ShortConstant", construct(with_const(R"(tensor { dtype: DT_FLOAT tensor_shape { dim { size: 4 } }
+                                                    tensor_content: "abcd" })")),
        "The constant node:w holds 4 bytes of data but its shape [4] needs 16.", "use", "ZxxNOp"},
+      {"NegativeDimension",
+       construct(with_const(
+           R"(tensor { dtype: DT_FLOAT tensor_shape { dim { size: -2 } } tensor_content: "abcdefgh" })")),
+       "The constant node:w has an invalid shape.", "use", "ZxxNOp"},
+      {"OverflowingCount",
+       construct(
+           with_const("tensor { dtype: DT_FLOAT tensor_shape { dim { size: 65536 } dim { size: 65536 } } }")),
+       "The constant node:w has an invalid shape.", "use", "ZxxNOp"},
+      {"UnsupportedType",
+       construct(with_const(
+           R"(tensor { dtype: DT_DOUBLE tensor_shape { dim { size: 1 } } tensor_content: "abcdefgh" })")),
+       "Check failed: data_type_byte_size.count(data_type) != 0==>", "use", "ZxxNOp"},
+      {"ConstantWithoutValue", construct(R"(node { name: "x" op: "ZxxNOp" } node { name: "w" op: "Const" }
+                                            node { name: "use" op: "ZxxNOp" input: "x" input: "w" })"),
+       "key not found: value", "use", "ZxxNOp"},
       {"EmptyModel", construct(""), "Have no end point, please check it!", "", ""},
-      {"PlainModelByPath", [plain] { GraphExecutor executor(plain, CPU); },
-       "The model file " + plain +
-           " is a plain (unprotected) model, but a path given to GraphExecutor must be a protected model: "
-           "read it "
-           "with load_graph() of kovraexecutor/model_reader.h and pass the GraphDef to GraphExecutor(const "
-           "GraphDef*, DEVICE), or protect the file with kovra protect.",
-       "", ""},
       // Calls on a good executor.
+      {"UnknownDevice", construct(kModel, static_cast<DEVICE>(7)), "Unsupport device type: 7", "", ""},
+      {"GpuConstructor", construct(kModel, GPU), "Your library don't compile with GPU.", "", ""},
       {"Gpu", on_model([](GraphExecutor& e) { e.set_device(GPU); }), "Your library don't compile with GPU.",
        "", ""},
+      {"QueryGpu", on_model([](GraphExecutor& e) { e.query_gpu_device(); }),
+       "Your library don't compile with GPU.", "", ""},
+      {"SetGpu", on_model([](GraphExecutor& e) { e.set_gpu_device(0); }),
+       "Your library don't compile with GPU.", "", ""},
+      {"FloatDataOfInt16", on_model([](GraphExecutor& e) {
+         short s16[1] = {1};
+         Tensor d({1}, Tensor::DT_INT16, s16, "cpu");
+         e.get_node_float_data(&d);
+       }),
+       "Unsupport tensor data type:5", "", ""},
       {"BadInputName", on_model([](GraphExecutor& e) {
          Tensor y({1, 1, 1, 3}, Tensor::DT_FLOAT, nullptr, "cpu");
          e.set_inputs({{"y", &y}});
@@ -174,25 +190,18 @@ TEST(ErrorRecoveryTest, ExecutorOutlivesAThousandFailures) {
   const std::vector<float> values = {1, 2, 3};
   Tensor good = make_tensor({1, 1, 1, 3}, values);
   Tensor flat = make_tensor({3}, values);
+  auto run_with = [&](const char* name, Tensor* x) {
+    executor.set_inputs({{name, x}});
+    executor.work();
+  };
+  // An input of no node, a wrong shape, no such node, no such end point.
+  const std::function<void()> failing[] = {[&] { run_with("y", &good); }, [&] { run_with("x", &flat); },
+                                           [&] { executor.get_node_tensor("nope"); },
+                                           [&] { executor.work({}, "nope"); }};
   int failures = 0;
   for (int i = 0; i < 1000; ++i) {
     try {
-      switch (i % 4) {
-        case 0:
-          executor.set_inputs({{"y", &good}});
-          executor.work();
-          break;
-        case 1:
-          executor.set_inputs({{"x", &flat}});
-          executor.work();
-          break;
-        case 2:
-          executor.get_node_tensor("nope");
-          break;
-        case 3:
-          executor.work({}, "nope");
-          break;
-      }
+      failing[i % 4]();
     } catch (const Error&) {
       ++failures;
     }

@@ -1,7 +1,7 @@
+#include <gtest/gtest.h>
+
 #include <cstring>
 #include <filesystem>
-
-#include <gtest/gtest.h>
 
 #include "graph.h"
 #include "graph_executor.h"
@@ -13,8 +13,6 @@ namespace kovra_test {
 namespace {
 
 using kovra::trenkit::kovraexecutor::CPU;
-using kovra::trenkit::kovraexecutor::DEVICE;
-using kovra::trenkit::kovraexecutor::GPU;
 using kovra::trenkit::kovraexecutor::GraphExecutor;
 using kovra::trenkit::kovraexecutor::GraphExecutorAccess;
 
@@ -42,6 +40,8 @@ TEST(ExecutorTest, TranslatesConstantsIntoWeightsAndRuns) {
   EXPECT_EQ(tensor_values(*executor.get_output_tensor("out")), (std::vector<float>{11, 22}));
   EXPECT_EQ(tensor_values(*executor.get_node_tensor("add")), (std::vector<float>{11, 22}));
   EXPECT_EQ(executor.get_node_tensor("input"), executor.get_node_tensor("input"));
+  EXPECT_EQ(executor.get_op_executor("nope"), nullptr);
+  EXPECT_NE(executor.get_op_executor("add"), nullptr);
 }
 
 TEST(ExecutorTest, SetInputsNamesTensorsByKeyAndSetInputClearsOthers) {
@@ -121,9 +121,6 @@ TEST(ExecutorTest, FloatDataOfEveryReadableType) {
   EXPECT_EQ(executor.get_node_float_data(&a), (std::vector<float>{-3, 0, 127}));
   EXPECT_EQ(executor.get_node_float_data(&b), (std::vector<float>{0, 200, 255}));
   EXPECT_EQ(executor.get_node_float_data(&c), (std::vector<float>{-70000, 1, 70000}));
-  short s16[1] = {1};
-  Tensor d({1}, Tensor::DT_INT16, s16, "cpu");
-  EXPECT_FATAL(executor.get_node_float_data(&d), "Unsupport tensor data type:5");
 }
 
 TEST(ExecutorTest, UpdateGraphWritesWeightsBack) {
@@ -194,62 +191,13 @@ TEST(ExecutorTest, DumpFolderIsSwitchedOnAndOffThroughTheExecutor) {
   EXPECT_FALSE(std::filesystem::exists(folder));
 }
 
-TEST(ExecutorDeathTest, DevicesAndLookups) {
-  GraphDef graph = parse_text_graph(kSumModel);
-  EXPECT_FATAL(GraphExecutor(&graph, GPU), "Your library don't compile with GPU.");
-  EXPECT_FATAL(GraphExecutor(&graph, static_cast<DEVICE>(7)), "Unsupport device type: 7");
-  GraphExecutor executor(&graph, CPU);
-  EXPECT_FATAL(executor.get_node_weights("nope"), "Graph have no node:nope");
-  EXPECT_EQ(executor.get_op_executor("nope"), nullptr);
-  EXPECT_NE(executor.get_op_executor("add"), nullptr);
-  EXPECT_FATAL(executor.query_gpu_device(), "Your library don't compile with GPU.");
-  EXPECT_FATAL(executor.set_gpu_device(0), "Your library don't compile with GPU.");
+// Bad models and calls, under both error policies: errors_test. By default a
+// reference to no node logs the name it looked for, then aborts with one line.
+TEST(ExecutorDeathTest, MissingInputLogsThenAborts) {
+  GraphDef graph = parse_text_graph(R"(node { name: "a" op: "TestSum" input: "ghost" })");
+  EXPECT_DEATH(GraphExecutor(&graph, CPU), literal_regex("Log: Do not find ghostin graph") + ".*" +
+                                               error_regex("Check failed: input_node != nullptr") + "$");
 }
-
-struct BadModelCase {
-  const char* what;
-  std::string model;
-  std::string message;
-};
-
-class ExecutorBadModelTest : public ::testing::TestWithParam<BadModelCase> {};
-
-TEST_P(ExecutorBadModelTest, EndsInOneClearLine) {
-  GraphDef graph = parse_text_graph(GetParam().model);
-  EXPECT_DEATH(GraphExecutor(&graph, CPU), GetParam().message);
-}
-
-std::string with_const(const std::string& tensor) {
-  return "node { name: \"input\" op: \"TestSum\" } "
-         "node { name: \"w\" op: \"Const\" attr { key: \"value\" value { tensor { " + tensor + " } } } } "
-         "node { name: \"use\" op: \"TestSum\" input: \"input\" input: \"w\" }";
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Models, ExecutorBadModelTest,
-    ::testing::Values(
-        BadModelCase{"missing input", "node { name: \"a\" op: \"TestSum\" input: \"ghost\" }",
-                     literal_regex("Log: Do not find ghostin graph") + ".*" +
-                         error_regex("Check failed: input_node != nullptr")},
-        BadModelCase{"unknown op", "node { name: \"a\" op: \"Z40Warp\" }",
-                     error_regex("Op: Z40Warp has not been supported!")},
-        BadModelCase{"short content",
-                     with_const("dtype: DT_FLOAT tensor_shape { dim { size: 4 } } tensor_content: \"abcd\""),
-                     error_regex("The constant node:w holds 4 bytes of data but its shape [4] needs 16.")},
-        BadModelCase{"negative dim",
-                     with_const("dtype: DT_FLOAT tensor_shape { dim { size: -2 } } tensor_content: \"abcdefgh\""),
-                     error_regex("The constant node:w has an invalid shape.")},
-        BadModelCase{"overflowing count",
-                     with_const("dtype: DT_FLOAT tensor_shape { dim { size: 65536 } dim { size: 65536 } }"),
-                     error_regex("The constant node:w has an invalid shape.")},
-        BadModelCase{"unsupported type",
-                     with_const("dtype: DT_DOUBLE tensor_shape { dim { size: 1 } } tensor_content: \"abcdefgh\""),
-                     error_regex("Check failed: data_type_byte_size.count(data_type) != 0==>")},
-        BadModelCase{"no value attribute",
-                     "node { name: \"input\" op: \"TestSum\" } node { name: \"w\" op: \"Const\" } "
-                     "node { name: \"use\" op: \"TestSum\" input: \"input\" input: \"w\" }",
-                     error_regex("key not found: value")},
-        BadModelCase{"empty model", "", error_regex("Have no end point, please check it!")}));
 
 }  // namespace
 }  // namespace kovra_test

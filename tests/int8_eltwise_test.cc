@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "support/int8_graph.h"
+#include "support/int8_reference.h"
 
 namespace kovra_test {
 namespace {
@@ -101,18 +102,12 @@ struct ActivationCase {
 
 const double kSeluScale = 1.0507009873554805, kSeluAlpha = 1.6732632423543772;
 
-double tanh_approx(double x) {
-  if (x < -4) return -1.0058479;
-  if (x > 4) return 1.0058479;
-  return x * (x * x + 27) / (9 * x * x + 27);
-}
-
 // Constants set on the model below.
 const float kHsA = 0.25f, kHsB = 0.375f, kSwishBeta = 1.5f, kEluAlpha = 0.75f, kSlope = 0.125f,
             kHswAdd = 2.0f, kHswMul = 0.25f;
 
 const ActivationCase kActivations[] = {
-    {"Tanh", [](float y) { return static_cast<float>(tanh_approx(y)); }},
+    {"Tanh", [](float y) { return static_cast<float>(ref_tanh(y)); }},
     {"Sigmoid", [](float y) { return static_cast<float>(1.0 / (std::exp(-double(y)) + 1.0)); }},
     {"Hsigmoid", [](float y) { return std::min(1.0f, std::max(0.0f, y * kHsA + kHsB)); }},
     {"Swish", [](float y) { return static_cast<float>(y / (std::exp(-double(y * kSwishBeta)) + 1.0)); }},
@@ -131,7 +126,7 @@ const ActivationCase kActivations[] = {
        const float r = y + kHswAdd;
        return y * ((r < 0 ? 0.0f : std::min(r, 6.0f)) * kHswMul);
      }},
-    {"Mish", [](float y) { return float(y * tanh_approx(std::log(std::exp(double(y)) + 1))); }},
+    {"Mish", [](float y) { return float(y * ref_tanh(std::log(std::exp(double(y)) + 1))); }},
     {"SomethingElse", [](float y) { return y; }},
 };
 

@@ -3,9 +3,9 @@
 
 #include "model_check.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -140,22 +140,18 @@ TEST(ModelCheck, TopologicalOrderFollowsTheModelAmongReadyNodes) {
 }
 
 TEST(ModelCheck, EveryExampleModelIsClean) {
-  const std::string folder = std::string(std::getenv("KOVRA_SOURCE_DIR")) + "/examples";
-  DIR* dir = opendir(folder.c_str());
-  ASSERT_NE(dir, nullptr) << folder;
   int models = 0;
-  while (dirent* entry = readdir(dir)) {
-    const std::string name = entry->d_name;
-    if (name.size() < 6 || name.compare(name.size() - 6, 6, ".pbtxt") != 0) continue;
-    std::ifstream file(folder + "/" + name);
+  for (const auto& entry :
+       std::filesystem::directory_iterator(std::string(std::getenv("KOVRA_SOURCE_DIR")) + "/examples")) {
+    if (entry.path().extension() != ".pbtxt") continue;
+    std::ifstream file(entry.path());
     std::stringstream text_model;
     text_model << file.rdbuf();
     const ModelReport report = check_model(parse_text_graph(text_model.str()), {{"input", {1, 8, 8, 3}}});
-    EXPECT_EQ(text(report.problems) + text(report.warnings), "") << name;
-    EXPECT_FALSE(report.shapes.empty()) << name;
+    EXPECT_EQ(text(report.problems) + text(report.warnings), "") << entry.path();
+    EXPECT_FALSE(report.shapes.empty()) << entry.path();
     ++models;
   }
-  closedir(dir);
   EXPECT_GE(models, 2);
 }
 

@@ -37,24 +37,11 @@ const char* const kModel = R"(
   node { name: "out" op: "TestSum" input: "input" input: "k" })";
 
 // Points TMPDIR at a private folder for the test so left-over files are visible.
-class ScopedTmpdir {
- public:
-  explicit ScopedTmpdir(const std::string& dir) {
-    const char* old = std::getenv("TMPDIR");
-    had_ = old != nullptr;
-    if (had_) old_ = old;
-    setenv("TMPDIR", dir.c_str(), 1);
-  }
-  ~ScopedTmpdir() {
-    if (had_)
-      setenv("TMPDIR", old_.c_str(), 1);
-    else
-      unsetenv("TMPDIR");
-  }
-
- private:
-  bool had_ = false;
-  std::string old_;
+struct ScopedTmpdir {
+  const char* old = std::getenv("TMPDIR");
+  const std::string saved = old ? old : "";
+  explicit ScopedTmpdir(const std::string& dir) { setenv("TMPDIR", dir.c_str(), 1); }
+  ~ScopedTmpdir() { old ? setenv("TMPDIR", saved.c_str(), 1) : unsetenv("TMPDIR"); }
 };
 
 bool is_empty_dir(const std::string& dir) { return std::filesystem::is_empty(std::filesystem::path(dir)); }
