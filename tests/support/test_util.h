@@ -35,6 +35,11 @@ std::string error_text(const std::function<void()>& statement);
 // The text of a failed check: Check failed: <condition>==>"<message>".
 std::string check_text(const std::string& condition, const std::string& message);
 
+// The same checks under the throwing policy: no process is forked.
+#define EXPECT_ERROR(statement, text) EXPECT_EQ(::kovra_test::error_text([&] { statement; }), text)
+#define EXPECT_CHECK_ERROR(statement, condition, message) \
+  EXPECT_EQ(::kovra_test::error_text([&] { statement; }), ::kovra_test::check_text(condition, message))
+
 // Parses a GraphDef from protobuf text format; fails the test on bad text.
 GraphDef parse_text_graph(const std::string& text);
 NodeDef parse_text_node(const std::string& text);
