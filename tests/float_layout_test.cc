@@ -99,7 +99,8 @@ INSTANTIATE_TEST_SUITE_P(
             {1, 2, 3, 2}, iota(12), {1, 2, 2, 2}, {2, 3, 4, 5, 8, 9, 10, 11}},
         // a backward walk over the columns with step -2: columns 2, 0
         LayoutCase{"slice_negative_step", "Z40Slice",
-            LIST(starts, -1) LIST(ends, -2147483647) LIST(axes, -2) LIST(steps, -2) LIST(output_shape, 1, 2, 2, 2),
+            LIST(starts, -1) LIST(ends, -2147483647) LIST(axes, -2) LIST(steps, -2)
+                LIST(output_shape, 1, 2, 2, 2),
             {1, 2, 3, 2}, iota(12), {1, 2, 2, 2}, {4, 5, 0, 1, 10, 11, 6, 7}},
         // channel steps on a 5-D input
         LayoutCase{"slice_5d_step", "Z40Slice",
