@@ -1,7 +1,12 @@
+#include "allocator/bfc_arena.h"
+
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <map>
 #include <mutex>
@@ -12,10 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "allocator/allocatormgr.h"
-#include "allocator/bfc_arena.h"
 #include "allocator/safe_int.h"
 #include "mallocator.h"
 
@@ -156,7 +158,7 @@ TEST(BFCArenaTest, SplitOnlyWhenSlackIsLarge) {
   const Case cases[] = {
       {600000, BFCArena::DEFAULT_MAX_DEAD_BYTES_PER_CHUNK, kMiB},  // slack < 2x and < max dead
       {300000, BFCArena::DEFAULT_MAX_DEAD_BYTES_PER_CHUNK, 300032},
-      {600000, 4096, 600064},  // slack above the dead-bytes limit
+      {600000, 4096, 600064},                                        // slack above the dead-bytes limit
       {524288, BFCArena::DEFAULT_MAX_DEAD_BYTES_PER_CHUNK, 524288},  // exactly half
   };
   for (const Case& c : cases) {
@@ -284,8 +286,9 @@ TEST(BFCArenaTest, ArraySizeWithAlignment) {
     size_t out;
   };
   const Case cases[] = {
-      {10, 4, 0, true, 40},      {10, 4, 64, true, 64},       {3, 100, 256, true, 512},
-      {64, 1, 64, true, 64},     {0, 8, 16, true, 0},         {kMax, 2, 0, false, 0},
+      {10, 4, 0, true, 40},         {10, 4, 64, true, 64},
+      {3, 100, 256, true, 512},     {64, 1, 64, true, 64},
+      {0, 8, 16, true, 0},          {kMax, 2, 0, false, 0},
       {kMax - 10, 1, 64, false, 0}, {kMax / 2 + 1, 2, 0, false, 0},
   };
   for (const Case& c : cases) {
@@ -385,8 +388,8 @@ size_t random_size(std::mt19937& gen) {
   return 65536 + gen() % (3 * kMiB / 2);
 }
 
-void hammer(BFCArena* arena, unsigned seed, int steps, std::vector<Block>* live,
-            std::atomic<int>* errors, std::atomic<int64_t>* allocs) {
+void hammer(BFCArena* arena, unsigned seed, int steps, std::vector<Block>* live, std::atomic<int>* errors,
+            std::atomic<int64_t>* allocs) {
   std::mt19937 gen(seed);
   unsigned char next_tag = static_cast<unsigned char>(seed * 37);
   for (int step = 0; step < steps; ++step) {
@@ -432,8 +435,7 @@ TEST(BFCArenaStressTest, TwoThreadsKeepBlocksApartAndStatsExact) {
     if (k + 1 < all.size()) {
       EXPECT_LE(all[k].ptr + allocated, all[k + 1].ptr);
     }
-    EXPECT_EQ(std::count(all[k].ptr, all[k].ptr + all[k].size, all[k].tag),
-              static_cast<long>(all[k].size));
+    EXPECT_EQ(std::count(all[k].ptr, all[k].ptr + all[k].size, all[k].tag), static_cast<long>(all[k].size));
     in_use += static_cast<int64_t>(allocated);
   }
   AllocatorStats s = t.stats();
@@ -453,69 +455,64 @@ TEST(BFCArenaStressTest, TwoThreadsKeepBlocksApartAndStatsExact) {
 
 // ---- fatal paths ----
 
-const char* const kInternalCheck = "Error: [^\n]*bfc_arena\\.(cc|h) \\+[0-9]+\n$";
-
-TEST(BFCArenaDeathTest, Exhaustion) {
-  EXPECT_DEATH(
-      {
-        ArenaUnderTest t(allocator::kNextPowerOfTwo, 4096);
-        t.arena.Alloc(8000);
-      },
-      "Available memory of 4096, is smaller than requested bytes of 8192\n$");
-  EXPECT_DEATH(
-      {
-        ArenaUnderTest t;
-        t.device->fail_above = 0;
-        t.arena.Alloc(10000);
-      },
-      "Failed to allocate memory for requested buffer of size 10240\n$");
-  EXPECT_DEATH(
-      {
-        BFCArena arena(std::unique_ptr<IAllocator>(new DeviceAllocator()), kMiB,
-                       static_cast<allocator::ArenaExtendStrategy>(7));
-        arena.Alloc(10);
-      },
-      "Incorrect arena extend strategy\\. 7$");
-}
-
-TEST(BFCArenaDeathTest, BadPointersFailInternalChecks) {
-  EXPECT_DEATH(
-      {
-        ArenaUnderTest t;
-        int on_stack = 0;
-        t.arena.Free(&on_stack);  // outside every region
-      },
-      kInternalCheck);
-  EXPECT_DEATH(
-      {
-        ArenaUnderTest t;
-        char* p = static_cast<char*>(t.arena.Alloc(4096));
-        t.arena.Free(p + 256);  // inside a chunk, no handle of its own
-      },
-      kInternalCheck);
-  EXPECT_DEATH(
-      {
-        ArenaUnderTest t;
-        char* p = static_cast<char*>(t.arena.Alloc(4096));
-        t.arena.Free(p + 3);
-      },
-      kInternalCheck);
-  EXPECT_DEATH(
-      {
-        ArenaUnderTest t(allocator::kSameAsRequested);
-        void* p = t.arena.Alloc(4096);
-        t.arena.Free(p);
-        t.arena.Free(p);  // a free chunk is not in use
-      },
-      kInternalCheck);
-  EXPECT_DEATH(
-      {
-        ArenaUnderTest t;
-        t.device->repeat_pointer = true;
-        t.arena.Reserve(64);
-        t.arena.Reserve(64);  // the same block twice
-      },
-      kInternalCheck);
+// The arena stops the process on these whatever the error policy.
+TEST(BFCArenaDeathTest, ExhaustionAndBadPointersAbort) {
+  const std::string internal_check = "Error: [^\n]*bfc_arena\\.(cc|h) \\+[0-9]+\n$";
+  const struct {
+    const char* name;
+    std::function<void(ArenaUnderTest&)> run;
+    std::string pattern;
+    allocator::ArenaExtendStrategy strategy = allocator::kNextPowerOfTwo;
+    size_t limit = BFCArena::DEFAULT_MAX_MEM;
+  } rows[] = {
+      {"over_the_limit", [](ArenaUnderTest& t) { t.arena.Alloc(8000); },
+       "Available memory of 4096, is smaller than requested bytes of 8192\n$", allocator::kNextPowerOfTwo,
+       4096},
+      {"device_refuses",
+       [](ArenaUnderTest& t) {
+         t.device->fail_above = 0;
+         t.arena.Alloc(10000);
+       },
+       "Failed to allocate memory for requested buffer of size 10240\n$"},
+      {"unknown_strategy", [](ArenaUnderTest& t) { t.arena.Alloc(10); },
+       "Incorrect arena extend strategy\\. 7$", static_cast<allocator::ArenaExtendStrategy>(7), kMiB},
+      {"outside_every_region",
+       [](ArenaUnderTest& t) {
+         int on_stack = 0;
+         t.arena.Free(&on_stack);
+       },
+       internal_check},
+      // Inside a chunk: no handle of its own.
+      {"inside_a_chunk",
+       [](ArenaUnderTest& t) { t.arena.Free(static_cast<char*>(t.arena.Alloc(4096)) + 256); },
+       internal_check},
+      {"unaligned", [](ArenaUnderTest& t) { t.arena.Free(static_cast<char*>(t.arena.Alloc(4096)) + 3); },
+       internal_check},
+      // A free chunk is not in use.
+      {"freed_twice",
+       [](ArenaUnderTest& t) {
+         void* p = t.arena.Alloc(4096);
+         t.arena.Free(p);
+         t.arena.Free(p);
+       },
+       internal_check, allocator::kSameAsRequested},
+      {"same_block_reserved_twice",
+       [](ArenaUnderTest& t) {
+         t.device->repeat_pointer = true;
+         t.arena.Reserve(64);
+         t.arena.Reserve(64);
+       },
+       internal_check},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_DEATH(
+        {
+          ArenaUnderTest t(row.strategy, row.limit);
+          row.run(t);
+        },
+        row.pattern);
+  }
 }
 
 }  // namespace

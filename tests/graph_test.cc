@@ -228,22 +228,22 @@ TEST(GraphDeathTest, FatalPaths) {
   {
     Graph graph;
     build(graph, {{"a", "TestSum"}, {"b", "TestSum", "a"}});
-    EXPECT_FATAL(graph.initialize({}, "zzz"), "Have no end point, please check it!");
-    EXPECT_FATAL(graph.initialize({"zzz"}, ""), "Have no start point, please check it!");
+    EXPECT_ERROR(graph.initialize({}, "zzz"), "Have no end point, please check it!");
+    EXPECT_ERROR(graph.initialize({"zzz"}, ""), "Have no start point, please check it!");
     graph.initialize({}, "");
-    EXPECT_FATAL(graph.run(), "Do not find the input data :a");
-    EXPECT_FATAL(graph.get_node_tensor("nope"), "Graph have no node:nope");
-    EXPECT_FATAL(graph.get_node_tensor("b"), "Do not find the node tensor of name:b");
+    EXPECT_ERROR(graph.run(), "Do not find the input data :a");
+    EXPECT_ERROR(graph.get_node_tensor("nope"), "Graph have no node:nope");
+    EXPECT_ERROR(graph.get_node_tensor("b"), "Do not find the node tensor of name:b");
     EXPECT_THROW(graph.get_output_tensor("b"), std::out_of_range);
   }
   {
     Graph empty;
-    EXPECT_FATAL(empty.initialize({}, ""), "Have no end point, please check it!");
+    EXPECT_ERROR(empty.initialize({}, ""), "Have no end point, please check it!");
   }
   {
     Graph cycle;
     build(cycle, {{"src", "TestSum"}, {"p", "TestSum", "src", "q"}, {"q", "TestSum", "p"}});
-    EXPECT_FATAL(cycle.initialize({}, ""), "The graph has a cycle among the nodes: p, q");
+    EXPECT_ERROR(cycle.initialize({}, ""), "The graph has a cycle among the nodes: p, q");
   }
   {
     // Inputs added after initialize are planned at the next run.
@@ -254,7 +254,7 @@ TEST(GraphDeathTest, FatalPaths) {
     graph.add_input("a", &x);
     graph.run();
     graph.get_node("b")->add_input("ghost");
-    EXPECT_FATAL(graph.run(), "Can not find the node: ghost");
+    EXPECT_ERROR(graph.run(), "Can not find the node: ghost");
     // The same for a start node.
     Graph started;
     build(started, {{"a", "TestSum"}, {"b", "TestSum", "a"}});
@@ -262,7 +262,7 @@ TEST(GraphDeathTest, FatalPaths) {
     started.add_input("a", &x);
     started.run();
     started.get_node("b")->add_input("ghost");
-    EXPECT_FATAL(started.run(), "Can not find the node: ghost");
+    EXPECT_ERROR(started.run(), "Can not find the node: ghost");
   }
   {
     // A weight-only operator runs without pulling inputs it should not have.
@@ -273,13 +273,13 @@ TEST(GraphDeathTest, FatalPaths) {
     graph.get_node("rw")->add_input("ghost");
     Tensor x = make_tensor({1}, {1});
     graph.add_input("x", &x);
-    EXPECT_FATAL(graph.run(), "Do not find the input node:ghost");
+    EXPECT_ERROR(graph.run(), "Do not find the input node:ghost");
   }
   {
     Graph dangling;
     build(dangling, {{"a", "TestSum"}, {"b", "TestSum", "a", "ghost"}});
     // An input naming no node of the graph can never be satisfied either.
-    EXPECT_FATAL(dangling.initialize({}, ""), "The graph has a cycle among the nodes: b");
+    EXPECT_ERROR(dangling.initialize({}, ""), "The graph has a cycle among the nodes: b");
   }
 }
 

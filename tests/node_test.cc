@@ -156,18 +156,18 @@ TEST(NodeDeathTest, FatalPaths) {
   node.set_name("n");
   EXPECT_FATAL(node.init_op("Z40Nonexistent"), "Op: Z40Nonexistent has not been supported!");
   node.init_op("TestSum");
-  EXPECT_FATAL(node.output_tensor(), "The node:n have not been run.");
+  EXPECT_ERROR(node.output_tensor(), "The node:n have not been run.");
   Node nop;
   nop.set_name("x");
   nop.init_op("NOp");
-  EXPECT_FATAL(nop.parse_parameter(parse_text_node("")), "Op: x have no optarget!");
-  EXPECT_FATAL(nop.parse_parameter(parse_text_node("attr { key: \"op_target\" value { s: \"side\" } }")),
+  EXPECT_ERROR(nop.parse_parameter(parse_text_node("")), "Op: x have no optarget!");
+  EXPECT_ERROR(nop.parse_parameter(parse_text_node("attr { key: \"op_target\" value { s: \"side\" } }")),
                "Op: x have an unsupport op target:side!");
   for (const char* op : {"TestInt8Op", "TestQuantizeOp"}) {
     Node q;
     q.set_name("q");
     q.init_op(op);
-    EXPECT_FATAL(q.parse_parameter(parse_text_node("")), "Op: q have no output bitwidth!");
+    EXPECT_ERROR(q.parse_parameter(parse_text_node("")), "Op: q have no output bitwidth!");
   }
   Node split;
   split.set_name("spl");
@@ -175,7 +175,7 @@ TEST(NodeDeathTest, FatalPaths) {
   Tensor input = make_tensor({2}, {1, 2});
   split.inference_shape({&input});
   split.run({&input});
-  EXPECT_FATAL(split.consume_output_tensor("spl:7"), "The node:spl do not found output:spl:7");
+  EXPECT_ERROR(split.consume_output_tensor("spl:7"), "The node:spl do not found output:spl:7");
   Node bad;
   bad.set_name("bad");
   bad.init_op("TestFixedShape");
@@ -187,7 +187,7 @@ TEST(NodeDeathTest, FatalPaths) {
     TestFixedShapeOpExecutor::shape_ = shape;
     bad.inference_shape({&input});
     const std::string text = std::to_string(shape[0]) + "," + std::to_string(shape[1]);
-    EXPECT_FATAL(bad.run({&input}), "The node:bad inferred an invalid output shape [" + text + "]");
+    EXPECT_ERROR(bad.run({&input}), "The node:bad inferred an invalid output shape [" + text + "]");
   }
 }
 

@@ -1,11 +1,13 @@
 #include "support/test_util.h"
 
+#include <google/protobuf/text_format.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 
-#include <google/protobuf/text_format.h>
+#include "errors.h"
 
 namespace kovra_test {
 
@@ -23,12 +25,24 @@ std::string literal_regex(const std::string& text) {
   return out;
 }
 
-std::string error_regex(const std::string& text) {
-  return literal_regex("Error: " + text + "\033[0m\n");
-}
+std::string error_regex(const std::string& text) { return literal_regex("Error: " + text + "\033[0m\n"); }
 
 std::string check_regex(const std::string& condition, const std::string& message) {
   return error_regex("Check failed: " + condition + "==>\"" + message + "\"");
+}
+
+std::string error_text(const std::function<void()>& statement) {
+  kovra::trenkit::kovraexecutor::ScopedErrorPolicy policy(kovra::trenkit::kovraexecutor::ErrorPolicy::kThrow);
+  try {
+    statement();
+  } catch (const kovra::trenkit::kovraexecutor::Error& e) {
+    return e.message();
+  }
+  return "(no error)";
+}
+
+std::string check_text(const std::string& condition, const std::string& message) {
+  return "Check failed: " + condition + "==>\"" + message + "\"";
 }
 
 GraphDef parse_text_graph(const std::string& text) {
@@ -58,8 +72,8 @@ NodeDef* add_float_const(GraphDef& graph, const std::string& name, const std::ve
   TensorProto* tensor = (*node->mutable_attr())["value"].mutable_tensor();
   tensor->set_dtype(kovra::trenkit::DT_FLOAT);
   for (int d : shape) tensor->mutable_tensor_shape()->add_dim()->set_size(d);
-  tensor->set_tensor_content(std::string(reinterpret_cast<const char*>(values.data()),
-                                         values.size() * sizeof(float)));
+  tensor->set_tensor_content(
+      std::string(reinterpret_cast<const char*>(values.data()), values.size() * sizeof(float)));
   return node;
 }
 
@@ -86,8 +100,7 @@ void set_attr_floats(NodeDef* node, const std::string& key, const std::vector<fl
   for (float v : values) attr.mutable_list()->add_f(v);
 }
 
-Tensor make_tensor(const std::vector<int>& shape, const std::vector<float>& values,
-                   const std::string& name) {
+Tensor make_tensor(const std::vector<int>& shape, const std::vector<float>& values, const std::string& name) {
   Tensor tensor(shape, Tensor::DT_FLOAT, nullptr, "cpu");
   EXPECT_EQ(static_cast<size_t>(tensor.size()), values.size());
   // A mismatched test fails above; it must not also write past the buffer.
@@ -115,8 +128,8 @@ std::vector<float> run_graph(const GraphDef& graph,
   return tensor_values(*output);
 }
 
-std::vector<float> run_single_op(const GraphDef& graph, const Tensor& input,
-                                 const std::string& output_node, std::vector<int>* shape) {
+std::vector<float> run_single_op(const GraphDef& graph, const Tensor& input, const std::string& output_node,
+                                 std::vector<int>* shape) {
   return run_graph(graph, {{"input", &input}}, output_node, shape);
 }
 

@@ -1,10 +1,11 @@
 #ifndef KOVRA_TESTS_SUPPORT_TEST_UTIL_H_
 #define KOVRA_TESTS_SUPPORT_TEST_UTIL_H_
 
+#include <gtest/gtest.h>
+
+#include <functional>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "graph_executor.h"
 #include "lite/proto/graph_def.pb.h"
@@ -27,6 +28,17 @@ std::string check_regex(const std::string& condition, const std::string& message
 #define EXPECT_FATAL(statement, text) EXPECT_DEATH(statement, ::kovra_test::error_regex(text) + "$")
 #define EXPECT_CHECK_FAILED(statement, condition, message) \
   EXPECT_DEATH(statement, ::kovra_test::check_regex(condition, message) + "$")
+
+// The text of the kovra Error that `statement` raises under the throwing
+// policy (the error line without colour or "Error: "), or "(no error)".
+std::string error_text(const std::function<void()>& statement);
+// The text of a failed check: Check failed: <condition>==>"<message>".
+std::string check_text(const std::string& condition, const std::string& message);
+
+// The same checks under the throwing policy: no process is forked.
+#define EXPECT_ERROR(statement, text) EXPECT_EQ(::kovra_test::error_text([&] { statement; }), text)
+#define EXPECT_CHECK_ERROR(statement, condition, message) \
+  EXPECT_EQ(::kovra_test::error_text([&] { statement; }), ::kovra_test::check_text(condition, message))
 
 // Parses a GraphDef from protobuf text format; fails the test on bad text.
 GraphDef parse_text_graph(const std::string& text);
@@ -51,8 +63,8 @@ std::vector<float> tensor_values(const Tensor& tensor);
 
 // Runs a graph made of one input node "input" (ZxxNOp) feeding `op_node`
 // (whose inputs must start with "input") and returns the output of `op_node`.
-std::vector<float> run_single_op(const GraphDef& graph, const Tensor& input,
-                                 const std::string& output_node, std::vector<int>* shape = nullptr);
+std::vector<float> run_single_op(const GraphDef& graph, const Tensor& input, const std::string& output_node,
+                                 std::vector<int>* shape = nullptr);
 
 // Runs the executor with the given named inputs and returns one node's output.
 std::vector<float> run_graph(const GraphDef& graph,
