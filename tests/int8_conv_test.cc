@@ -483,13 +483,13 @@ const std::vector<Failure> kFailures = {
 TEST(Int8ConvFailureTest, EachEndsWithItsMessage) {
   for (const Failure& f : kFailures) {
     SCOPED_TRACE(f.name);
-    EXPECT_EQ(failure_of([&] { run_failure(f); }),
+    EXPECT_EQ(error_text([&] { run_failure(f); }),
               f.condition.empty() ? f.message : check_text(f.condition, f.message));
   }
   auto conv = make_op("Z40Conv2DInt8");
   const Tensor input = make_tensor({1, 2, 2, 4}, std::vector<float>(16, 1.0f));
   std::vector<int> shape;
-  EXPECT_EQ(failure_of([&] { conv->inference_shape({&input}, shape); }),
+  EXPECT_EQ(error_text([&] { conv->inference_shape({&input}, shape); }),
             check_text("inputs.size() >= 2", "Z40Conv2DInt8 needs 2 inputs but has 1"));
 }
 
@@ -540,7 +540,7 @@ TEST_F(Int8ConvDirectTest, OtherElementTypesAreRefused) {
   input.set_name("x");
   Tensor output({1, 2, 2, 2}, Tensor::DT_FLOAT, nullptr, "cpu");
   EXPECT_EQ(
-      failure_of([&] {
+      error_text([&] {
         op_->execute({&input, &weight_}, &output);
       }),
       check_text("tensor->data_type() == DT_FLOAT", "Z40Conv2DInt8 reads x as float but it holds type 4"));
@@ -549,7 +549,7 @@ TEST_F(Int8ConvDirectTest, OtherElementTypesAreRefused) {
   Tensor int_weight({1, 1, 4, 2}, Tensor::DT_INT32, ints.data(), "cpu");
   int_weight.set_name("iw");
   EXPECT_EQ(
-      failure_of([&] {
+      error_text([&] {
         op_->execute({&good, &int_weight}, &output);
       }),
       check_text("tensor->data_type() == DT_FLOAT", "Z40Conv2DInt8 reads iw as float but it holds type 3"));
@@ -560,18 +560,18 @@ TEST_F(Int8ConvDirectTest, KernelArgumentErrors) {
   const Tensor input = make_tensor({1, 2, 2, 4}, std::vector<float>(16, 1.0f));
   const Tensor bias = make_tensor({2}, {0, 0});
   Tensor output({1, 2, 2, 2}, Tensor::DT_FLOAT, nullptr, "cpu");
-  EXPECT_EQ(failure_of([&] {
+  EXPECT_EQ(error_text([&] {
               kx::conv2d_int8({&input, &weight_}, &output, param);
             }),
             check_text("inputs.size() >= 3", "Z40Conv2DInt8 needs 3 inputs but has 2"));
   Tensor wrong({1, 2, 2, 3}, Tensor::DT_FLOAT, nullptr, "cpu");
-  EXPECT_EQ(failure_of([&] {
+  EXPECT_EQ(error_text([&] {
               kx::conv2d_avx_int8({&input, &weight_, &bias}, &wrong, param);
             }),
             check_text("output->shape() == inferred shape",
                        "Z40Conv2DInt8: the output tensor does not have the inferred shape"));
   param->groups = 2;
-  EXPECT_EQ(failure_of([&] {
+  EXPECT_EQ(error_text([&] {
               kx::conv2d_avx_int8({&input, &weight_, &bias}, &output, param);
             }),
             check_text("groups == 1", "conv2d_avx_int8 computes ungrouped convolutions only"));

@@ -80,10 +80,10 @@ TEST(MissingAttributeTest, EachKeyGivesTheOperatorsMessage) {
   for (const auto& odd : kMissingOdd) rows.push_back({odd.op, odd.key, odd.message});
   for (const auto& row : rows) {
     SCOPED_TRACE(row[0] + " " + row[1]);
-    EXPECT_EQ(failure_of([&] { make_op(row[0])->parse_parameter(full_node(row[0])); }), "(no failure)");
+    EXPECT_EQ(error_text([&] { make_op(row[0])->parse_parameter(full_node(row[0])); }), "(no error)");
     NodeDef node = full_node(row[0]);
     node.mutable_attr()->erase(row[1]);
-    EXPECT_EQ(failure_of([&] { make_op(row[0])->parse_parameter(node); }), check_text("suc", row[2]));
+    EXPECT_EQ(error_text([&] { make_op(row[0])->parse_parameter(node); }), check_text("suc", row[2]));
   }
 }
 
@@ -240,7 +240,7 @@ TEST_P(InputCheckTest, FailsWithTheOperatorsMessage) {
   const CheckCase& c = GetParam();
   const NodeDef node = full_node(c.op, c.changes);
   Inputs inputs(c.shapes);
-  const std::string failure = failure_of([&] {
+  const std::string failure = error_text([&] {
     auto op = make_op(c.op);
     op->parse_parameter(node);
     infer_and_execute(op.get(), inputs.ptrs);
@@ -328,7 +328,7 @@ TEST_P(ChangedInputTest, ExecuteStopsBeforeUsingThePreparedRecord) {
   if (!c.prepared.empty()) op->inference_shape(prepared.ptrs, shape);
   // An output large enough for anything the operator could write.
   Tensor output = make_tensor({1 << 12}, std::vector<float>(1 << 12, 0.0f));
-  EXPECT_EQ(failure_of([&] { op->execute(changed.ptrs, &output); }),
+  EXPECT_EQ(error_text([&] { op->execute(changed.ptrs, &output); }),
             check_text("input->shape() == prepared", c.message));
   // The prepared inputs still run.
   if (!c.prepared.empty()) op->execute(prepared.ptrs, &output);
@@ -343,7 +343,7 @@ TEST(ChangedInputTest, ConcatInputCountAndAShortOutput) {
   std::vector<int> shape;
   concat->inference_shape(two.ptrs, shape);
   Tensor output = make_tensor({3}, {0, 0, 0});
-  EXPECT_EQ(failure_of([&] { concat->execute(three.ptrs, &output); }),
+  EXPECT_EQ(error_text([&] { concat->execute(three.ptrs, &output); }),
             check_text("inputs.size() == prepared inputs", "Z40ConcatInt8: 3 inputs but prepared for 2"));
 
   auto quantize = make_op("Z40Quantize");
@@ -351,7 +351,7 @@ TEST(ChangedInputTest, ConcatInputCountAndAShortOutput) {
   Inputs x({{1, 4, 1}});
   quantize->inference_shape(x.ptrs, shape);
   Tensor short_output = make_tensor({2}, {0, 0}, "out");
-  EXPECT_EQ(failure_of([&] { quantize->execute(x.ptrs, &short_output); }),
+  EXPECT_EQ(error_text([&] { quantize->execute(x.ptrs, &short_output); }),
             check_text("tensor->size() >= 4", "Z40Quantize: out has 2 elements, needs 4"));
 }
 

@@ -2,7 +2,6 @@
 
 #include <sstream>
 
-#include "errors.h"
 
 namespace kovra_test {
 
@@ -46,21 +45,6 @@ NodeDef node_of(const std::string& op, const std::string& attrs) {
   node.set_op(op);
   set_attrs(&node, attrs);
   return node;
-}
-
-std::string failure_of(const std::function<void()>& run) {
-  namespace kx = kovra::trenkit::kovraexecutor;
-  kx::ScopedErrorPolicy policy(kx::ErrorPolicy::kThrow);
-  try {
-    run();
-  } catch (const kx::Error& e) {
-    return e.message();
-  }
-  return "(no failure)";
-}
-
-std::string check_text(const std::string& condition, const std::string& message) {
-  return "Check failed: " + condition + "==>\"" + message + "\"";
 }
 
 }  // namespace kovra_test

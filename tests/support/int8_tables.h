@@ -3,7 +3,6 @@
 
 // Helpers that keep the rows of table-driven operator tests on one line.
 
-#include <functional>
 #include <string>
 
 #include "support/test_util.h"
@@ -15,12 +14,6 @@ namespace kovra_test {
 // key=[0.5,2.] (float list: at least one element with a point or exponent).
 void set_attrs(NodeDef* node, const std::string& text);
 NodeDef node_of(const std::string& op, const std::string& attrs);
-
-// The text of the error `run` raises under the throwing policy, or
-// "(no failure)". Much cheaper than a death test.
-std::string failure_of(const std::function<void()>& run);
-// The text of a failed check, as the library words it.
-std::string check_text(const std::string& condition, const std::string& message);
 
 }  // namespace kovra_test
 
