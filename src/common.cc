@@ -72,7 +72,16 @@ void set_message_sink(MessageSink sink_fn) {
 }
 
 std::string error_line(const std::string& message) {
-  return std::string(kErrorColor) + "Error: " + message + kColorReset;
+  // A report of several lines (a failure and the operands it names) prints
+  // each line in the error style.
+  std::string out;
+  size_t begin = 0;
+  for (;;) {
+    const size_t end = message.find('\n', begin);
+    out += std::string(kErrorColor) + "Error: " + message.substr(begin, end - begin) + kColorReset;
+    if (end == std::string::npos) return out;
+    begin = end + 1;
+  }
 }
 
 NodeErrorScope::NodeErrorScope() : previous_(current_scope) { current_scope = this; }
@@ -105,7 +114,10 @@ void fatal(const std::string& text) {
     if (scope == nullptr) throw Error(text, std::string(), std::string());
     throw Error(text, *scope->node_, *scope->op_);
   }
-  print_line(kErrorColor, "Error: ", text);
+  const std::string lines = error_line(text);
+  std::fputs(lines.c_str(), stdout);
+  // abort() does not flush stdio.
+  std::fflush(stdout);
   std::abort();
 }
 

@@ -21,7 +21,9 @@ extern const char* const kColorReset;
 // "Error: <text>" in bold red; the caller decides whether to go on.
 void print_error(const std::string& text);
 // The one failure handler: "Error: <text>" in bold red, then abort() - or,
-// under ErrorPolicy::kThrow, Error with the text and the current node.
+// under ErrorPolicy::kThrow, Error with the text and the current node. A text
+// of several lines (a failure, then the operands it names) prints each line
+// in the error style.
 [[noreturn]] void fatal(const std::string& text);
 // "Error: Check failed: <condition>" then abort().
 [[noreturn]] void check_failed(const std::string& condition);

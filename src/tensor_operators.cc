@@ -70,10 +70,8 @@ std::string shape_text(const std::vector<int>& shape) {
 }
 
 [[noreturn]] void report_unsupported_broadcast(const Tensor& a, const Tensor& b) {
-  print_error("unsupport broadcast");
-  print_error("tensor: " + a.name() + "  shape: " + shape_text(a.shape()));
-  print_error("tensor: " + b.name() + "  shape: " + shape_text(b.shape()));
-  std::abort();
+  fatal("unsupport broadcast\ntensor: " + a.name() + "  shape: " + shape_text(a.shape()) +
+        "\ntensor: " + b.name() + "  shape: " + shape_text(b.shape()));
 }
 
 int product(std::vector<int>::const_iterator begin, std::vector<int>::const_iterator end) {
@@ -103,10 +101,8 @@ void check_float_elements(const Tensor& t) {
 
 void check_same_device(const Tensor& a, const Tensor& b) {
   if (a.head() == b.head()) return;
-  print_error("tensor must at the same device");
-  print_error("tensor: " + a.name() + "  device: " + std::to_string(a.head()));
-  print_error("tensor: " + b.name() + "  device: " + std::to_string(b.head()));
-  std::abort();
+  fatal("tensor must at the same device\ntensor: " + a.name() + "  device: " + std::to_string(a.head()) +
+        "\ntensor: " + b.name() + "  device: " + std::to_string(b.head()));
 }
 
 Tensor tensor_Binocular_cal_cpu(const Tensor& t, float s, BinaryFn fn) {

@@ -20,6 +20,7 @@
 #include "allocator/allocatormgr.h"
 #include "allocator/safe_int.h"
 #include "mallocator.h"
+#include "support/test_util.h"
 
 namespace kovra_test {
 namespace {
@@ -454,6 +455,22 @@ TEST(BFCArenaStressTest, TwoThreadsKeepBlocksApartAndStatsExact) {
 }
 
 // ---- fatal paths ----
+
+// Running out of memory raises Error under the throwing policy and leaves the
+// arena usable.
+TEST(BFCArenaTest, OutOfMemoryThrowsWhenAsked) {
+  ArenaUnderTest over(allocator::kNextPowerOfTwo, 4096);
+  EXPECT_EQ(kovra_test::error_text([&] { over.arena.Alloc(8000); }),
+            "Available memory of 4096, is smaller than requested bytes of 8192");
+  void* p = over.arena.Alloc(1000);
+  EXPECT_NE(p, nullptr);
+  over.arena.Free(p);
+  ArenaUnderTest refused(allocator::kNextPowerOfTwo, BFCArena::DEFAULT_MAX_MEM);
+  refused.device->fail_above = 0;
+  EXPECT_EQ(kovra_test::error_text([&] { refused.arena.Alloc(10000); }),
+            "Failed to allocate memory for requested buffer of size 10240");
+  EXPECT_EQ(refused.stats().bytes_in_use, 0);
+}
 
 // The arena stops the process on these whatever the error policy.
 TEST(BFCArenaDeathTest, ExhaustionAndBadPointersAbort) {

@@ -353,6 +353,9 @@ TEST(TensorArithDeathTest, IncompatibleShapesReportBoth) {
                            error_line("tensor: left  shape: [2,3]") +
                            error_line("tensor: right  shape: [2]");
   EXPECT_DEATH(a + b, literal_regex(text) + "$");
+  // Under the throwing policy the report is one Error of three lines.
+  EXPECT_EQ(kovra_test::error_text([&] { a + b; }),
+            "unsupport broadcast\ntensor: left  shape: [2,3]\ntensor: right  shape: [2]");
   EXPECT_DEATH(kx::get_broadcast_tensor(b, a), literal_regex(error_line("tensor: left  shape: [2,3]")));
 }
 
@@ -378,6 +381,8 @@ TEST(TensorArithDeathTest, MismatchedDevices) {
   EXPECT_DEATH(a.add(none), literal_regex(text) + "$");
   EXPECT_DEATH(a == none, literal_regex(text) + "$");
   EXPECT_DEATH(kx::check_same_device(a, none), literal_regex(text) + "$");
+  EXPECT_EQ(kovra_test::error_text([&] { kx::check_same_device(a, none); }),
+            "tensor must at the same device\ntensor: a  device: 1\ntensor: b  device: 0");
 }
 
 TEST(TensorArithMessageTest, TensorWithoutDevice) {

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <new>
+#include <string>
 #include <utility>
 
 #if defined(__has_include)
@@ -14,6 +15,7 @@
 #endif
 
 #include "allocator/safe_int.h"
+#include "errors.h"
 
 // Internal consistency checks: the arena's own bookkeeping is wrong, so the
 // source position is the useful part of the report.
@@ -29,6 +31,18 @@ namespace {
 [[noreturn]] void die() {
   std::fflush(stdout);
   std::abort();
+}
+
+// Running out of memory is the caller's to handle when it asked for errors
+// as exceptions (the arena's state is unchanged); by default the report is
+// printed as it stands and the process stops. Broken bookkeeping always stops.
+[[noreturn]] void out_of_memory(const std::string& report) {
+  if (kovra::trenkit::kovraexecutor::error_policy() == kovra::trenkit::kovraexecutor::ErrorPolicy::kThrow) {
+    const size_t end = report.find_last_not_of('\n');
+    throw kovra::trenkit::kovraexecutor::Error(report.substr(0, end + 1), std::string(), std::string());
+  }
+  std::fputs(report.c_str(), stdout);
+  die();
 }
 
 bool process_is_single_threaded() {
@@ -170,8 +184,7 @@ void* BFCArena::AllocateRawInternal(size_t num_bytes, bool dump_log_on_failure) 
   if (ptr != nullptr) return ptr;
   if (!Extend(rounded_bytes)) {
     if (dump_log_on_failure) DumpMemoryLogLocked(rounded_bytes);
-    std::printf("ERROR AllocateRawInternal\n");
-    die();
+    out_of_memory("ERROR AllocateRawInternal\n");
   }
   ptr = FindChunkPtr(bin_num, rounded_bytes, num_bytes);
   if (ptr == nullptr) {
@@ -228,9 +241,9 @@ bool BFCArena::Extend(size_t rounded_bytes) {
   size_t available = total >= memory_limit_ ? 0 : memory_limit_ - total;
   available = (available / kMinAllocationSize) * kMinAllocationSize;
   if (rounded_bytes > available) {
-    std::printf("Available memory of %ld, is smaller than requested bytes of %ld\n",
-                static_cast<long>(available), static_cast<long>(rounded_bytes));
-    die();
+    out_of_memory("Available memory of " + std::to_string(static_cast<long>(available)) +
+                  ", is smaller than requested bytes of " + std::to_string(static_cast<long>(rounded_bytes)) +
+                  "\n");
   }
 
   size_t bytes = 0;
@@ -260,9 +273,8 @@ bool BFCArena::Extend(size_t rounded_bytes) {
     const float smaller = static_cast<float>(bytes) * 0.9f;
     bytes = RoundedBytes(static_cast<size_t>(smaller));
     if (bytes < rounded_bytes || bytes < 8192) {
-      std::printf("Failed to allocate memory for requested buffer of size %ld\n",
-                  static_cast<long>(rounded_bytes));
-      die();
+      out_of_memory("Failed to allocate memory for requested buffer of size " +
+                    std::to_string(static_cast<long>(rounded_bytes)) + "\n");
     }
     mem = SafeDeviceAlloc(bytes);
   }
