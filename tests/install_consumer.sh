@@ -62,7 +62,9 @@ check_consumer "$scratch/pc-build/kovra_consumer" pkg-config
 
 # The installed tool finds the installed library by its relative run path.
 kovra=$prefix/bin/kovra
-ldd "$kovra" | grep -q "libkovraExecutor.so.2 => $prefix/" || fail "kovra does not load the installed library"
+# Captured first: grep -q stops reading early, and ldd's broken pipe would fail the pipeline.
+loaded=$(ldd "$kovra")
+grep -qF "libkovraExecutor.so.2 => $prefix/" <<<"$loaded" || fail "kovra does not load the installed library"
 for example in float int8; do
   out=$scratch/run-$example
   model=$source_dir/examples/${example}_model.pbtxt
