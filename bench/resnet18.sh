@@ -96,7 +96,8 @@ print("  kovra float vs numpy float (make_resnet18.py):  max abs diff %.3g"
       % np.abs(ours - load(os.path.join(cache, "resnet18_numpy_float.npy"))).max())
 if os.path.exists(os.path.join(cache, "torch_float.npy")):
     torch_float = load(os.path.join(cache, "torch_float.npy"))
-    print("  kovra float vs torch float:                     max abs diff %.3g" % np.abs(ours - torch_float).max())
+    print("  kovra float vs torch float:                     max abs diff %.3g"
+          % np.abs(ours - torch_float).max())
     if os.path.exists(os.path.join(work, "ort.bin")):
         print("  ORT float vs torch float:                       max abs diff %.3g"
               % np.abs(load(os.path.join(work, "ort.bin")) - torch_float).max())
@@ -115,7 +116,7 @@ echo "  peak RSS of one float kovra run (load + 1 inference): $((rss_kb / 1024))
 echo
 
 # ---- timing ---------------------------------------------------------------------------------
-# Median ms per run of one `kovra run` process: runs 0-2 are untimed warm-up.
+# Median ms per run of one process: runs 0-2 are untimed warm-up.
 kovra_ms() {
   "${kovra}" run "$1" -i input="${input}" --repeat $((runs + 3)) --threads "$2" -q \
     --trace "${work}/trace.json" >/dev/null 2>&1
@@ -130,8 +131,10 @@ for e in json.load(open(sys.argv[1]))["traceEvents"]:
 print("%.3f" % (np.median([hi - lo for lo, hi in span.values()]) / 1e3))
 EOF
 }
+torch_ms() { "${python}" "${here}/resnet18_peers.py" time "${cache}" "$1" "$2" "${runs}"; }
 
-echo "Timing: ${rounds} rounds x ${runs} runs; $(nproc) cores, load average at start: $(cut -d' ' -f1-3 /proc/loadavg)"
+echo "Timing: ${rounds} rounds x ${runs} runs; $(nproc) cores," \
+  "load average at start: $(cut -d' ' -f1-3 /proc/loadavg)"
 results="${work}/results"
 : >"${results}"
 for ((r = 0; r < rounds; ++r)); do
@@ -142,13 +145,11 @@ for ((r = 0; r < rounds; ++r)); do
         "${cache}/input_nchw.bin" "${t}" "${runs}")" >>"${results}"
     fi
     if [[ ${have_torch} == 1 ]]; then
-      echo "torch_float ${t} $("${python}" "${here}/resnet18_peers.py" time "${cache}" float "${t}" "${runs}")" \
-        >>"${results}"
+      echo "torch_float ${t} $(torch_ms float "${t}")" >>"${results}"
     fi
     echo "kovra_int8 ${t} $(kovra_ms "${cache}/resnet18_int8.pb" "${t}")" >>"${results}"
     if [[ ${have_torch} == 1 ]]; then
-      echo "torch_int8 ${t} $("${python}" "${here}/resnet18_peers.py" time "${cache}" int8 "${t}" "${runs}")" \
-        >>"${results}"
+      echo "torch_int8 ${t} $(torch_ms int8 "${t}")" >>"${results}"
     fi
   done
 done
