@@ -16,7 +16,8 @@
 # untimed and then $RUNS (30) times timed, and reports the median time per run (for
 # kovra, from its per-node trace: first node start to last node end). Ours and the
 # peers alternate, and the table shows, per engine, the median of $ROUNDS (5) such
-# measurements. The machine may be shared: the load average is printed with it.
+# measurements. The machine may be shared: the script prints how many cores other
+# processes kept busy on average while it was timing.
 set -euo pipefail
 
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
@@ -133,8 +134,13 @@ EOF
 }
 torch_ms() { "${python}" "${here}/resnet18_peers.py" time "${cache}" "$1" "$2" "${runs}"; }
 
-echo "Timing: ${rounds} rounds x ${runs} runs; $(nproc) cores," \
-  "load average at start: $(cut -d' ' -f1-3 /proc/loadavg)"
+# Busy CPU ticks of the whole machine (/proc/stat) and of this script's finished
+# children (/proc/self/stat: cutime + cstime); the difference is everyone else's.
+machine_busy() { awk '/^cpu / { print $2 + $3 + $4 + $7 + $8 + $9 }' /proc/stat; }
+own_busy() { sed 's/.*) //' "/proc/$$/stat" | awk '{ print $14 + $15 }'; }
+
+echo "Timing: ${rounds} rounds x ${runs} runs, $(nproc) cores"
+busy0=$(machine_busy) own0=$(own_busy) start_ns=$(date +%s%N)
 results="${work}/results"
 : >"${results}"
 for ((r = 0; r < rounds; ++r)); do
@@ -153,7 +159,13 @@ for ((r = 0; r < rounds; ++r)); do
     fi
   done
 done
-echo "Load average at the end: $(cut -d' ' -f1-3 /proc/loadavg)"
+busy1=$(machine_busy) own1=$(own_busy) end_ns=$(date +%s%N)
+awk -v b="$((busy1 - busy0))" -v o="$((own1 - own0))" -v hz="$(getconf CLK_TCK)" \
+  -v s="$(((end_ns - start_ns) / 1000000))" 'BEGIN {
+  others = (b - o) / hz / (s / 1e3)
+  printf "Other processes kept %.2f cores busy on average during the %.0f s of timing\n", others, s / 1e3
+  if (others > 0.5)
+    print "Warning: the cores were shared; multi-threaded times (and spinning thread pools) suffer most" }'
 echo
 
 "${python}" - "${results}" <<'EOF'
