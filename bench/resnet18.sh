@@ -21,7 +21,7 @@
 set -euo pipefail
 
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
-build="$(cd "${1:-${here}/../build}" && pwd)"
+build="${1:-${here}/../build}"
 kovra="${build}/bin/kovra"
 cache="${RESNET18_CACHE:-${build}/resnet18}"
 runs="${RUNS:-30}"
