@@ -68,6 +68,25 @@ std::vector<float> depthwise_reference(const std::vector<std::vector<float>>& in
   return y;
 }
 
+// 3x3 convolution, stride 1, SAME padding with zeros, on [1, H, W, C] into O channels, then Relu.
+std::vector<float> conv_reference(const std::vector<std::vector<float>>& in, int H, int W, int C, int O) {
+  std::vector<float> y(static_cast<size_t>(H) * W * O);
+  for (int oy = 0; oy < H; ++oy)
+    for (int ox = 0; ox < W; ++ox)
+      for (int o = 0; o < O; ++o) {
+        double s = in[2][o];
+        for (int ky = 0; ky < 3; ++ky)
+          for (int kx = 0; kx < 3; ++kx) {
+            const int iy = oy + ky - 1, ix = ox + kx - 1;
+            if (iy < 0 || iy >= H || ix < 0 || ix >= W) continue;
+            for (int c = 0; c < C; ++c)
+              s += static_cast<double>(in[0][(iy * W + ix) * C + c]) * in[1][((ky * 3 + kx) * C + c) * O + o];
+          }
+        y[(oy * W + ox) * O + o] = static_cast<float>(std::max(s, 0.0));
+      }
+  return y;
+}
+
 const char* kRelu = R"(attr { key: "ActionType" value { s: "Relu" } })";
 const char* kDepthwise = R"(attr { key: "strides" value { list { i: 1 i: 1 i: 1 i: 1 } } }
   attr { key: "dilations" value { list { i: 1 i: 1 i: 1 i: 1 } } }
@@ -85,6 +104,10 @@ TEST(ThreadSplitTest, SplitOperatorsMatchTheirReferenceAtAnyThreadCount) {
        [](const std::vector<std::vector<float>>& in) { return matmul_reference(in, 11, 70, 290); }},
       {"depthwise", "Z40DepthwiseConv2dNative", kDepthwise, {{1, 37, 29, 24}, {3, 3, 24, 1}, {24}},
        [](const std::vector<std::vector<float>>& in) { return depthwise_reference(in, 37, 29, 24); }},
+      // A small map with many channels: few tiles; 70 channels are two whole panels and a part one.
+      {"conv_small_map", "Z40Conv2D", std::string(kDepthwise) + kRelu,
+       {{1, 7, 5, 40}, {3, 3, 40, 70}, {70}},
+       [](const std::vector<std::vector<float>>& in) { return conv_reference(in, 7, 5, 40, 70); }},
       {"max_pool", "Z40MaxPool", kPool, {{1, 64, 48, 32}}, nullptr},
       {"avg_pool", "Z40AvgPool", kPool, {{1, 64, 48, 32}}, nullptr},
       {"resize_bilinear", "Z40ResizeBilinear", R"(attr { key: "wh_scale" value { f: 2 } })",
