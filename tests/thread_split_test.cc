@@ -108,6 +108,12 @@ TEST(ThreadSplitTest, SplitOperatorsMatchTheirReferenceAtAnyThreadCount) {
       {"conv_small_map", "Z40Conv2D", std::string(kDepthwise) + kRelu,
        {{1, 7, 5, 40}, {3, 3, 40, 70}, {70}},
        [](const std::vector<std::vector<float>>& in) { return conv_reference(in, 7, 5, 40, 70); }},
+      {"eltwise_add", "Z40EltwiseAdd", kRelu, {{1, 56, 56, 64}, {1, 56, 56, 64}},
+       [](const std::vector<std::vector<float>>& in) {
+         std::vector<float> y(in[0].size());
+         for (size_t i = 0; i < y.size(); ++i) y[i] = std::max(in[0][i] + in[1][i], 0.0f);
+         return y;
+       }},
       {"max_pool", "Z40MaxPool", kPool, {{1, 64, 48, 32}}, nullptr},
       {"avg_pool", "Z40AvgPool", kPool, {{1, 64, 48, 32}}, nullptr},
       {"resize_bilinear", "Z40ResizeBilinear", R"(attr { key: "wh_scale" value { f: 2 } })",

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "thread_pool.h"
+
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
@@ -12,7 +14,7 @@ namespace {
 // out[i] = f(a[i], b[i mod nb]). The inner loop runs over whole runs of b
 // without a modulo, so it vectorises; nb == 1 gets its own broadcast loop.
 template <typename F>
-inline void binary_cyclic(const float* a, int n, const float* b, int nb, float* out, F f) {
+inline void binary_cyclic_range(const float* a, int n, const float* b, int nb, float* out, F f) {
   if (nb == 1) {
     const float b0 = b[0];
     for (int i = 0; i < n; ++i) out[i] = f(a[i], b0);
@@ -24,6 +26,27 @@ inline void binary_cyclic(const float* a, int n, const float* b, int nb, float* 
     float* po = out + start;
     for (int k = 0; k < len; ++k) po[k] = f(pa[k], b[k]);
   }
+}
+
+// Large arrays go to the pool in chunks that start where b starts over, so
+// each chunk is the same loop on its own part: the bits never depend on the
+// number of threads.
+template <typename F>
+inline void binary_cyclic(const float* a, int n, const float* b, int nb, float* out, F f) {
+  constexpr int kChunk = 1 << 15;
+  if (n < 2 * kChunk) {
+    binary_cyclic_range(a, n, b, nb, out, f);
+    return;
+  }
+  const bool whole = nb == 1 || nb >= n;  // b a scalar, or as long as a
+  const int chunk = whole ? kChunk : std::max(nb, kChunk / nb * nb);
+  const int chunks = (n + chunk - 1) / chunk;
+  parallel_for(chunks, n, [&](int i) {
+    const int start = i * chunk;
+    const int len = std::min(chunk, n - start);
+    const float* pb = nb == 1 ? b : (whole ? b + start : b);
+    binary_cyclic_range(a + start, len, pb, whole ? (nb == 1 ? 1 : len) : nb, out + start, f);
+  });
 }
 
 // Two selects in this order keep NaN -> 0 and map to packed max/min.
