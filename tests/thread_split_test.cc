@@ -88,6 +88,9 @@ std::vector<float> conv_reference(const std::vector<std::vector<float>>& in, int
 }
 
 const char* kRelu = R"(attr { key: "ActionType" value { s: "Relu" } })";
+const char* kQuantize = R"(attr { key: "QSCALE" value { list { f: 30 f: 70 f: 110 } } }
+  attr { key: "maxValue" value { i: 127 } } attr { key: "minValue" value { i: -128 } }
+  attr { key: "offset" value { i: 0 } })";
 const char* kDepthwise = R"(attr { key: "strides" value { list { i: 1 i: 1 i: 1 i: 1 } } }
   attr { key: "dilations" value { list { i: 1 i: 1 i: 1 i: 1 } } }
   attr { key: "padding" value { s: "SAME" } })";
@@ -108,10 +111,23 @@ TEST(ThreadSplitTest, SplitOperatorsMatchTheirReferenceAtAnyThreadCount) {
       {"conv_small_map", "Z40Conv2D", std::string(kDepthwise) + kRelu,
        {{1, 7, 5, 40}, {3, 3, 40, 70}, {70}},
        [](const std::vector<std::vector<float>>& in) { return conv_reference(in, 7, 5, 40, 70); }},
-      {"eltwise_add", "Z40EltwiseAdd", kRelu, {{1, 56, 56, 64}, {1, 56, 56, 64}},
+      {"eltwise_add", "Z40EltwiseAdd", kRelu, {{1, 64, 64, 80}, {1, 64, 64, 80}},
        [](const std::vector<std::vector<float>>& in) {
          std::vector<float> y(in[0].size());
          for (size_t i = 0; i < y.size(); ++i) y[i] = std::max(in[0][i] + in[1][i], 0.0f);
+         return y;
+       }},
+      // Codes: the chunks start over with the per-channel factors. The reference runs the
+      // operator one image row at a time, each far below the size that is split.
+      {"quantize", "Z40Quantize", kQuantize, {{1, 300, 300, 3}},
+       [](const std::vector<std::vector<float>>& in) {
+         std::vector<float> y;
+         for (int row = 0; row < 300; ++row) {
+           const std::vector<float> part(in[0].begin() + row * 900, in[0].begin() + (row + 1) * 900);
+           Tensor t = make_tensor({1, 1, 300, 3}, part);
+           const std::vector<float> codes = SingleOpRunner("Z40Quantize", node_with_attrs(kQuantize)).run({&t});
+           y.insert(y.end(), codes.begin(), codes.end());
+         }
          return y;
        }},
       {"max_pool", "Z40MaxPool", kPool, {{1, 64, 48, 32}}, nullptr},

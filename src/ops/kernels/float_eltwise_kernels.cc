@@ -34,7 +34,8 @@ inline void binary_cyclic_range(const float* a, int n, const float* b, int nb, f
 template <typename F>
 inline void binary_cyclic(const float* a, int n, const float* b, int nb, float* out, F f) {
   constexpr int kChunk = 1 << 15;
-  if (n < 2 * kChunk) {
+  // Below this, waking a worker costs about what it saves.
+  if (n < 8 * kChunk) {
     binary_cyclic_range(a, n, b, nb, out, f);
     return;
   }

@@ -1,8 +1,11 @@
 #include "ops/kernels/int8_eltwise_kernels.h"
 
+#include <algorithm>
+
 #include "kvdl.h"
 #include "ops/int8/int8_common.h"
 #include "ops/kernels/x86/x86_kernels.h"
+#include "thread_pool.h"
 
 namespace kovra {
 namespace trenkit {
@@ -54,19 +57,48 @@ const KernelTable<Int8EltwiseKernels>& int8_eltwise_kernels() {
   return table;
 }
 
+namespace {
+
+// Large arrays go to the pool in chunks of whole pixels (the per-channel
+// factors start over at each chunk), each the same kernel on its own part:
+// the codes never depend on the number of threads.
+template <typename Fn>
+void for_pixel_chunks(int n, int channels, Fn fn) {
+  constexpr int kChunk = 1 << 15;
+  // Below this, waking a worker costs about what it saves.
+  if (n < 8 * kChunk || channels <= 0) {
+    fn(0, n);
+    return;
+  }
+  const int chunk = std::max(channels, kChunk / channels * channels);
+  const int chunks = (n + chunk - 1) / chunk;
+  parallel_for(chunks, n, [&](int i) { fn(i * chunk, std::min(chunk, n - i * chunk)); });
+}
+
+}  // namespace
+
 void quantize_f32(const float* x, float* y, int n, int channels, const float* scale, float lo,
                   float hi, float offset) {
-  int8_eltwise_kernels()->quantize(x, y, n, channels, scale, lo, hi, offset);
+  const auto quantize = int8_eltwise_kernels()->quantize;
+  for_pixel_chunks(n, channels, [&](int start, int len) {
+    quantize(x + start, y + start, len, channels, scale, lo, hi, offset);
+  });
 }
 
 void dequantize_f32(const float* x, float* y, int n, int channels, const float* scale,
                     float offset) {
-  int8_eltwise_kernels()->dequantize(x, y, n, channels, scale, offset);
+  const auto dequantize = int8_eltwise_kernels()->dequantize;
+  for_pixel_chunks(n, channels, [&](int start, int len) {
+    dequantize(x + start, y + start, len, channels, scale, offset);
+  });
 }
 
 void sum_requant_f32(const float* x0, const float* x1, float* y, int n, int channels,
                      const float* a, const float* b, const float* k, float hi) {
-  int8_eltwise_kernels()->sum_requant(x0, x1, y, n, channels, a, b, k, hi);
+  const auto sum_requant = int8_eltwise_kernels()->sum_requant;
+  for_pixel_chunks(n, channels, [&](int start, int len) {
+    sum_requant(x0 + start, x1 + start, y + start, len, channels, a, b, k, hi);
+  });
 }
 
 }  // namespace kovraexecutor
