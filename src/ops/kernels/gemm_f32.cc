@@ -36,7 +36,7 @@ void pack_rows(const float* B, int ldb, int N, int k0, int kc, float* packed) {
 const GemmF32Kernels kVariants[] = {
     {KernelIsa::kPortable, "gemm_f32_8x32_portable", gemm_f32_8x32_portable, gemv_f32_portable},
     {KernelIsa::kAvx2, "gemm_f32_4x16_avx2", gemm_f32_4x16_avx2, gemv_f32_1x64_avx2},
-    {KernelIsa::kAvx512, "gemm_f32_8x32_avx512", gemm_f32_8x32_avx512, gemv_f32_1x128_avx512},
+    {KernelIsa::kAvx512, "gemm_f32_8x32_avx512", gemm_f32_8x32_avx512, gemv_f32_4x16_avx512},
 };
 
 }  // namespace

@@ -55,10 +55,13 @@ MatMulAction matmul_action(const char* action_type) {
 void matmul_cpu(const float* a, const float* b, const float* bias, float* out, const MatMulArgs& args,
                 const float* packed) {
   const int M = args.M, K = args.K, N = args.N;
-  // Tasks take fixed slices of columns, whole panels each: every output is
-  // summed in k order whatever slice computes it, so the thread count never
-  // changes a result, and the single-row case splits as well as any.
-  constexpr int kSliceColumns = 4 * kGemmPanelWidth;
+  // Tasks take slices of columns, whole panels each, one per thread: every
+  // output is summed in k order whatever slice computes it, so the thread
+  // count never changes a result, and the single-row case splits as well as
+  // any. Wide slices keep the rows of B streaming in storage order.
+  const int threads = ThreadPool::instance().num_threads();
+  const int panels = (N + kGemmPanelWidth - 1) / kGemmPanelWidth;
+  const int kSliceColumns = (panels + threads - 1) / threads * kGemmPanelWidth;
   const int slices = (N + kSliceColumns - 1) / kSliceColumns;
   parallel_for(slices, static_cast<long long>(M) * N * K, [&](int slice) {
     const int n0 = slice * kSliceColumns;

@@ -151,46 +151,53 @@ void gemm_f32_8x32_avx512(const float* a, int lda, const float* b, int ldb, floa
   }
 }
 
+
 namespace {
-// kVectors registers of 16 columns, each an independent fused multiply-add
-// chain per column, so the count never changes a result.
-template <int kVectors>
-void gemv_columns(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias,
-                  int n0) {
-  __mmask16 mask[kVectors];
-  __m512 acc[kVectors];
-#pragma GCC unroll 8
-  for (int v = 0; v < kVectors; ++v) {
-    mask[v] = lanes(N - n0 - 16 * v);
-    acc[v] = _mm512_setzero_ps();
-  }
-  const float* row = b + n0;
-  for (int k = 0; k < K; ++k, row += ldb) {
-    const __m512 av = _mm512_set1_ps(a[k]);
-#pragma GCC unroll 8
-    for (int v = 0; v < kVectors; ++v) {
-      acc[v] = _mm512_fmadd_ps(av, _mm512_maskz_loadu_ps(mask[v], row + 16 * v), acc[v]);
-    }
-  }
-#pragma GCC unroll 8
-  for (int v = 0; v < kVectors; ++v) {
-    if (bias != nullptr) acc[v] = _mm512_add_ps(acc[v], _mm512_maskz_loadu_ps(mask[v], bias + n0 + 16 * v));
-    _mm512_mask_storeu_ps(c + n0 + 16 * v, mask[v], acc[v]);
+// Four rows of B at a time over every column: c (N floats) stays in the
+// first-level cache while B streams through in storage order, and each
+// column's chain is the same fused multiply-adds in k order as one register
+// would give, since a stored float reloads exactly.
+template <bool kFirst>
+inline void gemv_rows4(const float* a, const float* b, int ldb, float* c, int N) {
+  const __m512 a0 = _mm512_set1_ps(a[0]), a1 = _mm512_set1_ps(a[1]);
+  const __m512 a2 = _mm512_set1_ps(a[2]), a3 = _mm512_set1_ps(a[3]);
+  const size_t ld = static_cast<size_t>(ldb);
+  const float *r0 = b, *r1 = b + ld, *r2 = b + 2 * ld, *r3 = b + 3 * ld;
+  for (int n = 0; n < N; n += 16) {
+    const __mmask16 m = lanes(N - n);
+    __m512 acc = kFirst ? _mm512_setzero_ps() : _mm512_maskz_loadu_ps(m, c + n);
+    acc = _mm512_fmadd_ps(a0, _mm512_maskz_loadu_ps(m, r0 + n), acc);
+    acc = _mm512_fmadd_ps(a1, _mm512_maskz_loadu_ps(m, r1 + n), acc);
+    acc = _mm512_fmadd_ps(a2, _mm512_maskz_loadu_ps(m, r2 + n), acc);
+    acc = _mm512_fmadd_ps(a3, _mm512_maskz_loadu_ps(m, r3 + n), acc);
+    _mm512_mask_storeu_ps(c + n, m, acc);
   }
 }
-using ColumnsFn = void (*)(const float*, const float*, int, float*, int, int, const float*, int);
-const ColumnsFn kColumns[8] = {gemv_columns<1>, gemv_columns<2>, gemv_columns<3>, gemv_columns<4>,
-                               gemv_columns<5>, gemv_columns<6>, gemv_columns<7>, gemv_columns<8>};
 }  // namespace
 
-void gemv_f32_1x128_avx512(const float* a, const float* b, int ldb, float* c, int N, int K,
-                           const float* bias) {
-  // 128 columns in 8 independent chains hide the multiply-add latency while
-  // the rows of B stream through once; a narrow tail takes only the
-  // registers it fills.
-  for (int n0 = 0; n0 < N; n0 += 128) {
-    const int columns = N - n0 < 128 ? N - n0 : 128;
-    kColumns[(columns + 15) / 16 - 1](a, b, ldb, c, N, K, bias, n0);
+void gemv_f32_4x16_avx512(const float* a, const float* b, int ldb, float* c, int N, int K,
+                          const float* bias) {
+  int k = 0;
+  if (K >= 4) {
+    gemv_rows4<true>(a, b, ldb, c, N);
+    for (k = 4; k + 4 <= K; k += 4) gemv_rows4<false>(a + k, b + static_cast<size_t>(k) * ldb, ldb, c, N);
+  } else {
+    for (int n = 0; n < N; n += 16) _mm512_mask_storeu_ps(c + n, lanes(N - n), _mm512_setzero_ps());
+  }
+  for (; k < K; ++k) {
+    const __m512 av = _mm512_set1_ps(a[k]);
+    const float* row = b + static_cast<size_t>(k) * ldb;
+    for (int n = 0; n < N; n += 16) {
+      const __mmask16 m = lanes(N - n);
+      const __m512 sum = _mm512_fmadd_ps(av, _mm512_maskz_loadu_ps(m, row + n), _mm512_maskz_loadu_ps(m, c + n));
+      _mm512_mask_storeu_ps(c + n, m, sum);
+    }
+  }
+  if (bias == nullptr) return;
+  for (int n = 0; n < N; n += 16) {
+    const __mmask16 m = lanes(N - n);
+    const __m512 sum = _mm512_add_ps(_mm512_maskz_loadu_ps(m, c + n), _mm512_maskz_loadu_ps(m, bias + n));
+    _mm512_mask_storeu_ps(c + n, m, sum);
   }
 }
 

@@ -26,7 +26,7 @@ void gemm_f32_8x32_avx512(const float* a, int lda, const float* b, int ldb, floa
                           int cols, int kc, bool accumulate, const float* bias);
 void gemm_f32_4x16_avx2(const float* a, int lda, const float* b, int ldb, float* c, int ldc, int rows,
                         int cols, int kc, bool accumulate, const float* bias);
-void gemv_f32_1x128_avx512(const float* a, const float* b, int ldb, float* c, int N, int K,
+void gemv_f32_4x16_avx512(const float* a, const float* b, int ldb, float* c, int N, int K,
                            const float* bias);
 void gemv_f32_1x64_avx2(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias);
 
