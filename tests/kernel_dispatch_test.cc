@@ -140,18 +140,20 @@ void check_gemm(const kx::GemmF32Kernels& v) {
       }
     }
   }
+  // Depths below, at and past a multiple of four rows.
+  for (int K : {1, 3, 4, kc})
   for (int N : {4, 37, 45}) {
     for (const float* b : {static_cast<const float*>(nullptr), bias.data()}) {
       std::vector<float> c(N + 3, -7.0f);
-      v.gemv(A.data(), B.data(), ldb, c.data(), N, kc, b);
+      v.gemv(A.data(), B.data(), ldb, c.data(), N, K, b);
       for (int n = 0; n < N + 3; ++n) {
         float want = -7.0f;
         if (n < N) {
           float acc = 0.0f;
-          for (int k = 0; k < kc; ++k) acc = step(fused, acc, A[k], B[k * ldb + n]);
+          for (int k = 0; k < K; ++k) acc = step(fused, acc, A[k], B[k * ldb + n]);
           want = b ? acc + b[n] : acc;
         }
-        ASSERT_TRUE(same_bits(&c[n], &want, 1)) << v.name << " gemv N " << N << " at " << n;
+        ASSERT_TRUE(same_bits(&c[n], &want, 1)) << v.name << " gemv K " << K << " N " << N << " at " << n;
       }
     }
   }
