@@ -7,6 +7,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "allocator/activation_pool.h"
 #include "node.h"
 #include "tensor.h"
 #include "tensor_dump.h"
@@ -32,6 +33,9 @@ class Graph {
   void set_name(const std::string& name) { name_ = name; }
   void set_inplace(bool inplace) { inplace_ = inplace; }
   bool inplace() const { return inplace_; }
+  // Where outputs take their buffers when a run frees each tensor after its
+  // last reader (inplace); null otherwise.
+  ActivationPool* activation_pool() const { return inplace_ ? &activation_pool_ : nullptr; }
 
   Node* add_node(const std::string& name);
   Node* get_node(const std::string& name) const;
@@ -112,6 +116,9 @@ class Graph {
   void _run_now(NodePlan* plan);
 
   bool inplace_ = false;
+  // Declared before nothing that outlives it: nodes are deleted first, and
+  // their tensors only borrow its buffers.
+  mutable ActivationPool activation_pool_;
   bool reshape_ = false;
   bool initialized_ = false;
   std::string name_;

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <utility>
 
 #include "common.h"
+#include "graph.h"
 
 namespace kovra {
 namespace trenkit {
@@ -14,6 +16,7 @@ Node::Node() = default;
 Node::~Node() {
   delete op_;
   delete output_tensor_;
+  delete spare_tensor_;
   for (Tensor* weight : weights_) delete weight;
 }
 
@@ -122,8 +125,11 @@ bool Node::inferred_from(const std::vector<const Tensor*>& inputs) const {
 
 bool Node::run(const std::vector<const Tensor*>& inputs) {
   if (output_tensor_ == nullptr) {
-    output_tensor_ = new Tensor();
-    output_tensor_->set_name(name_);
+    std::swap(output_tensor_, spare_tensor_);
+    if (output_tensor_ == nullptr) {
+      output_tensor_ = new Tensor();
+      output_tensor_->set_name(name_);
+    }
   }
   // Only a newly inferred shape can be invalid.
   if (!oshape_checked_) {
@@ -131,8 +137,26 @@ bool Node::run(const std::vector<const Tensor*>& inputs) {
     oshape_checked_ = true;
   }
   const Tensor::DataType type = inputs.empty() ? Tensor::DT_FLOAT : inputs[0]->data_type();
-  // Keeps the buffer when shape and type are unchanged (see Tensor::set_data).
-  output_tensor_->set_data(oshape_, type, nullptr);
+  // Outputs of the run outlive it (the caller reads them), so they keep
+  // buffers of their own rather than hold a pooled one across runs.
+  ActivationPool* pool = owner_ != nullptr && !is_output_ ? owner_->activation_pool() : nullptr;
+  if (pool == nullptr) {
+    // Keeps the buffer when shape and type are unchanged (see Tensor::set_data).
+    output_tensor_->set_data(oshape_, type, nullptr);
+  } else {
+    long long count = 1;
+    for (int d : oshape_) count *= d;
+    const size_t bytes = static_cast<size_t>(count) * static_cast<size_t>(output_tensor_->element_byte_size(type));
+    if (pool_block_ == nullptr || pool_capacity_ < bytes) {
+      if (pool_block_ != nullptr) pool->give(pool_block_);
+      pool_block_ = bytes > 0 ? pool->take(bytes, &pool_capacity_) : nullptr;
+    }
+    if (pool_block_ != nullptr) {
+      output_tensor_->set_data(oshape_, type, pool_block_);
+    } else {
+      output_tensor_->set_data(oshape_, type, nullptr);
+    }
+  }
   const bool result = op_->execute(inputs, output_tensor_);
   have_run_ = true;
   return result;
@@ -178,10 +202,20 @@ Tensor* Node::consume_output_tensor(const std::string& real_name) const {
 }
 
 void Node::check_release_otensor() {
-  if (pending_consumers_ == 0) {
-    delete output_tensor_;
-    output_tensor_ = nullptr;
+  if (pending_consumers_ != 0) return;
+  ActivationPool* pool = owner_ != nullptr ? owner_->activation_pool() : nullptr;
+  if (pool != nullptr && pool_block_ != nullptr) {
+    pool->give(pool_block_);
+    pool_block_ = nullptr;
   }
+  // A tensor on a pool buffer is kept for the next run; one whose operator
+  // gave it a buffer of its own is freed with it.
+  if (pool != nullptr && output_tensor_ != nullptr && !output_tensor_->own_data() && spare_tensor_ == nullptr) {
+    spare_tensor_ = output_tensor_;
+  } else {
+    delete output_tensor_;
+  }
+  output_tensor_ = nullptr;
 }
 
 }  // namespace kovraexecutor

@@ -103,6 +103,11 @@ class Node {
   int output_bitwidth_ = -1;
   std::string real_input_name_;
   const Graph* owner_ = nullptr;
+  // Under the owner's activation pool: the buffer the output borrows, and the
+  // released output kept for the next run so that it allocates nothing.
+  void* pool_block_ = nullptr;
+  size_t pool_capacity_ = 0;
+  Tensor* spare_tensor_ = nullptr;
   bool param_update_ = false;
   bool is_output_ = false;
 };

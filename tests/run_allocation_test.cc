@@ -159,6 +159,8 @@ struct RunCase {
   std::vector<float> input;
   std::string output;
   std::vector<float> expected;
+  // Each tensor freed after its last reader; outputs take pooled buffers.
+  bool inplace = false;
 };
 
 std::vector<float> ramp(int n, float scale, float offset) {
@@ -176,6 +178,27 @@ RunCase relu_chain() {
     add_node(c.graph, name, "Z40Relu", {prev});
     prev = name;
   }
+  return c;
+}
+
+// A diamond whose first branch stays live across the second: r1 must keep its
+// buffer until the add has read it, however the pool hands buffers out.
+RunCase inplace_diamond() {
+  RunCase c{"InplaceDiamond", {}, {1, 1, 2, 4}, {1, -2, 3, -4, -0.5f, 0.5f, 0, 7}, "sum", {2, 0, 6, 0, 0, 1, 0, 14}};
+  c.inplace = true;
+  add_node(c.graph, "input", "ZxxNOp");
+  add_node(c.graph, "r1", "Z40Relu", {"input"});
+  add_node(c.graph, "r2", "Z40Relu", {"r1"});
+  add_node(c.graph, "r3", "Z40Relu", {"r2"});
+  add_node(c.graph, "r4", "Z40Relu", {"r3"});
+  add_node(c.graph, "sum", "Z40EltwiseAdd", {"r1", "r4"});
+  return c;
+}
+
+RunCase inplace_chain() {
+  RunCase c = relu_chain();
+  c.name = "InplaceReluChain";
+  c.inplace = true;
   return c;
 }
 
@@ -202,6 +225,7 @@ TEST_P(RunAllocationTest, SecondRunAllocatesNothing) {
 #endif
   const RunCase c = GetParam()();
   GraphExecutor executor(&c.graph, CPU);
+  executor.set_inplace(c.inplace);
   Tensor input = make_tensor(c.input_shape, c.input, "input");
   executor.set_input("input", &input);
   executor.work({}, "");  // shapes inferred, buffers allocated
@@ -213,7 +237,7 @@ TEST_P(RunAllocationTest, SecondRunAllocatesNothing) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Graphs, RunAllocationTest,
-                         ::testing::Values(&relu_chain,
+                         ::testing::Values(&relu_chain, &inplace_chain, &inplace_diamond,
                                            // The overhead chain's shape: one pixel, 1x1 kernel.
                                            [] { return conv("Conv2D1x1OnePixel", 1, 1, 4, 1, "VALID"); },
                                            [] { return conv("Conv2D3x3Same", 4, 3, 2, 3, "SAME"); }),
