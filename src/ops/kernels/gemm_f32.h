@@ -24,6 +24,7 @@ enum class ScratchSlot {
   kPadCodes,
   kInputCopy,
   kOutputCopy,
+  kRecompute,
   kCount
 };
 void* scratch_bytes(ScratchSlot slot, size_t bytes);

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "ops/kernels/conv2d_int8.h"
 #include "ops/kernels/gemm_f32.h"
 #include "ops/kernels/x86/x86_kernels.h"
 #include "thread_pool.h"
@@ -21,11 +22,20 @@ std::atomic<bool>& integer_path_flag() {
   return enabled;
 }
 
+std::atomic<long long> integer_outputs{0}, recomputed_outputs{0};
+
 int round_up(int v, int m) { return (v + m - 1) / m * m; }
 
 constexpr int kChunkRows = 48;  // output pixels per work item; a multiple of 6 and 4
 constexpr int kMaxWorkers = 16;
 constexpr int64_t kExactLimit = int64_t{1} << 24;
+constexpr int64_t kSquareLimit = int64_t{1} << 48;
+constexpr int64_t kNoLimit = int64_t{1} << 62;
+
+// The smallest patch value that breaks value * factor < limit, for factor >= 0.
+int64_t limit_for(int64_t factor, int64_t limit) {
+  return factor == 0 ? kNoLimit : (limit + factor - 1) / factor;
+}
 
 // Range and integrality of a block of codes, in one pass.
 struct CodeRange {
@@ -67,8 +77,8 @@ const Int8CodeKernels kCodeVariants[] = {
 // Gathers the patches of `len` output pixels starting at `first` into rows of
 // `depth_padded` codes; unused rows and columns are zero.
 template <typename T>
-void gather_rows(const ConvGeometry& s, const T* image, const T* pad, int first, int len,
-                 int depth_padded, T* rows) {
+void gather_rows(const ConvGeometry& s, const T* image, const T* pad, int first, int len, int depth_padded,
+                 T* rows) {
   const int depth = (s.kernel_h * s.kernel_w) * s.in_c;
   for (int j = 0; j < len; ++j) {
     const int oy = (first + j) / s.out_w, ox = (first + j) % s.out_w;
@@ -100,7 +110,82 @@ struct ChunkJob {
   bool fast_stage;
   float* out;
   int per_image, chunks, workers;
+  bool checked = false;           // outputs need the per-output check
+  int shift = 0;                  // added to the codes (unsigned form of signed codes)
+  const float* weight = nullptr;  // depth x out_c, as stored
 };
+
+// One output's sum over the patch `row` in reduction order, in float, with
+// column n of the packed weights.
+template <typename T>
+float ordered_column_sum(const T* row, int shift, const Int8PackedWeights& w, int n) {
+  float sum = 0.0f;
+  if constexpr (std::is_same<T, uint8_t>::value) {
+    const int8_t* col =
+        w.packed8.data() + static_cast<size_t>(n / 16) * (w.depth_padded / 4) * 64 + (n % 16) * 4;
+    for (int k = 0; k < w.depth; ++k) {
+      sum += static_cast<float>(static_cast<int>(row[k]) - shift) *
+             static_cast<float>(col[(k / 4) * 64 + k % 4]);
+    }
+  } else {
+    const int16_t* col =
+        w.packed16.data() + static_cast<size_t>(n / 8) * (w.depth_padded / 2) * 16 + (n % 8) * 2;
+    for (int k = 0; k < w.depth; ++k) {
+      sum += static_cast<float>(static_cast<int>(row[k]) - shift) *
+             static_cast<float>(col[(k / 2) * 16 + k % 2]);
+    }
+  }
+  return sum;
+}
+
+// Checks each output of `len` rows against its own patch and rewrites the
+// rows holding outputs no bound proves exact: those outputs are summed again
+// in float in reduction order, one by one, or, when more than an eighth of the
+// row needs it, the whole row by the float kernel (the other outputs are equal
+// either way). Returns how many outputs were computed again.
+template <typename T>
+long long recompute_unproven(const ChunkJob<T>& job, const T* rows, const int32_t* sums, int len,
+                             float* dst) {
+  const Int8PackedWeights& w = *job.w;
+  const int depth = w.depth, out_c = w.out_c;
+  char* scratch = static_cast<char*>(
+      scratch_bytes(ScratchSlot::kRecompute, sizeof(int) * out_c + sizeof(float) * (depth + 2 * out_c)));
+  int* unproven = reinterpret_cast<int*>(scratch);
+  float* acc = reinterpret_cast<float*>(scratch + sizeof(int) * out_c);
+  float* x = acc + out_c;
+  float* zero = x + depth;
+  std::fill(zero, zero + out_c, 0.0f);
+  long long redone = 0;
+  for (int j = 0; j < len; ++j) {
+    const T* row = rows + static_cast<long long>(j) * w.depth_padded;
+    int64_t square = 0;
+    int largest = 0;
+    for (int k = 0; k < depth; ++k) {
+      const int v = static_cast<int>(row[k]) - job.shift;
+      square += v * v;
+      largest = std::max(largest, v < 0 ? -v : v);
+    }
+    if (largest < w.min_largest_limit || square < w.min_square_limit) continue;
+    const int32_t* src = sums + static_cast<long long>(j) * w.out_padded;
+    int count = 0;
+    for (int n = 0; n < out_c; ++n) {
+      acc[n] = static_cast<float>(src[n] - job.correction[n]);
+      if (largest >= w.largest_limit[n] && square >= w.square_limit[n]) unproven[count++] = n;
+    }
+    if (count == 0) continue;
+    if (count * 8 > out_c) {
+      for (int k = 0; k < depth; ++k) x[k] = static_cast<float>(static_cast<int>(row[k]) - job.shift);
+      // sum * 1 + 0 is the sum itself.
+      gemm_float_int8_portable(acc, x, job.weight, zero, depth, out_c, 1, 1, 1);
+      count = out_c;
+    } else {
+      for (int i = 0; i < count; ++i) acc[unproven[i]] = ordered_column_sum(row, job.shift, w, unproven[i]);
+    }
+    int8_output_rows(*job.stage, acc, dst + static_cast<long long>(j) * out_c, 1);
+    redone += count;
+  }
+  return redone;
+}
 
 template <typename T>
 void run_chunk_worker(const ChunkJob<T>& job, int worker) {
@@ -111,6 +196,7 @@ void run_chunk_worker(const ChunkJob<T>& job, int worker) {
   T* rows = static_cast<T*>(scratch_bytes(ScratchSlot::kRows, sizeof(T) * kChunkRows * w.depth_padded));
   int32_t* sums =
       static_cast<int32_t*>(scratch_bytes(ScratchSlot::kSums, sizeof(int32_t) * kChunkRows * w.out_padded));
+  long long done = 0, redone = 0;
   for (int chunk = worker; chunk < job.chunks; chunk += job.workers) {
     const int b = chunk / job.per_image;
     const int first = (chunk % job.per_image) * kChunkRows;
@@ -128,21 +214,25 @@ void run_chunk_worker(const ChunkJob<T>& job, int worker) {
     float* dst = job.out + (static_cast<long long>(b) * pixels + first) * s.out_c;
     if (job.fast_stage) {
       int8_code_kernels()->requantize(*job.args, sums, w.out_padded, len, dst);
-      continue;
+    } else {
+      for (int j = 0; j < len; ++j) {
+        const int32_t* src = sums + static_cast<long long>(j) * w.out_padded;
+        float* row = dst + static_cast<long long>(j) * s.out_c;
+        for (int n = 0; n < s.out_c; ++n) row[n] = static_cast<float>(src[n] - job.correction[n]);
+      }
+      int8_output_rows(*job.stage, dst, dst, len);
     }
-    for (int j = 0; j < len; ++j) {
-      const int32_t* src = sums + static_cast<long long>(j) * w.out_padded;
-      float* row = dst + static_cast<long long>(j) * s.out_c;
-      for (int n = 0; n < s.out_c; ++n) row[n] = static_cast<float>(src[n] - job.correction[n]);
-    }
-    int8_output_rows(*job.stage, dst, dst, len);
+    done += static_cast<long long>(len) * s.out_c;
+    if (job.checked) redone += recompute_unproven(job, rows, sums, len, dst);
   }
+  integer_outputs.fetch_add(done - redone, std::memory_order_relaxed);
+  recomputed_outputs.fetch_add(redone, std::memory_order_relaxed);
 }
 
 template <typename T>
 void run_chunks(const ConvGeometry& s, const T* codes, const T* pad, const Int8PackedWeights& w,
                 const Int8DotKernels& dot, const int32_t* correction, const Int8OutputStage& stage,
-                float* out) {
+                bool checked, int shift, const float* weight, float* out) {
   const int pixels = s.out_h * s.out_w;
   const int per_image = (pixels + kChunkRows - 1) / kChunkRows;
   const int chunks = per_image * s.batch;
@@ -159,8 +249,12 @@ void run_chunks(const ConvGeometry& s, const T* codes, const T* pad, const Int8P
   args.lo = stage.lo;
   args.hi = stage.hi;
   args.offset = stage.offset;
-  ChunkJob<T> job{&s, codes, pad, &w, &dot, correction, &stage, &args, false, out, per_image, chunks,
-                  std::min(kMaxWorkers, chunks)};
+  const int workers = std::min(kMaxWorkers, chunks);
+  ChunkJob<T> job{&s,    codes, pad, &w,        &dot,   correction, &stage,
+                  &args, false, out, per_image, chunks, workers};
+  job.checked = checked;
+  job.shift = shift;
+  job.weight = weight;
   job.fast_stage = !stage.float_output &&
                    (param.action == Int8Activation::kScale || param.action == Int8Activation::kLeakyRelu);
   const ChunkJob<T>* j = &job;
@@ -171,6 +265,18 @@ void run_chunks(const ConvGeometry& s, const T* codes, const T* pad, const Int8P
 
 void set_int8_integer_path_enabled(bool enabled) { integer_path_flag().store(enabled); }
 bool int8_integer_path_enabled() { return integer_path_flag().load(); }
+
+Int8PathCounts int8_path_counts() {
+  Int8PathCounts counts;
+  counts.integer = integer_outputs.load();
+  counts.recomputed = recomputed_outputs.load();
+  return counts;
+}
+
+void reset_int8_path_counts() {
+  integer_outputs.store(0);
+  recomputed_outputs.store(0);
+}
 
 const KernelTable<Int8DotKernels>& int8_dot_kernels() {
   static const KernelTable<Int8DotKernels> table(kDotVariants);
@@ -204,12 +310,23 @@ const Int8PackedWeights& pack_int8_weights(const Tensor* weight, int depth, int 
   if (!w.fits) return w;
   w.abs_sum.assign(out_c, 0);
   w.sum.assign(out_c, 0);
+  std::vector<int64_t> square(out_c, 0);
   for (int k = 0; k < depth; ++k) {
     for (int n = 0; n < out_c; ++n) {
       const int v = static_cast<int>(src[static_cast<long long>(k) * out_c + n]);
       w.abs_sum[n] += v < 0 ? -v : v;
       w.sum[n] += v;
+      square[n] += v * v;
     }
+  }
+  w.largest_limit.resize(out_c);
+  w.square_limit.resize(out_c);
+  w.min_largest_limit = w.min_square_limit = kNoLimit;
+  for (int n = 0; n < out_c; ++n) {
+    w.largest_limit[n] = limit_for(w.abs_sum[n], kExactLimit);
+    w.square_limit[n] = limit_for(square[n], kSquareLimit);
+    w.min_largest_limit = std::min(w.min_largest_limit, w.largest_limit[n]);
+    w.min_square_limit = std::min(w.min_square_limit, w.square_limit[n]);
   }
   w.shift_correction.resize(out_c);
   for (int n = 0; n < out_c; ++n) w.shift_correction[n] = 128 * w.sum[n];
@@ -256,12 +373,13 @@ Int8DotPlan plan_int8_dot(const float* input, long long count, const float* pad,
   const bool signed_codes = range.lo >= -128.0f && range.hi <= 127.0f;
   if (!unsigned_codes && !signed_codes) return plan;
   const int64_t largest = static_cast<int64_t>(std::max(std::fabs(range.lo), std::fabs(range.hi)));
+  // No int32 lane may overflow, in the shifted unsigned form either, even for
+  // outputs that are computed again.
   for (int n = 0; n < weights.out_c; ++n) {
-    if (weights.abs_sum[n] * largest >= kExactLimit) return plan;
-    // The shifted unsigned form must not overflow its int32 lanes either.
     if (weights.abs_sum[n] * 255 >= (int64_t{1} << 31)) return plan;
   }
-  plan.integer = true;
+  plan.integer = largest < weights.min_largest_limit;
+  plan.per_output = !plan.integer;
   plan.signed_input = !unsigned_codes;
   return plan;
 }
@@ -274,7 +392,8 @@ bool conv_int8_integer_path(const ConvGeometry& s, const float* input, const flo
   const long long count = static_cast<long long>(s.batch) * s.in_h * s.in_w * s.in_c;
   const int pad_count = pad == nullptr ? 0 : s.in_c;
   const Int8DotPlan plan = plan_int8_dot(input, count, pad, pad_count, w);
-  if (!plan.integer) return false;
+  if (!plan.integer && !plan.per_output) return false;
+  const bool checked = plan.per_output;
   const Int8DotKernels& dot = int8_dot_kernels().get();
   // Without padding (1 x 1 products) no tap reads the pad codes: the image's
   // own codes stand in for them.
@@ -286,12 +405,14 @@ bool conv_int8_integer_path(const ConvGeometry& s, const float* input, const flo
     const uint8_t* pad_codes =
         pad == nullptr ? codes : convert_codes<uint8_t>(pad, s.in_c, shift, ScratchSlot::kPadCodes);
     run_chunks(s, codes, pad_codes, w, dot,
-               plan.signed_input ? w.shift_correction.data() : w.no_correction.data(), stage, out);
+               plan.signed_input ? w.shift_correction.data() : w.no_correction.data(), stage, checked, shift,
+               weight->data<float>(), out);
   } else {
     const int16_t* codes = convert_codes<int16_t>(input, count, 0, ScratchSlot::kCodes);
     const int16_t* pad_codes =
         pad == nullptr ? codes : convert_codes<int16_t>(pad, s.in_c, 0, ScratchSlot::kPadCodes);
-    run_chunks(s, codes, pad_codes, w, dot, w.no_correction.data(), stage, out);
+    run_chunks(s, codes, pad_codes, w, dot, w.no_correction.data(), stage, checked, 0, weight->data<float>(),
+               out);
   }
   return true;
 }
