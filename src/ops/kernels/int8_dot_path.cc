@@ -141,19 +141,20 @@ float ordered_column_sum(const T* row, int shift, const Int8PackedWeights& w, in
 // Checks each output of `len` rows against its own patch and rewrites the
 // rows holding outputs no bound proves exact: those outputs are summed again
 // in float in reduction order, one by one, or, when more than an eighth of the
-// row needs it, the whole row by the float kernel (the other outputs are equal
-// either way). Returns how many outputs were computed again.
+// row needs it, by the float kernel over the whole row. Returns how many
+// outputs were computed again.
 template <typename T>
 long long recompute_unproven(const ChunkJob<T>& job, const T* rows, const int32_t* sums, int len,
                              float* dst) {
   const Int8PackedWeights& w = *job.w;
   const int depth = w.depth, out_c = w.out_c;
   char* scratch = static_cast<char*>(
-      scratch_bytes(ScratchSlot::kRecompute, sizeof(int) * out_c + sizeof(float) * (depth + 2 * out_c)));
+      scratch_bytes(ScratchSlot::kRecompute, sizeof(int) * out_c + sizeof(float) * (depth + 3 * out_c)));
   int* unproven = reinterpret_cast<int*>(scratch);
   float* acc = reinterpret_cast<float*>(scratch + sizeof(int) * out_c);
   float* x = acc + out_c;
   float* zero = x + depth;
+  float* row_sums = zero + out_c;
   std::fill(zero, zero + out_c, 0.0f);
   long long redone = 0;
   for (int j = 0; j < len; ++j) {
@@ -176,8 +177,8 @@ long long recompute_unproven(const ChunkJob<T>& job, const T* rows, const int32_
     if (count * 8 > out_c) {
       for (int k = 0; k < depth; ++k) x[k] = static_cast<float>(static_cast<int>(row[k]) - job.shift);
       // sum * 1 + 0 is the sum itself.
-      gemm_float_int8_portable(acc, x, job.weight, zero, depth, out_c, 1, 1, 1);
-      count = out_c;
+      gemm_float_int8_portable(row_sums, x, job.weight, zero, depth, out_c, 1, 1, 1);
+      for (int i = 0; i < count; ++i) acc[unproven[i]] = row_sums[unproven[i]];
     } else {
       for (int i = 0; i < count; ++i) acc[unproven[i]] = ordered_column_sum(row, job.shift, w, unproven[i]);
     }
