@@ -110,9 +110,10 @@ struct ChunkJob {
   bool fast_stage;
   float* out;
   int per_image, chunks, workers;
-  bool checked = false;           // outputs need the per-output check
-  int shift = 0;                  // added to the codes (unsigned form of signed codes)
-  const float* weight = nullptr;  // depth x out_c, as stored
+  bool checked = false;                              // outputs need the per-output check
+  int shift = 0;                                     // added to the codes (unsigned form of signed codes)
+  const Int8FloatGemmKernels* float_gemm = nullptr;  // for unproven outputs
+  const float* float_weights = nullptr;              // in the layout float_gemm reads
 };
 
 // One output's sum over the patch `row` in reduction order, in float, with
@@ -138,53 +139,122 @@ float ordered_column_sum(const T* row, int shift, const Int8PackedWeights& w, in
   return sum;
 }
 
-// Checks each output of `len` rows against its own patch and rewrites the
-// rows holding outputs no bound proves exact: those outputs are summed again
-// in float in reduction order, one by one, or, when more than an eighth of the
-// row needs it, by the float kernel over the whole row. Returns how many
-// outputs were computed again.
+// Working memory of the per-output check for one block of rows, in the
+// worker's scratch: which outputs of each row no bound proves, and room for
+// the float kernel's batches.
+struct CheckScratch {
+  int* unproven;      // kChunkRows x out_c channel indices, each row's first `count[j]` used
+  int* count;         // kChunkRows
+  float* acc;         // out_c sums of one row
+  float* x;           // kFloatBatch x depth codes as floats
+  float* batch_sums;  // kFloatBatch x out_c
+  float* zero;        // out_c zeros: the float kernel's bias
+};
+
+constexpr int kFloatBatch = 8;  // rows of one float kernel call
+
+CheckScratch check_scratch(int depth, int out_c) {
+  const size_t ints = static_cast<size_t>(kChunkRows) * out_c + kChunkRows;
+  const size_t floats =
+      static_cast<size_t>(out_c) * (2 + kFloatBatch) + static_cast<size_t>(kFloatBatch) * depth;
+  char* base =
+      static_cast<char*>(scratch_bytes(ScratchSlot::kRecompute, sizeof(int) * ints + sizeof(float) * floats));
+  CheckScratch c;
+  c.unproven = reinterpret_cast<int*>(base);
+  c.count = c.unproven + static_cast<size_t>(kChunkRows) * out_c;
+  c.acc = reinterpret_cast<float*>(base + sizeof(int) * ints);
+  c.x = c.acc + out_c;
+  c.batch_sums = c.x + static_cast<size_t>(kFloatBatch) * depth;
+  c.zero = c.batch_sums + static_cast<size_t>(kFloatBatch) * out_c;
+  std::fill(c.zero, c.zero + out_c, 0.0f);
+  return c;
+}
+
+// A row goes to the float kernel whole when more than an eighth of it is
+// unproven; fewer outputs are summed one by one.
+bool whole_row(int count, int out_c) { return count * 8 > out_c; }
+
+// Finds the outputs of `len` rows that neither bound proves exact; returns
+// how many rows go to the float kernel whole.
 template <typename T>
-long long recompute_unproven(const ChunkJob<T>& job, const T* rows, const int32_t* sums, int len,
-                             float* dst) {
+int find_unproven(const ChunkJob<T>& job, const T* rows, int len, const CheckScratch& c) {
   const Int8PackedWeights& w = *job.w;
-  const int depth = w.depth, out_c = w.out_c;
-  char* scratch = static_cast<char*>(
-      scratch_bytes(ScratchSlot::kRecompute, sizeof(int) * out_c + sizeof(float) * (depth + 3 * out_c)));
-  int* unproven = reinterpret_cast<int*>(scratch);
-  float* acc = reinterpret_cast<float*>(scratch + sizeof(int) * out_c);
-  float* x = acc + out_c;
-  float* zero = x + depth;
-  float* row_sums = zero + out_c;
-  std::fill(zero, zero + out_c, 0.0f);
-  long long redone = 0;
+  int whole = 0;
   for (int j = 0; j < len; ++j) {
     const T* row = rows + static_cast<long long>(j) * w.depth_padded;
     int64_t square = 0;
     int largest = 0;
-    for (int k = 0; k < depth; ++k) {
+    for (int k = 0; k < w.depth; ++k) {
       const int v = static_cast<int>(row[k]) - job.shift;
       square += v * v;
       largest = std::max(largest, v < 0 ? -v : v);
     }
+    int& count = c.count[j];
+    count = 0;
     if (largest < w.min_largest_limit || square < w.min_square_limit) continue;
-    const int32_t* src = sums + static_cast<long long>(j) * w.out_padded;
-    int count = 0;
-    for (int n = 0; n < out_c; ++n) {
-      acc[n] = static_cast<float>(src[n] - job.correction[n]);
+    int* unproven = c.unproven + static_cast<long long>(j) * w.out_c;
+    for (int n = 0; n < w.out_c; ++n) {
       if (largest >= w.largest_limit[n] && square >= w.square_limit[n]) unproven[count++] = n;
     }
-    if (count == 0) continue;
-    if (count * 8 > out_c) {
-      for (int k = 0; k < depth; ++k) x[k] = static_cast<float>(static_cast<int>(row[k]) - job.shift);
-      // sum * 1 + 0 is the sum itself.
-      gemm_float_int8_portable(row_sums, x, job.weight, zero, depth, out_c, 1, 1, 1);
-      for (int i = 0; i < count; ++i) acc[unproven[i]] = row_sums[unproven[i]];
-    } else {
-      for (int i = 0; i < count; ++i) acc[unproven[i]] = ordered_column_sum(row, job.shift, w, unproven[i]);
-    }
-    int8_output_rows(*job.stage, acc, dst + static_cast<long long>(j) * out_c, 1);
-    redone += count;
+    whole += whole_row(count, w.out_c);
   }
+  return whole;
+}
+
+// Rewrites the rows holding unproven outputs: those outputs are summed again
+// in float in reduction order, one by one or by the float kernel over whole
+// rows in batches; the others keep the integer sums, or, when `sums` is null
+// (no integer sums were made), take the float kernel's equal ones. Returns how
+// many outputs came from float sums.
+template <typename T>
+long long recompute_unproven(const ChunkJob<T>& job, const T* rows, const int32_t* sums, int len,
+                             const CheckScratch& c, float* dst) {
+  const Int8PackedWeights& w = *job.w;
+  const int depth = w.depth, out_c = w.out_c;
+  long long redone = 0;
+  // The integer sums of row j with the float sums of its unproven outputs,
+  // through the output stage.
+  auto finish_row = [&](int j, const float* row_sums) {
+    const int* unproven = c.unproven + static_cast<long long>(j) * out_c;
+    if (sums == nullptr) {
+      std::copy(row_sums, row_sums + out_c, c.acc);
+      redone += out_c;
+    } else {
+      const int32_t* src = sums + static_cast<long long>(j) * w.out_padded;
+      for (int n = 0; n < out_c; ++n) c.acc[n] = static_cast<float>(src[n] - job.correction[n]);
+      for (int i = 0; i < c.count[j]; ++i) c.acc[unproven[i]] = row_sums[unproven[i]];
+      redone += c.count[j];
+    }
+    int8_output_rows(*job.stage, c.acc, dst + static_cast<long long>(j) * out_c, 1);
+  };
+  int batch[kFloatBatch];
+  int batched = 0;
+  auto flush = [&]() {
+    // The kernel reads 8 rows; sum * 1 + 0 is the sum itself.
+    std::fill(c.x + static_cast<long long>(batched) * depth,
+              c.x + static_cast<long long>(kFloatBatch) * depth, 0.0f);
+    job.float_gemm->gemm(c.batch_sums, c.x, job.float_weights, c.zero, depth, out_c, batched, 1, 1);
+    for (int i = 0; i < batched; ++i) finish_row(batch[i], c.batch_sums + static_cast<long long>(i) * out_c);
+    batched = 0;
+  };
+  for (int j = 0; j < len; ++j) {
+    const int count = c.count[j];
+    if (count == 0 && sums != nullptr) continue;
+    const T* row = rows + static_cast<long long>(j) * w.depth_padded;
+    if (sums == nullptr || whole_row(count, out_c)) {
+      float* x = c.x + static_cast<long long>(batched) * depth;
+      for (int k = 0; k < depth; ++k) x[k] = static_cast<float>(static_cast<int>(row[k]) - job.shift);
+      batch[batched++] = j;
+      if (batched == kFloatBatch) flush();
+      continue;
+    }
+    const int* unproven = c.unproven + static_cast<long long>(j) * out_c;
+    // batch_sums holds values only within a flush.
+    for (int i = 0; i < count; ++i)
+      c.batch_sums[unproven[i]] = ordered_column_sum(row, job.shift, w, unproven[i]);
+    finish_row(j, c.batch_sums);
+  }
+  if (batched > 0) flush();
   return redone;
 }
 
@@ -197,6 +267,7 @@ void run_chunk_worker(const ChunkJob<T>& job, int worker) {
   T* rows = static_cast<T*>(scratch_bytes(ScratchSlot::kRows, sizeof(T) * kChunkRows * w.depth_padded));
   int32_t* sums =
       static_cast<int32_t*>(scratch_bytes(ScratchSlot::kSums, sizeof(int32_t) * kChunkRows * w.out_padded));
+  const CheckScratch check = job.checked ? check_scratch(w.depth, w.out_c) : CheckScratch();
   long long done = 0, redone = 0;
   for (int chunk = worker; chunk < job.chunks; chunk += job.workers) {
     const int b = chunk / job.per_image;
@@ -207,12 +278,18 @@ void run_chunk_worker(const ChunkJob<T>& job, int worker) {
     // The kernel reads whole row blocks; rows past `len` are computed and dropped.
     std::fill(rows + static_cast<size_t>(len) * w.depth_padded,
               rows + static_cast<size_t>(padded_len) * w.depth_padded, T(0));
+    float* dst = job.out + (static_cast<long long>(b) * pixels + first) * s.out_c;
+    done += static_cast<long long>(len) * s.out_c;
+    // When every row goes to the float kernel whole, integer sums would be wasted.
+    if (job.checked && find_unproven(job, rows, len, check) == len) {
+      redone += recompute_unproven(job, rows, static_cast<const int32_t*>(nullptr), len, check, dst);
+      continue;
+    }
     if constexpr (std::is_same<T, uint8_t>::value) {
       job.dot->dot_u8(rows, w.depth_padded, w.packed8.data(), w.out_padded, padded_len, sums);
     } else {
       job.dot->dot_s16(rows, w.depth_padded, w.packed16.data(), w.out_padded, padded_len, sums);
     }
-    float* dst = job.out + (static_cast<long long>(b) * pixels + first) * s.out_c;
     if (job.fast_stage) {
       int8_code_kernels()->requantize(*job.args, sums, w.out_padded, len, dst);
     } else {
@@ -223,8 +300,7 @@ void run_chunk_worker(const ChunkJob<T>& job, int worker) {
       }
       int8_output_rows(*job.stage, dst, dst, len);
     }
-    done += static_cast<long long>(len) * s.out_c;
-    if (job.checked) redone += recompute_unproven(job, rows, sums, len, dst);
+    if (job.checked) redone += recompute_unproven(job, rows, sums, len, check, dst);
   }
   integer_outputs.fetch_add(done - redone, std::memory_order_relaxed);
   recomputed_outputs.fetch_add(redone, std::memory_order_relaxed);
@@ -233,7 +309,8 @@ void run_chunk_worker(const ChunkJob<T>& job, int worker) {
 template <typename T>
 void run_chunks(const ConvGeometry& s, const T* codes, const T* pad, const Int8PackedWeights& w,
                 const Int8DotKernels& dot, const int32_t* correction, const Int8OutputStage& stage,
-                bool checked, int shift, const float* weight, float* out) {
+                bool checked, int shift, const Int8FloatGemmKernels* float_gemm, const float* float_weights,
+                float* out) {
   const int pixels = s.out_h * s.out_w;
   const int per_image = (pixels + kChunkRows - 1) / kChunkRows;
   const int chunks = per_image * s.batch;
@@ -255,7 +332,8 @@ void run_chunks(const ConvGeometry& s, const T* codes, const T* pad, const Int8P
                   &args, false, out, per_image, chunks, workers};
   job.checked = checked;
   job.shift = shift;
-  job.weight = weight;
+  job.float_gemm = float_gemm;
+  job.float_weights = float_weights;
   job.fast_stage = !stage.float_output &&
                    (param.action == Int8Activation::kScale || param.action == Int8Activation::kLeakyRelu);
   const ChunkJob<T>* j = &job;
@@ -395,6 +473,17 @@ bool conv_int8_integer_path(const ConvGeometry& s, const float* input, const flo
   const Int8DotPlan plan = plan_int8_dot(input, count, pad, pad_count, w);
   if (!plan.integer && !plan.per_output) return false;
   const bool checked = plan.per_output;
+  // Unproven outputs are summed again by the float kernel of the float path.
+  const Int8FloatGemmKernels* float_gemm = nullptr;
+  const float* float_weights = nullptr;
+  if (checked) {
+    float_gemm = &int8_float_gemm_kernels().get();
+    float_weights = weight->data<float>();
+    if (float_gemm->packed) {
+      if (!cache->float_weights) cache->float_weights = std::make_shared<Int8FloatPackedWeights>();
+      float_weights = pack_float_weights_8x32(weight, depth, s.out_c, cache->float_weights.get());
+    }
+  }
   const Int8DotKernels& dot = int8_dot_kernels().get();
   // Without padding (1 x 1 products) no tap reads the pad codes: the image's
   // own codes stand in for them.
@@ -407,13 +496,13 @@ bool conv_int8_integer_path(const ConvGeometry& s, const float* input, const flo
         pad == nullptr ? codes : convert_codes<uint8_t>(pad, s.in_c, shift, ScratchSlot::kPadCodes);
     run_chunks(s, codes, pad_codes, w, dot,
                plan.signed_input ? w.shift_correction.data() : w.no_correction.data(), stage, checked, shift,
-               weight->data<float>(), out);
+               float_gemm, float_weights, out);
   } else {
     const int16_t* codes = convert_codes<int16_t>(input, count, 0, ScratchSlot::kCodes);
     const int16_t* pad_codes =
         pad == nullptr ? codes : convert_codes<int16_t>(pad, s.in_c, 0, ScratchSlot::kPadCodes);
-    run_chunks(s, codes, pad_codes, w, dot, w.no_correction.data(), stage, checked, 0, weight->data<float>(),
-               out);
+    run_chunks(s, codes, pad_codes, w, dot, w.no_correction.data(), stage, checked, 0, float_gemm,
+               float_weights, out);
   }
   return true;
 }

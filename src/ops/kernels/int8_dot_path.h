@@ -2,6 +2,7 @@
 #define KOVRAEXECUTOR_OPS_INT8_DOT_PATH_H_
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "ops/int8/int8_conv_param.h"
@@ -81,6 +82,8 @@ void requantize_s32_portable(const Int8RequantizeArgs& args, const int32_t* sums
 void scan_codes_f32_portable(const float* v, long long count, float* lo, float* hi, bool* integral);
 void convert_codes_f32_u8_portable(const float* v, long long count, int shift, uint8_t* out);
 
+struct Int8FloatPackedWeights;
+
 // Weights packed for one dot-product format, with what the checks need; kept
 // per operator and keyed by the weight tensor's version.
 struct Int8PackedWeights {
@@ -102,6 +105,8 @@ struct Int8PackedWeights {
   std::vector<int32_t> shift_correction, no_correction;
   std::vector<int8_t> packed8;
   std::vector<int16_t> packed16;
+  // For the float kernel that sums unproven outputs, packed when first needed.
+  std::shared_ptr<Int8FloatPackedWeights> float_weights;
 };
 
 // Tests switch the integer path off to run the float kernel on the same data.
