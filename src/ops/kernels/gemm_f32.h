@@ -25,6 +25,7 @@ enum class ScratchSlot {
   kInputCopy,
   kOutputCopy,
   kRecompute,
+  kPixelStats,
   kCount
 };
 void* scratch_bytes(ScratchSlot slot, size_t bytes);

@@ -96,6 +96,24 @@ void gather_rows(const ConvGeometry& s, const T* image, const T* pad, int first,
   }
 }
 
+// What the bounds need of a patch, summed per input pixel once per call:
+// sum x^2 and max |x| over its channels.
+struct PixelStats {
+  int64_t square = 0;
+  int largest = 0;
+};
+
+template <typename T>
+PixelStats pixel_stats(const T* codes, int channels, int shift) {
+  PixelStats p;
+  for (int c = 0; c < channels; ++c) {
+    const int v = static_cast<int>(codes[c]) - shift;
+    p.square += v * v;
+    p.largest = std::max(p.largest, v < 0 ? -v : v);
+  }
+  return p;
+}
+
 // One call of the integer path, shared by its workers.
 template <typename T>
 struct ChunkJob {
@@ -114,6 +132,8 @@ struct ChunkJob {
   int shift = 0;                                     // added to the codes (unsigned form of signed codes)
   const Int8FloatGemmKernels* float_gemm = nullptr;  // for unproven outputs
   const float* float_weights = nullptr;              // in the layout float_gemm reads
+  const PixelStats* stats = nullptr;                 // per input pixel of the batch, when checked
+  PixelStats pad_stats = PixelStats();
 };
 
 // One output's sum over the patch `row` in reduction order, in float, with
@@ -174,20 +194,29 @@ CheckScratch check_scratch(int depth, int out_c) {
 // unproven; fewer outputs are summed one by one.
 bool whole_row(int count, int out_c) { return count * 8 > out_c; }
 
-// Finds the outputs of `len` rows that neither bound proves exact; returns
-// how many rows go to the float kernel whole.
+// Finds the outputs of the `len` output pixels from `first` of image `b`
+// that neither bound proves exact; returns how many rows go to the float
+// kernel whole.
 template <typename T>
-int find_unproven(const ChunkJob<T>& job, const T* rows, int len, const CheckScratch& c) {
+int find_unproven(const ChunkJob<T>& job, int b, int first, int len, const CheckScratch& c) {
   const Int8PackedWeights& w = *job.w;
+  const ConvGeometry& s = *job.s;
+  const PixelStats* image = job.stats + static_cast<long long>(b) * s.in_h * s.in_w;
   int whole = 0;
   for (int j = 0; j < len; ++j) {
-    const T* row = rows + static_cast<long long>(j) * w.depth_padded;
+    // The taps of the patch, as gather_rows takes them.
+    const int oy = (first + j) / s.out_w, ox = (first + j) % s.out_w;
     int64_t square = 0;
     int largest = 0;
-    for (int k = 0; k < w.depth; ++k) {
-      const int v = static_cast<int>(row[k]) - job.shift;
-      square += v * v;
-      largest = std::max(largest, v < 0 ? -v : v);
+    for (int ky = 0; ky < s.kernel_h; ++ky) {
+      const int iy = oy * s.stride_h - s.pad_top + ky * s.dilation_h;
+      for (int kx = 0; kx < s.kernel_w; ++kx) {
+        const int ix = ox * s.stride_w - s.pad_left + kx * s.dilation_w;
+        const bool inside = iy >= 0 && iy < s.in_h && ix >= 0 && ix < s.in_w;
+        const PixelStats& p = inside ? image[static_cast<long long>(iy) * s.in_w + ix] : job.pad_stats;
+        square += p.square;
+        largest = std::max(largest, p.largest);
+      }
     }
     int& count = c.count[j];
     count = 0;
@@ -281,7 +310,7 @@ void run_chunk_worker(const ChunkJob<T>& job, int worker) {
     float* dst = job.out + (static_cast<long long>(b) * pixels + first) * s.out_c;
     done += static_cast<long long>(len) * s.out_c;
     // When every row goes to the float kernel whole, integer sums would be wasted.
-    if (job.checked && find_unproven(job, rows, len, check) == len) {
+    if (job.checked && find_unproven(job, b, first, len, check) == len) {
       redone += recompute_unproven(job, rows, static_cast<const int32_t*>(nullptr), len, check, dst);
       continue;
     }
@@ -334,6 +363,14 @@ void run_chunks(const ConvGeometry& s, const T* codes, const T* pad, const Int8P
   job.shift = shift;
   job.float_gemm = float_gemm;
   job.float_weights = float_weights;
+  if (checked) {
+    const long long pixels_in = static_cast<long long>(s.batch) * s.in_h * s.in_w;
+    PixelStats* stats = static_cast<PixelStats*>(
+        scratch_bytes(ScratchSlot::kPixelStats, sizeof(PixelStats) * static_cast<size_t>(pixels_in)));
+    for (long long p = 0; p < pixels_in; ++p) stats[p] = pixel_stats(codes + p * s.in_c, s.in_c, shift);
+    job.stats = stats;
+    job.pad_stats = pixel_stats(pad, s.in_c, shift);
+  }
   job.fast_stage = !stage.float_output &&
                    (param.action == Int8Activation::kScale || param.action == Int8Activation::kLeakyRelu);
   const ChunkJob<T>* j = &job;
