@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <functional>
 #include <random>
@@ -38,8 +39,9 @@ struct ExactCase {
   int big_every = 2;  // 0: no big pixels
   Range small_weight{-3, 3}, big_weight{100, 127};
   std::vector<int> big_channels{0, 9};
-  bool bits32 = true;                                                  // the sums themselves, else Relu codes
-  std::function<void(std::vector<float>*, std::vector<float>*)> fill;  // replaces the above
+  bool bits32 = true;  // the sums themselves, else Relu codes
+  // When set, fills codes and weights instead of the ranges above.
+  std::function<void(std::vector<float>*, std::vector<float>*)> fill;
   // What the data must show for the case to test anything.
   bool order_sensitive = true;  // some float sum in order differs from the exact sum
   long long recomputed = -1;    // when >= 0, the number of outputs no bound proves exact

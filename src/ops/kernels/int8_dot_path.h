@@ -143,9 +143,10 @@ const Int8PackedWeights& pack_int8_weights(const Tensor* weight, int depth, int 
 // Runs the convolution on the integer kernels and the output stage into `out`
 // (N x OH x OW x C_out) and returns true, or returns false without writing
 // when the codes do not allow it. Outputs whose sums no bound proves exact are
-// computed in float in reduction order from the same codes and `weight`. `pad` holds one value per input
-// channel, or is null when no tap falls outside the image. Working memory is the calling thread's and the
-// workers' scratch: nothing is allocated once it has grown.
+// computed in float in reduction order from the same codes and `weight`.
+// `pad` holds one value per input channel, or is null when no tap falls
+// outside the image. Working memory is the calling thread's and the workers'
+// scratch: nothing is allocated once it has grown.
 bool conv_int8_integer_path(const ConvGeometry& shape, const float* input, const float* pad,
                             const Tensor* weight, Int8PackedWeights* cache, const Int8OutputStage& stage,
                             float* out);
