@@ -24,6 +24,8 @@ enum class ScratchSlot {
   kPadCodes,
   kInputCopy,
   kOutputCopy,
+  kRecompute,
+  kPixelStats,
   kCount
 };
 void* scratch_bytes(ScratchSlot slot, size_t bytes);
