@@ -80,9 +80,21 @@ template <typename T>
 void gather_rows(const ConvGeometry& s, const T* image, const T* pad, int first, int len, int depth_padded,
                  T* rows) {
   const int depth = (s.kernel_h * s.kernel_w) * s.in_c;
+  // Inside the image, the taps of one kernel row are one run of the input row.
+  const int run = s.kernel_w * s.in_c;
   for (int j = 0; j < len; ++j) {
     const int oy = (first + j) / s.out_w, ox = (first + j) % s.out_w;
     T* dst = rows + static_cast<long long>(j) * depth_padded;
+    const int iy0 = oy * s.stride_h - s.pad_top, ix0 = ox * s.stride_w - s.pad_left;
+    if (s.dilation_w == 1 && iy0 >= 0 && iy0 + (s.kernel_h - 1) * s.dilation_h < s.in_h && ix0 >= 0 &&
+        ix0 + s.kernel_w <= s.in_w) {
+      for (int ky = 0; ky < s.kernel_h; ++ky, dst += run) {
+        const T* src = image + (static_cast<long long>(iy0 + ky * s.dilation_h) * s.in_w + ix0) * s.in_c;
+        std::memcpy(dst, src, sizeof(T) * run);
+      }
+      std::fill(dst, dst + (depth_padded - depth), T(0));
+      continue;
+    }
     for (int ky = 0; ky < s.kernel_h; ++ky) {
       const int iy = oy * s.stride_h - s.pad_top + ky * s.dilation_h;
       for (int kx = 0; kx < s.kernel_w; ++kx, dst += s.in_c) {
