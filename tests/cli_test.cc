@@ -521,6 +521,48 @@ TEST(CompareTest, ReadsDumpFoldersInManifestOrder) {
   EXPECT_LT(swapped.out.find(" z "), swapped.out.find(" a "));
 }
 
+// The chip's raw files carry no manifest: the host's describes them. Signed codes -1 and 127
+// against -2 and 124: one code off by one, one by three.
+TEST(CompareTest, ReadsTheChipsBinFilesWithTheHostManifest) {
+  TempDir host, chip, out;
+  spit(host.file("manifest.tsv"), "0\tq.bin\tq\t1x2x2\tint8\t8\tZ40Quantize\n");
+  spit(host.file("q.bin"), std::string("\xff\x01\x80\x7f", 4));
+  spit(chip.file("q.bin"), std::string("\xfe\x01\x80\x7c", 4));
+  const std::string both = "compare " + host.path() + " " + chip.path();
+  Result r = kovra(both + " --manifest " + host.file("manifest.tsv") + " --per-channel q --csv " +
+                   out.file("d.csv"));
+  EXPECT_EQ(r.code, 1) << r.out;
+  CompareRow row;
+  ASSERT_TRUE(row_of(r.out, "q", row)) << r.out;
+  EXPECT_EQ(row.max_abs, 3);
+  EXPECT_EQ(row.mean_abs, 1);
+  EXPECT_EQ(row.worst, "(0,1,1)=127/124");
+  EXPECT_NE(r.out.find("codes: 2 differ (1: 1, 2: 0, more: 1)  <-- first divergence"), std::string::npos);
+  ASSERT_TRUE(row_of(r.out, "q[c0]", row)) << r.out;  // channel 0: codes -1, 0x80 against -2, 0x80
+  EXPECT_EQ(row.worst, "(0,0,0)=-1/-2");
+  EXPECT_EQ(slurp(out.file("d.csv")).substr(0, 12), "name,channel");
+  // Records on stdout replace the table.
+  r = kovra(both + " --manifest " + host.file("manifest.tsv") + " --json -");
+  EXPECT_EQ(r.out.compare(0, 13, "{\"tensors\": ["), 0) << r.out;
+  EXPECT_NE(r.out.find("\"first_divergence\": \"q\"}"), std::string::npos) << r.out;
+
+  const struct {
+    std::string options, line;
+  } errors[] = {
+      {"", "no tensor is present in both '{dir}' and '{b}'"},
+      {" --manifest {dir}/manifest.tsv --per-channel p", "--per-channel: no tensor 'p' in both folders"},
+      {" --manifest {dir}/manifest.tsv --json {dir}/no/d.json", "cannot write '{dir}/no/d.json'"},
+  };
+  for (const auto& e : errors) {
+    r = kovra(both + substitute(e.options, host.path()));
+    EXPECT_EQ(r.code, 2);
+    std::string line = "kovra compare: " + substitute(e.line, host.path());
+    const size_t at = line.find("{b}");
+    if (at != std::string::npos) line.replace(at, 3, chip.path());
+    EXPECT_TRUE(has_line(r.out, line)) << r.out;
+  }
+}
+
 TEST(CompareTest, BrokenFoldersFailWithOneLine) {
   TempDir good;
   write_floats(good.file("t.npy"), {2}, {1, 2});

@@ -1,8 +1,9 @@
 #include "args_parser.h"
 
-#include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <iostream>
+
+#include <CLI/CLI.hpp>
 
 namespace kovra {
 namespace trenkit {
@@ -59,8 +60,8 @@ ArgsParser::ArgsParser() : impl_(new Impl) {
   app.footer("Run 'kovra COMMAND --help' for the options of one command.");
   const std::vector<std::string> formats(std::begin(kFormats), std::end(kFormats));
 
-  CLI::App* run = impl_->run =
-      app.add_subcommand("run", "execute kovra model on input files; print, save, dump and time its outputs");
+  CLI::App* run = impl_->run = app.add_subcommand(
+      "run", "execute kovra model on input files; print, save, dump and time its outputs");
   run->add_option("model", run_.model, "model file")->required();
   run->add_option("--format", run_.format, "model file format (auto decides from the file)")
       ->check(CLI::IsMember(formats));
@@ -72,12 +73,15 @@ ArgsParser::ArgsParser() : impl_(new Impl) {
   run->add_option("--output", run_.output, "end node (default: every node without consumers)");
   run->add_option("--start", raw_starts_, "start nodes, comma separated (default: graph inputs)")
       ->type_name("NODE,...");
-  run->add_option("--out-dir", run_.out_dir, "write each output to DIR/<name>.npy")->type_name("DIR");
-  run->add_option("--dump", run_.dump_dir, "dump every computed tensor into DIR")->type_name("DIR");
+  run->add_option("--out-dir", run_.out_dir, "write each output to DIR/<name>.npy")
+      ->type_name("DIR");
+  run->add_option("--dump", run_.dump_dir, "dump every computed tensor into DIR")
+      ->type_name("DIR");
   run->add_flag("--inplace", run_.inplace, "free intermediate tensors as soon as possible");
-  impl_->repeat = run->add_option("--repeat", run_.repeat, "run N times and print a time profile")
-                      ->check(CLI::Range(1, 1000000))
-                      ->type_name("N");
+  impl_->repeat =
+      run->add_option("--repeat", run_.repeat, "run N times and print a time profile")
+          ->check(CLI::Range(1, 1000000))
+          ->type_name("N");
   run->add_option("--trace", run_.trace, "write the per-node timeline as Chrome trace JSON")
       ->type_name("FILE");
   run->add_option("--threads", run_.threads, "worker threads of the convolutions")
@@ -89,10 +93,9 @@ ArgsParser::ArgsParser() : impl_(new Impl) {
       "check", "report every problem and warning of a model without running it; exit 1 on problems");
   check->add_option("model", check_.model, "model file")->required();
   check->add_option("--format", check_.format, "model file format")->check(CLI::IsMember(formats));
-  check
-      ->add_option("-s,--shape", raw_shapes_,
-                   "shape of a fed tensor, NAME=DIMS (DIMS like 1x224x224x3): infer and print every "
-                   "node's output shape; repeat for several inputs")
+  check->add_option("-s,--shape", raw_shapes_,
+                    "shape of a fed tensor, NAME=DIMS (DIMS like 1x224x224x3): infer and print every "
+                    "node's output shape; repeat for several inputs")
       ->allow_extra_args(false)
       ->type_name("NAME=DIMS");
 
@@ -122,8 +125,8 @@ ArgsParser::ArgsParser() : impl_(new Impl) {
   unprotect->add_option("in", cipher_.in, "protected model file")->required();
   unprotect->add_option("out", cipher_.out, "binary model file to write")->required();
 
-  CLI::App* compare = impl_->compare =
-      app.add_subcommand("compare", "compare two tensor folders (dumps or .npy files) tensor by tensor");
+  CLI::App* compare = impl_->compare = app.add_subcommand(
+      "compare", "compare two tensor folders (dumps or .npy files) tensor by tensor");
   compare->add_option("A", compare_.a, "folder under test")->required();
   compare->add_option("B", compare_.b, "reference folder")->required();
   compare->add_option("--rtol", compare_.rtol, "relative tolerance")->check(kTolerance);

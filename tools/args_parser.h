@@ -1,12 +1,12 @@
 #ifndef KOVRA_TOOLS_ARGS_PARSER_H_
 #define KOVRA_TOOLS_ARGS_PARSER_H_
 
-#include <kovraexecutor/input_loader.h>
-
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <kovraexecutor/input_loader.h>
 
 namespace kovra {
 namespace trenkit {
@@ -24,7 +24,7 @@ struct RunOptions {
   int repeat = 1;
   bool profile = false;  // --repeat was given
   std::string trace;
-  int threads = 0;     // 0: leave the library's default
+  int threads = 0;  // 0: leave the library's default
   bool quiet = false;  // no banner and no log lines
 };
 

@@ -1,11 +1,13 @@
-#include <kovraexecutor/compare.h>
-#include <kovraexecutor/input_loader.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
+
+#include <kovraexecutor/compare.h>
+#include <kovraexecutor/input_loader.h>
 
 #include "commands.h"
 
@@ -87,7 +89,10 @@ int cmd_compare(const CompareOptions& options) {
   const bool table = options.json != "-" && options.csv != "-";
   if (table) {
     int width = 6;
-    for (const TensorDiff& d : report.tensors) width = std::max(width, static_cast<int>(d.name.size()));
+    for (const TensorDiff& d : report.tensors) {
+      const size_t channel_width = d.channels.empty() ? 0 : 4 + std::to_string(d.channels.size()).size();
+      width = std::max(width, static_cast<int>(d.name.size() + channel_width));
+    }
     std::printf("comparing %s (under test) with %s (reference), rtol=%g atol=%g\n", options.a.c_str(),
                 options.b.c_str(), options.rtol, options.atol);
     std::printf("%4s  %-*s %-14s %12s %12s %12s %10s %9s %16s  %-24s %s\n", "#", width, "tensor", "shape",
@@ -106,7 +111,7 @@ int cmd_compare(const CompareOptions& options) {
       }
       print_row(std::to_string(i), d.name, width, d, note);
       for (size_t c = 0; c < d.channels.size(); ++c) {
-        print_row("", "  c" + std::to_string(c), width, d.channels[c], "");
+        print_row("-", d.name + "[c" + std::to_string(c) + "]", width, d.channels[c], "");
       }
     }
     std::printf("%zu tensor(s) compared, %d out of tolerance", report.tensors.size(), report.failed);
