@@ -45,7 +45,8 @@ TensorDiff diff_strided(const std::vector<float>& a, const std::vector<float>& b
       worst_diff = diff;
       worst = i;
     }
-    if (!(diff <= atol + rtol * std::fabs(y)) && diff != 0) ++d.mismatches;
+    // An infinite difference is never within a tolerance that scales with an infinite reference.
+    if (diff != 0 && (std::isinf(diff) || !(diff <= atol + rtol * std::fabs(y)))) ++d.mismatches;
     sum_abs += diff;
     sum_sq += diff * diff;
     if (codes && diff != 0) {

@@ -27,6 +27,7 @@ using kovra::trenkit::kovraexecutor::TensorDiff;
 
 const float kNan = std::numeric_limits<float>::quiet_NaN();
 const double kInf = std::numeric_limits<double>::infinity();
+const float kInfF = std::numeric_limits<float>::infinity();
 
 std::string slurp_file(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
@@ -114,6 +115,9 @@ TEST(CompareTest, StatisticsOfHandWorkedPairs) {
        0,
        0,
        0,
+       0},
+      // An infinite reference does not stretch the tolerance to cover any value.
+      {"inf reference", {5, 1}, {kInfF, 1}, {2}, false, "mismatch", 1, kInf, kInf, kInf, NAN, NAN, {0}, 0, 0, 0,
        0},
       {"nan both", {kNan, 2}, {kNan, 2}, {2}, false, "ok", 0, 0, 0, 0, 1, kInf, {0}, 0, 0, 0, 0},
       // Codes -1,0,5,10 against 0,0,3,4: differences 1,0,2,6; the worst is the last, at (1,1).
