@@ -1,16 +1,15 @@
-#include "kovraexecutor/compare.h"
-
-#include <google/protobuf/struct.pb.h>
-#include <google/protobuf/util/json_util.h>
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <fstream>
 #include <limits>
 
+#include <google/protobuf/struct.pb.h>
+#include <google/protobuf/util/json_util.h>
+#include <gtest/gtest.h>
+
 #include "graph_executor.h"
+#include "kovraexecutor/compare.h"
 #include "kovraexecutor/npy.h"
 #include "support/test_ops.h"
 #include "support/test_util.h"
@@ -62,82 +61,24 @@ TEST(CompareTest, StatisticsOfHandWorkedPairs) {
     std::vector<int> worst;
     size_t differ, d1, d2, more;
   } cases[] = {
+      // clang-format off
       // |d| = 0,0,0,.5: mean .125, rmse sqrt(.25/4), SQNR 10 log10(34.25/.25).
-      {"floats",
-       {1, 2, 3, 4},
-       {1, 2, 3, 4.5f},
-       {4},
-       false,
-       "mismatch",
-       1,
-       0.5,
-       0.125,
-       0.25,
-       32 / (std::sqrt(30.0) * std::sqrt(34.25)),
-       21.3672,
-       {3},
-       0,
-       0,
-       0,
-       0},
+      {"floats", {1, 2, 3, 4}, {1, 2, 3, 4.5f}, {4}, false, "mismatch", 1, 0.5, 0.125, 0.25,
+       32 / (std::sqrt(30.0) * std::sqrt(34.25)), 21.3672, {3}, 0, 0, 0, 0},
       {"equal", {0, -1}, {0, -1}, {1, 2}, false, "ok", 0, 0, 0, 0, 1, kInf, {0, 0}, 0, 0, 0, 0},
-      {"zero reference",
-       {1, 0},
-       {0, 0},
-       {2},
-       false,
-       "mismatch",
-       1,
-       1,
-       0.5,
-       std::sqrt(0.5),
-       0,
-       -kInf,
-       {0},
-       0,
-       0,
-       0,
-       0},
+      {"zero reference", {1, 0}, {0, 0}, {2}, false, "mismatch", 1, 1, 0.5, std::sqrt(0.5), 0, -kInf, {0},
+       0, 0, 0, 0},
       // NaN against a number is as far apart as can be; NaN against NaN is equal.
-      {"nan apart",
-       {2, kNan},
-       {2, 7},
-       {2},
-       false,
-       "mismatch",
-       1,
-       kInf,
-       kInf,
-       kInf,
-       NAN,
-       -kInf,
-       {1},
-       0,
-       0,
-       0,
-       0},
+      {"nan apart", {2, kNan}, {2, 7}, {2}, false, "mismatch", 1, kInf, kInf, kInf, NAN, -kInf, {1},
+       0, 0, 0, 0},
       // An infinite reference does not stretch the tolerance to cover any value.
-      {"inf reference", {5, 1}, {kInfF, 1}, {2}, false, "mismatch", 1, kInf, kInf, kInf, NAN, NAN, {0}, 0, 0, 0,
-       0},
+      {"inf reference", {5, 1}, {kInfF, 1}, {2}, false, "mismatch", 1, kInf, kInf, kInf, NAN, NAN, {0},
+       0, 0, 0, 0},
       {"nan both", {kNan, 2}, {kNan, 2}, {2}, false, "ok", 0, 0, 0, 0, 1, kInf, {0}, 0, 0, 0, 0},
       // Codes -1,0,5,10 against 0,0,3,4: differences 1,0,2,6; the worst is the last, at (1,1).
-      {"codes",
-       {-1, 0, 5, 10},
-       {0, 0, 3, 4},
-       {2, 2},
-       true,
-       "mismatch",
-       3,
-       6,
-       2.25,
-       std::sqrt(41.0 / 4),
-       (-0.0 + 15 + 40) / (std::sqrt(126.0) * 5),
-       10 * std::log10(25 / 41.0),
-       {1, 1},
-       3,
-       1,
-       1,
-       1},
+      {"codes", {-1, 0, 5, 10}, {0, 0, 3, 4}, {2, 2}, true, "mismatch", 3, 6, 2.25, std::sqrt(41.0 / 4),
+       55 / (std::sqrt(126.0) * 5), 10 * std::log10(25 / 41.0), {1, 1}, 3, 1, 1, 1},
+      // clang-format on
   };
   for (const auto& c : cases) {
     const TensorDiff d = kovra::trenkit::kovraexecutor::diff_values(c.a, c.b, c.shape, c.codes, 1e-5, 1e-6);
@@ -163,22 +104,23 @@ TEST(CompareTest, StatisticsOfHandWorkedPairs) {
   }
 }
 
-std::string width_node(const std::string& name, int bitwidth, int min_value) {
+// `min_value` is the attribute's value text ("i: -128", "f: -1"), empty for none.
+std::string width_node(const std::string& name, int bitwidth, const std::string& min_value) {
+  const std::string min_attr =
+      min_value.empty() ? "" : " attr { key: \"minValue\" value { " + min_value + " } }";
   return "node { name: \"" + name +
-         "\" op: \"TestSum\" input: \"input\" attr { key: \"output_bitwidth\" "
-         "value { i: " +
-         std::to_string(bitwidth) + " } } attr { key: \"minValue\" value { i: " + std::to_string(min_value) +
-         " } } }";
+         "\" op: \"TestSum\" input: \"input\" attr { key: \"output_bitwidth\" value { i: " +
+         std::to_string(bitwidth) + " } }" + min_attr + " }";
 }
 
 // Signed codes are stored wrapped, as the chip keeps them, and come back negative; nodes whose
 // names sanitise alike keep their own files.
 TEST(CompareTest, DumpsReadBackAsTheNodesValues) {
   TempDir dir;
-  GraphDef graph =
-      parse_text_graph("node { name: \"input\" op: \"TestSum\" } " + width_node("s8", 8, -128) +
-                       width_node("u8", 8, 0) + width_node("s16", 16, -32768) + width_node("s4", 4, -8) +
-                       width_node("x/y", 32, 0) + width_node("x_y", 8, -128) + width_node("x:y", 16, 0));
+  GraphDef graph = parse_text_graph(
+      "node { name: \"input\" op: \"TestSum\" } " + width_node("s8", 8, "i: -128") +
+      width_node("u8", 8, "i: 0") + width_node("s16", 16, "i: -32768") + width_node("s4", 4, "i: -8") +
+      width_node("x/y", 32, "i: 0") + width_node("x_y", 8, "f: -1") + width_node("x:y", 16, ""));
   GraphExecutor executor(&graph, CPU);
   executor.set_dump_folder(dir.path());
   Tensor x = make_tensor({1, 5}, {-1, 7, -128, 0, -8});
