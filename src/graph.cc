@@ -328,7 +328,8 @@ void Graph::_run_now(NodePlan* plan) {
     observed_ns_ = end;
   }
   if (tensor_dump_.enabled()) {
-    tensor_dump_(node->output_tensor(), node->output_bitwidth(), node->is_input());
+    tensor_dump_(node->output_tensor(), node->output_bitwidth(), node->is_input(), node->op_type(),
+                 node->output_signed());
     // Writing files is not the next node's time.
     if (observer_ != nullptr) observed_ns_ = now_ns();
   }

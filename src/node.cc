@@ -81,6 +81,10 @@ void Node::parse_parameter(const NodeDef& node_def) {
   if (output_bitwidth_ == -1) {
     set_output_bitwidth(bitwidth_from_attributes(node_def, name_, op_type_));
   }
+  AttrValue min_value;
+  set_output_signed(get_attr_value(node_def, "minValue", min_value) &&
+                    ((min_value.value_case() == AttrValue::kI && min_value.i() < 0) ||
+                     (min_value.value_case() == AttrValue::kF && min_value.f() < 0)));
   if (op_ != nullptr) op_->parse_parameter(node_def);
 }
 

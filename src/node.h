@@ -57,6 +57,10 @@ class Node {
   void set_param_update(bool v) { param_update_ = v; }
   int output_bitwidth() const { return output_bitwidth_; }
   void set_output_bitwidth(int v) { output_bitwidth_ = v; }
+  // Whether the output codes can be negative (a negative "minValue"): dumps
+  // record it so a reader turns wrapped bytes back into the node's codes.
+  bool output_signed() const { return output_signed_; }
+  void set_output_signed(bool v) { output_signed_ = v; }
   const std::string& real_input_name() const { return real_input_name_; }
   void set_real_input_name(const std::string& name) { real_input_name_ = name; }
   int pending_consumers() const { return pending_consumers_; }
@@ -101,6 +105,7 @@ class Node {
   bool const_op_ = false;
   uint64_t structure_version_ = 0;
   int output_bitwidth_ = -1;
+  bool output_signed_ = false;
   std::string real_input_name_;
   const Graph* owner_ = nullptr;
   // Under the owner's activation pool: the buffer the output borrows, and the

@@ -58,13 +58,13 @@ TensorDump::TensorDump() {
 void TensorDump::enable(const std::string& folder) {
   enabled_ = true;
   folder_ = folder;
-  manifest_started_ = false;
-  order_ = 0;
+  begin_run();
 }
 
 void TensorDump::begin_run() {
   manifest_started_ = false;
   order_ = 0;
+  files_.clear();
 }
 
 std::string TensorDump::sanitize(const std::string& name) {
@@ -83,7 +83,8 @@ bool TensorDump::_ensure_folder() {
   return false;
 }
 
-void TensorDump::operator()(const Tensor* tensor, int bitwidth, bool is_input) {
+void TensorDump::operator()(const Tensor* tensor, int bitwidth, bool is_input, const std::string& op_type,
+                            bool is_signed) {
   (void)is_input;
   if (!enabled_ || tensor == nullptr) return;
   if (bitwidth < 4 || bitwidth > 32) {
@@ -96,25 +97,28 @@ void TensorDump::operator()(const Tensor* tensor, int bitwidth, bool is_input) {
     return;
   }
   if (!_ensure_folder()) return;
-  const std::string file_name = sanitize(tensor->name()) + ".bin";
+  const std::string stem = sanitize(tensor->name());
+  std::string file_name = stem + ".bin";
+  // '~' never survives sanitising, so a suffixed name cannot collide either.
+  for (int n = 1; !files_.insert(file_name).second; ++n) file_name = stem + "~" + std::to_string(n) + ".bin";
   const std::string path = folder_ + "/" + file_name;
   const float* values = tensor->data<float>();
   const int count = tensor->size();
   std::vector<unsigned char> bytes;
   const char* stored = "float32";
   if (bitwidth == 4) {
-    stored = "uint4x2";
+    stored = is_signed ? "int4x2" : "uint4x2";
     bytes.assign(static_cast<size_t>((count + 1) / 2), 0);
     for (int i = 0; i < count; ++i) {
       const unsigned nibble = to_code(values[i]) & 0xfu;
       bytes[i / 2] |= static_cast<unsigned char>(i % 2 == 0 ? nibble << 4 : nibble);
     }
   } else if (bitwidth <= 8) {
-    stored = "uint8";
+    stored = is_signed ? "int8" : "uint8";
     bytes.resize(static_cast<size_t>(count));
     for (int i = 0; i < count; ++i) bytes[i] = static_cast<unsigned char>(to_code(values[i]));
   } else if (bitwidth <= 16) {
-    stored = "uint16";
+    stored = is_signed ? "int16" : "uint16";
     bytes.resize(static_cast<size_t>(count) * 2);
     for (int i = 0; i < count; ++i) {
       const uint32_t code = to_code(values[i]);
@@ -141,12 +145,15 @@ void TensorDump::operator()(const Tensor* tensor, int bitwidth, bool is_input) {
     print_error("Open file" + manifest_path + " failed!!!!");
     return;
   }
-  if (!manifest_started_) manifest << "# order\tfile\tname\tshape\tdtype\tbitwidth\n";
+  if (!manifest_started_) manifest << "# order\tfile\tname\tshape\tdtype\tbitwidth\top\n";
   manifest_started_ = true;
-  std::string name = tensor->name();
-  for (char& c : name) c = (c == '\t' || c == '\n' || c == '\r') ? ' ' : c;
-  manifest << order_++ << '\t' << file_name << '\t' << name << '\t'
-           << shape_text(tensor->shape(), "x") << '\t' << stored << '\t' << bitwidth << '\n';
+  auto one_field = [](std::string text) {
+    for (char& c : text) c = (c == '\t' || c == '\n' || c == '\r') ? ' ' : c;
+    return text;
+  };
+  manifest << order_++ << '\t' << file_name << '\t' << one_field(tensor->name()) << '\t'
+           << shape_text(tensor->shape(), "x") << '\t' << stored << '\t' << bitwidth << '\t'
+           << one_field(op_type) << '\n';
 }
 
 }  // namespace kovraexecutor

@@ -286,6 +286,8 @@ const BadCase kBadCases[] = {
      "kovra compare: no tensor is present in both '{dir}/sub' and '{dir}'"},
     {"CompareNegativeTolerance", "compare {dir} {dir} --rtol -1", 2,
      "kovra compare: --rtol: '-1' is not a number >= 0 (see 'kovra compare --help')"},
+    {"CompareMissingManifest", "compare {dir}/sub {dir} --manifest {dir}/none.tsv", 2,
+     "kovra compare: cannot read manifest '{dir}/none.tsv'"},
     {"CompareMissingFolder", "compare {dir}", 2, "kovra compare: B is required (see 'kovra compare --help')"},
 };
 
@@ -415,8 +417,8 @@ node { name: "big" op: "Z40Frob" input: "qconv" input: "ghost"
 // ---- compare -----------------------------------------------------------------------------
 
 struct CompareRow {
-  double max_abs, max_rel, cosine;
-  std::string mismatches, verdict;
+  double max_abs, mean_abs, rmse, cosine, sqnr_db;
+  std::string mismatches, worst, verdict;
 };
 
 // Reads the row of `tensor` from compare's table.
@@ -425,14 +427,14 @@ bool row_of(const std::string& out, const std::string& tensor, CompareRow& row) 
   std::string l;
   while (std::getline(lines, l)) {
     std::istringstream fields(l);
-    std::string index, name, shape, max_abs, max_rel, cosine;
+    std::string index, name, shape, number[5];
     fields >> index >> name >> shape;
     if (name != tensor) continue;
-    // strtod, unlike a stream, reads "inf".
-    fields >> max_abs >> max_rel >> row.mismatches >> cosine >> row.verdict;
-    row.max_abs = std::strtod(max_abs.c_str(), nullptr);
-    row.max_rel = std::strtod(max_rel.c_str(), nullptr);
-    row.cosine = std::strtod(cosine.c_str(), nullptr);
+    fields >> number[0] >> number[1] >> number[2] >> number[3] >> number[4] >> row.mismatches >> row.worst >>
+        row.verdict;
+    // strtod, unlike a stream, reads "inf" and "nan".
+    double* const targets[] = {&row.max_abs, &row.mean_abs, &row.rmse, &row.cosine, &row.sqnr_db};
+    for (int k = 0; k < 5; ++k) *targets[k] = std::strtod(number[k].c_str(), nullptr);
     return true;
   }
   return false;
@@ -452,17 +454,20 @@ TEST(CompareTest, ReportsDifferencesOfNpyFolders) {
   CompareRow row;
   ASSERT_TRUE(row_of(r.out, "x", row)) << r.out;
   EXPECT_DOUBLE_EQ(row.max_abs, 0.5);
-  EXPECT_NEAR(row.max_rel, 0.5 / 4.5, 1e-6);
-  EXPECT_EQ(row.mismatches, "1/4");
+  EXPECT_DOUBLE_EQ(row.mean_abs, 0.125);
+  EXPECT_DOUBLE_EQ(row.rmse, 0.25);  // sqrt(0.5^2 / 4)
   EXPECT_NEAR(row.cosine, 32.0 / (std::sqrt(30.0) * std::sqrt(34.25)), 1e-6);
+  EXPECT_NEAR(row.sqnr_db, 21.37, 0.005);  // 10 log10(34.25 / 0.25)
+  EXPECT_EQ(row.mismatches, "1/4");
+  EXPECT_EQ(row.worst, "(3)=4/4.5");
   EXPECT_EQ(row.verdict, "MISMATCH");
   ASSERT_TRUE(row_of(r.out, "same", row));
   EXPECT_EQ(row.max_abs, 0.0);
   EXPECT_EQ(row.cosine, 1.0);
   EXPECT_EQ(row.verdict, "ok");
-  // A reference of zeros: relative difference infinite, cosine 0.
+  // A reference of zeros: no signal, SQNR -inf, cosine 0.
   ASSERT_TRUE(row_of(r.out, "zero", row));
-  EXPECT_TRUE(std::isinf(row.max_rel));
+  EXPECT_TRUE(std::isinf(row.sqnr_db) && row.sqnr_db < 0);
   EXPECT_EQ(row.cosine, 0.0);
   // Without a manifest the order is by name: same, x, zero.
   EXPECT_NE(line_starting(r.out, "   1  x ").find("<-- first divergence"), std::string::npos) << r.out;
@@ -506,13 +511,56 @@ TEST(CompareTest, ReadsDumpFoldersInManifestOrder) {
   write_floats(ref.file("f.npy"), {1}, {-0.75f});
   const Result r = kovra("compare " + dump.path() + " " + ref.path() + " --rtol 0 --atol 0");
   EXPECT_EQ(r.code, 0) << r.out;
-  EXPECT_LT(r.out.find(" z "), r.out.find(" m_1 "));
-  EXPECT_LT(r.out.find(" m_1 "), r.out.find(" a "));
+  // Rows name the node; the .npy file of "m:1" pairs through its sanitised name.
+  EXPECT_LT(r.out.find(" z "), r.out.find(" m:1 "));
+  EXPECT_LT(r.out.find(" m:1 "), r.out.find(" a "));
   EXPECT_TRUE(has_line(r.out, "4 tensor(s) compared, 0 out of tolerance")) << r.out;
   // The manifest of the reference gives the order when the tested folder has none.
   const Result swapped = kovra("compare " + ref.path() + " " + dump.path());
   EXPECT_EQ(swapped.code, 0) << swapped.out;
   EXPECT_LT(swapped.out.find(" z "), swapped.out.find(" a "));
+}
+
+// The chip's raw files carry no manifest: the host's describes them. Signed codes -1 and 127
+// against -2 and 124: one code off by one, one by three.
+TEST(CompareTest, ReadsTheChipsBinFilesWithTheHostManifest) {
+  TempDir host, chip, out;
+  spit(host.file("manifest.tsv"), "0\tq.bin\tq\t1x2x2\tint8\t8\tZ40Quantize\n");
+  spit(host.file("q.bin"), std::string("\xff\x01\x80\x7f", 4));
+  spit(chip.file("q.bin"), std::string("\xfe\x01\x80\x7c", 4));
+  const std::string both = "compare " + host.path() + " " + chip.path();
+  Result r = kovra(both + " --manifest " + host.file("manifest.tsv") + " --per-channel q --csv " +
+                   out.file("d.csv"));
+  EXPECT_EQ(r.code, 1) << r.out;
+  CompareRow row;
+  ASSERT_TRUE(row_of(r.out, "q", row)) << r.out;
+  EXPECT_EQ(row.max_abs, 3);
+  EXPECT_EQ(row.mean_abs, 1);
+  EXPECT_EQ(row.worst, "(0,1,1)=127/124");
+  EXPECT_NE(r.out.find("codes: 2 differ (1: 1, 2: 0, more: 1)  <-- first divergence"), std::string::npos);
+  ASSERT_TRUE(row_of(r.out, "q[c0]", row)) << r.out;  // channel 0: codes -1, 0x80 against -2, 0x80
+  EXPECT_EQ(row.worst, "(0,0,0)=-1/-2");
+  EXPECT_EQ(slurp(out.file("d.csv")).substr(0, 12), "name,channel");
+  // Records on stdout replace the table.
+  r = kovra(both + " --manifest " + host.file("manifest.tsv") + " --json -");
+  EXPECT_EQ(r.out.compare(0, 13, "{\"tensors\": ["), 0) << r.out;
+  EXPECT_NE(r.out.find("\"first_divergence\": \"q\"}"), std::string::npos) << r.out;
+
+  const struct {
+    std::string options, line;
+  } errors[] = {
+      {"", "no tensor is present in both '{dir}' and '{b}'"},
+      {" --manifest {dir}/manifest.tsv --per-channel p", "--per-channel: no tensor 'p' in both folders"},
+      {" --manifest {dir}/manifest.tsv --json {dir}/no/d.json", "cannot write '{dir}/no/d.json'"},
+  };
+  for (const auto& e : errors) {
+    r = kovra(both + substitute(e.options, host.path()));
+    EXPECT_EQ(r.code, 2);
+    std::string line = "kovra compare: " + substitute(e.line, host.path());
+    const size_t at = line.find("{b}");
+    if (at != std::string::npos) line.replace(at, 3, chip.path());
+    EXPECT_TRUE(has_line(r.out, line)) << r.out;
+  }
 }
 
 TEST(CompareTest, BrokenFoldersFailWithOneLine) {
@@ -544,7 +592,7 @@ TEST(CompareTest, BrokenFoldersFailWithOneLine) {
     if (c.code == 2) {
       EXPECT_TRUE(has_line(r.out, substitute(c.line, broken.path()))) << r.out;
     } else {
-      EXPECT_NE(r.out.find("DIFFERENT SIZE 1x3 vs 2  <-- first divergence"), std::string::npos) << r.out;
+      EXPECT_NE(r.out.find("SHAPE 1x3 vs 2  <-- first divergence"), std::string::npos) << r.out;
     }
   }
 }
@@ -688,13 +736,14 @@ TEST_P(ExampleTest, ObservingTheRunNeverChangesAnOutput) {
 
   const std::string manifest = slurp(dir.file("a/manifest.tsv"));
   const std::vector<std::string> manifest_lines =
-      is_float ? std::vector<std::string>{"0\tconv1.bin\tconv1\t1x10x10x8\tfloat32\t32",
-                                          "1\tpool1.bin\tpool1\t1x5x5x8\tfloat32\t32",
-                                          "2\tlogits_conv.bin\tlogits/conv\t1x3x3x4\tfloat32\t32"}
+      is_float ? std::vector<std::string>{"0\tconv1.bin\tconv1\t1x10x10x8\tfloat32\t32\tZ40Conv2D",
+                                          "1\tpool1.bin\tpool1\t1x5x5x8\tfloat32\t32\tZ40MaxPool",
+                                          "2\tlogits_conv.bin\tlogits/conv\t1x3x3x4\tfloat32\t32\tZ40Conv2D"}
                : std::vector<std::string>{
-                     "0\tquantize.bin\tquantize\t1x12x12x3\tuint8\t8",
-                     "1\tconv1.bin\tconv1\t1x10x10x8\tuint8\t8", "2\tconv2.bin\tconv2\t1x4x4x4\tuint8\t8",
-                     "3\toutput_dequantize.bin\toutput/dequantize\t1x4x4x4\tfloat32\t32"};
+                     "0\tquantize.bin\tquantize\t1x12x12x3\tint8\t8\tZ40Quantize",
+                     "1\tconv1.bin\tconv1\t1x10x10x8\tuint8\t8\tZ40Conv2DInt8",
+                     "2\tconv2.bin\tconv2\t1x4x4x4\tint8\t8\tZ40Conv2DInt8",
+                     "3\toutput_dequantize.bin\toutput/dequantize\t1x4x4x4\tfloat32\t32\tZ40Dequantize"};
   for (const std::string& line : manifest_lines)
     EXPECT_TRUE(has_line(manifest, line)) << line << "\n" << manifest;
   // The last dump holds exactly the values written to --out-dir.
@@ -728,6 +777,16 @@ TEST_P(ExampleTest, ObservingTheRunNeverChangesAnOutput) {
   EXPECT_EQ(row.verdict, "MISMATCH");
   EXPECT_EQ(row.mismatches.substr(0, 2), "1/");
   EXPECT_TRUE(has_line(r.out, "first divergence: " + second)) << r.out;
+
+  // A node's dump matches the same run's --out-dir file exactly: conv2's negative codes
+  // (stored wrapped) read back negative.
+  const std::string end = is_float ? "pool1" : "conv2";
+  ASSERT_EQ(kovra(base + dir.file("o") + " --output " + end + " --dump " + dir.file("d")).code, 0);
+  r = kovra("compare " + dir.file("d") + " " + dir.file("o") + " --rtol 0 --atol 0");
+  EXPECT_EQ(r.code, 0) << r.out;
+  EXPECT_TRUE(has_line(r.out, "1 tensor(s) compared, 0 out of tolerance; " + std::to_string(is_float ? 1 : 2) +
+                                  " only in " + dir.file("d") + ", 0 only in " + dir.file("o")))
+      << r.out;
 }
 
 TEST_P(ExampleTest, OutputAndStartNodesSelectAPartOfTheGraph) {

@@ -81,12 +81,12 @@ TEST(TensorDumpTest, WritesEveryTensorByBitWidthWithAManifest) {
   std::vector<std::string> lines;
   for (std::string line; std::getline(manifest, line);) lines.push_back(line);
   ASSERT_EQ(lines.size(), 6u);
-  EXPECT_EQ(lines[0], "# order\tfile\tname\tshape\tdtype\tbitwidth");
-  EXPECT_EQ(lines[1], "0\tinput.bin\tinput\t1x5\tfloat32\t32");
-  EXPECT_EQ(lines[2], "1\tf_32.bin\tf/32\t1x5\tfloat32\t32");
-  EXPECT_EQ(lines[3], "2\tu8.bin\tu8\t1x5\tuint8\t8");
-  EXPECT_EQ(lines[4], "3\tu16.bin\tu16\t1x5\tuint16\t16");
-  EXPECT_EQ(lines[5], "4\tu4.bin\tu4\t1x5\tuint4x2\t4");
+  EXPECT_EQ(lines[0], "# order\tfile\tname\tshape\tdtype\tbitwidth\top");
+  EXPECT_EQ(lines[1], "0\tinput.bin\tinput\t1x5\tfloat32\t32\tTestSum");
+  EXPECT_EQ(lines[2], "1\tf_32.bin\tf/32\t1x5\tfloat32\t32\tTestSum");
+  EXPECT_EQ(lines[3], "2\tu8.bin\tu8\t1x5\tuint8\t8\tTestSum");
+  EXPECT_EQ(lines[4], "3\tu16.bin\tu16\t1x5\tuint16\t16\tTestSum");
+  EXPECT_EQ(lines[5], "4\tu4.bin\tu4\t1x5\tuint4x2\t4\tTestSum");
 
   // A second run starts a fresh manifest rather than appending to the old one.
   testing::internal::CaptureStdout();

@@ -131,6 +131,11 @@ ArgsParser::ArgsParser() : impl_(new Impl) {
   compare->add_option("B", compare_.b, "reference folder")->required();
   compare->add_option("--rtol", compare_.rtol, "relative tolerance")->check(kTolerance);
   compare->add_option("--atol", compare_.atol, "absolute tolerance")->check(kTolerance);
+  compare->add_option("--manifest", compare_.manifest,
+                      "manifest.tsv describing a folder of raw .bin files without one");
+  compare->add_option("--per-channel", compare_.per_channel, "break this node's tensor down by channel");
+  compare->add_option("--json", compare_.json, "also write the records as JSON to this file ('-': stdout)");
+  compare->add_option("--csv", compare_.csv, "also write the records as CSV to this file ('-': stdout)");
 }
 
 ArgsParser::~ArgsParser() = default;

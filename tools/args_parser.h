@@ -61,6 +61,10 @@ struct CompareOptions {
   std::string b;
   double rtol = 1e-5;
   double atol = 1e-6;
+  std::string manifest;     // describes raw .bin files in A, B or both
+  std::string per_channel;  // node to break down by channel
+  std::string json;         // file for the JSON records, "-" for stdout
+  std::string csv;          // file for the CSV records, "-" for stdout
 };
 
 // Command-line front end of the kovra tool: subcommands run, check, inspect,

@@ -1,125 +1,137 @@
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <limits>
-#include <map>
+#include <fstream>
+#include <iostream>
 
+#include <kovraexecutor/compare.h>
 #include <kovraexecutor/input_loader.h>
 
 #include "commands.h"
-#include "tensor_folder.h"
 
 namespace kovra_tool {
 
+using kovra::trenkit::kovraexecutor::CompareReport;
+using kovra::trenkit::kovraexecutor::CompareSettings;
 using kovra::trenkit::kovraexecutor::dims_text;
+using kovra::trenkit::kovraexecutor::TensorDiff;
 
 namespace {
 
 const char* const kWhere = "kovra compare";
 
-struct Difference {
-  double max_abs = 0.0;
-  double max_rel = 0.0;
-  size_t mismatches = 0;
-  double cosine = 1.0;
-};
+bool has_manifest(const std::string& dir) {
+  struct stat info;
+  return ::stat((dir + "/manifest.tsv").c_str(), &info) == 0;
+}
 
-// B is the reference: an element matches when |a - b| <= atol + rtol * |b|
-// (NaN matches NaN only). The relative difference of b == 0 is infinite
-// unless a is 0 too.
-Difference difference(const std::vector<float>& a, const std::vector<float>& b, double rtol,
-                      double atol) {
-  Difference d;
-  double dot = 0.0, na = 0.0, nb = 0.0;
-  for (size_t i = 0; i < a.size(); ++i) {
-    const double x = a[i], y = b[i];
-    if (std::isnan(x) || std::isnan(y)) {
-      if (!(std::isnan(x) && std::isnan(y))) ++d.mismatches;
-      continue;
-    }
-    const double diff = x == y ? 0.0 : std::fabs(x - y);
-    d.max_abs = std::max(d.max_abs, diff);
-    if (diff > 0.0) {
-      d.max_rel = std::max(d.max_rel, y != 0.0 ? diff / std::fabs(y)
-                                                : std::numeric_limits<double>::infinity());
-    }
-    if (!(diff <= atol + rtol * std::fabs(y))) ++d.mismatches;
-    dot += x * y;
-    na += x * x;
-    nb += y * y;
+std::string index_text(const std::vector<int>& index) {
+  std::string text = "(";
+  for (size_t i = 0; i < index.size(); ++i) text += (i ? "," : "") + std::to_string(index[i]);
+  return text + ")";
+}
+
+void print_row(const std::string& label, const std::string& name, int width, const TensorDiff& d,
+               const char* note) {
+  char worst[96];
+  std::snprintf(worst, sizeof worst, "%s=%.6g/%.6g", index_text(d.worst_index).c_str(), d.worst_a, d.worst_b);
+  const std::string counted = std::to_string(d.mismatches) + "/" + std::to_string(d.count);
+  std::printf("%4s  %-*s %-14s %12.6g %12.6g %12.6g %10.6f %9.2f %16s  %-24s %s", label.c_str(), width,
+              name.c_str(), dims_text(d.shape_a).c_str(), d.max_abs, d.mean_abs, d.rmse, d.cosine, d.sqnr_db,
+              counted.c_str(), worst, d.status == "ok" ? "ok" : "MISMATCH");
+  if (d.codes && d.codes_differ) {
+    std::printf("  codes: %zu differ (1: %zu, 2: %zu, more: %zu)", d.codes_differ, d.code_diff_1,
+                d.code_diff_2, d.code_diff_more);
   }
-  if (na == 0.0 && nb == 0.0) {
-    d.cosine = 1.0;
-  } else if (na == 0.0 || nb == 0.0) {
-    d.cosine = 0.0;
-  } else {
-    d.cosine = dot / (std::sqrt(na) * std::sqrt(nb));
+  std::printf("%s\n", note);
+}
+
+// Writes `text` to `path`, or to stdout for "-".
+bool write_text(const std::string& path, const std::string& text, std::string& error) {
+  if (path == "-") {
+    std::cout << text;
+    return true;
   }
-  return d;
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file << text;
+  if (!file.good()) {
+    error = "cannot write '" + path + "'";
+    return false;
+  }
+  return true;
 }
 
 }  // namespace
 
 int cmd_compare(const CompareOptions& options) {
-  std::vector<FolderTensor> a_tensors, b_tensors;
-  bool a_ordered = false, b_ordered = false;
+  CompareSettings settings;
+  settings.rtol = options.rtol;
+  settings.atol = options.atol;
+  settings.per_channel = options.per_channel;
+  // The host's manifest describes whichever folder has none of its own.
+  if (!options.manifest.empty()) {
+    if (!has_manifest(options.a)) settings.manifest_a = options.manifest;
+    if (!has_manifest(options.b)) settings.manifest_b = options.manifest;
+  }
+  CompareReport report;
   std::string error;
-  if (!scan_folder(options.a, a_tensors, a_ordered, error)) return fail(kWhere, error);
-  if (!scan_folder(options.b, b_tensors, b_ordered, error)) return fail(kWhere, error);
-  std::map<std::string, const FolderTensor*> in_a, in_b;
-  for (const auto& t : a_tensors) in_a[t.key] = &t;
-  for (const auto& t : b_tensors) in_b[t.key] = &t;
-  // Execution order comes from a manifest, A's first.
-  const std::vector<FolderTensor>& order = a_ordered || !b_ordered ? a_tensors : b_tensors;
-  std::vector<std::string> keys;
-  for (const auto& t : order) {
-    if (in_a.count(t.key) && in_b.count(t.key)) keys.push_back(t.key);
+  if (!kovra::trenkit::kovraexecutor::compare_folders(options.a, options.b, settings, report, error)) {
+    return fail(kWhere, error);
   }
-  if (keys.empty()) {
-    return fail(kWhere, "no tensor is present in both '" + options.a + "' and '" + options.b + "'");
+  if (!options.per_channel.empty()) {
+    bool found = false;
+    for (const TensorDiff& d : report.tensors) found = found || d.name == options.per_channel;
+    if (!found) return fail(kWhere, "--per-channel: no tensor '" + options.per_channel + "' in both folders");
   }
-  size_t width = 6;
-  for (const std::string& key : keys) width = std::max(width, key.size());
-  std::printf("comparing %s (under test) with %s (reference), rtol=%g atol=%g\n", options.a.c_str(),
-              options.b.c_str(), options.rtol, options.atol);
-  std::printf("%4s  %-*s %-14s %12s %12s %16s %10s\n", "#", static_cast<int>(width), "tensor",
-              "shape", "max_abs", "max_rel", "mismatches", "cosine");
-  int failed = 0;
-  std::string first;
-  for (size_t i = 0; i < keys.size(); ++i) {
-    std::vector<int> shape_a, shape_b;
-    std::vector<float> a, b;
-    if (!load_folder_tensor(options.a, *in_a[keys[i]], shape_a, a, error)) return fail(kWhere, error);
-    if (!load_folder_tensor(options.b, *in_b[keys[i]], shape_b, b, error)) return fail(kWhere, error);
-    std::string verdict;
-    if (a.size() != b.size()) {
-      verdict = "DIFFERENT SIZE " + dims_text(shape_a) + " vs " + dims_text(shape_b);
-      std::printf("%4zu  %-*s %-14s %12s %12s %16s %10s  %s", i, static_cast<int>(width),
-                  keys[i].c_str(), dims_text(shape_a).c_str(), "-", "-", "-", "-", verdict.c_str());
-    } else {
-      const Difference d = difference(a, b, options.rtol, options.atol);
-      const std::string counted = std::to_string(d.mismatches) + "/" + std::to_string(a.size());
-      verdict = d.mismatches ? "MISMATCH" : "ok";
-      std::printf("%4zu  %-*s %-14s %12.6g %12.6g %16s %10.6f  %s", i, static_cast<int>(width),
-                  keys[i].c_str(), dims_text(shape_a).c_str(), d.max_abs, d.max_rel, counted.c_str(),
-                  d.cosine, verdict.c_str());
+  // With a machine-readable format on stdout, the table stays out of its way.
+  const bool table = options.json != "-" && options.csv != "-";
+  if (table) {
+    int width = 6;
+    for (const TensorDiff& d : report.tensors) {
+      const size_t channel_width = d.channels.empty() ? 0 : 4 + std::to_string(d.channels.size()).size();
+      width = std::max(width, static_cast<int>(d.name.size() + channel_width));
     }
-    if (verdict != "ok") {
-      if (failed++ == 0) {
-        first = keys[i];
-        std::printf("  <-- first divergence");
+    std::printf("comparing %s (under test) with %s (reference), rtol=%g atol=%g\n", options.a.c_str(),
+                options.b.c_str(), options.rtol, options.atol);
+    std::printf("%4s  %-*s %-14s %12s %12s %12s %10s %9s %16s  %-24s %s\n", "#", width, "tensor", "shape",
+                "max_abs", "mean_abs", "rmse", "cosine", "sqnr_db", "mismatches", "worst (index)=A/B",
+                "verdict");
+    bool first = true;
+    for (size_t i = 0; i < report.tensors.size(); ++i) {
+      const TensorDiff& d = report.tensors[i];
+      const char* note = d.status != "ok" && first ? "  <-- first divergence" : "";
+      if (d.status != "ok") first = false;
+      if (d.status == "shape") {
+        std::printf("%4zu  %-*s %-14s  SHAPE %s vs %s%s\n", i, width, d.name.c_str(),
+                    dims_text(d.shape_a).c_str(), dims_text(d.shape_a).c_str(), dims_text(d.shape_b).c_str(),
+                    note);
+        continue;
+      }
+      print_row(std::to_string(i), d.name, width, d, note);
+      for (size_t c = 0; c < d.channels.size(); ++c) {
+        print_row("-", d.name + "[c" + std::to_string(c) + "]", width, d.channels[c], "");
       }
     }
+    std::printf("%zu tensor(s) compared, %d out of tolerance", report.tensors.size(), report.failed);
+    if (report.only_a || report.only_b) {
+      std::printf("; %zu only in %s, %zu only in %s", report.only_a, options.a.c_str(), report.only_b,
+                  options.b.c_str());
+    }
     std::printf("\n");
+    if (report.failed) std::printf("first divergence: %s\n", report.first_divergence.c_str());
   }
-  const size_t only_a = in_a.size() - keys.size(), only_b = in_b.size() - keys.size();
-  std::printf("%zu tensor(s) compared, %d out of tolerance", keys.size(), failed);
-  if (only_a || only_b) std::printf("; %zu only in %s, %zu only in %s", only_a, options.a.c_str(), only_b, options.b.c_str());
-  std::printf("\n");
-  if (failed) {
-    std::printf("first divergence: %s\n", first.c_str());
-    return kExitMismatch;
+  std::cout.flush();
+  if (!options.json.empty() &&
+      !write_text(options.json, kovra::trenkit::kovraexecutor::report_json(report), error)) {
+    return fail(kWhere, error);
   }
-  return kExitOk;
+  if (!options.csv.empty() &&
+      !write_text(options.csv, kovra::trenkit::kovraexecutor::report_csv(report), error)) {
+    return fail(kWhere, error);
+  }
+  return report.failed ? kExitMismatch : kExitOk;
 }
 
 }  // namespace kovra_tool

@@ -1,0 +1,81 @@
+#ifndef KOVRAEXECUTOR_COMPARE_H_
+#define KOVRAEXECUTOR_COMPARE_H_
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "export.h"
+
+namespace kovra {
+namespace trenkit {
+namespace kovraexecutor {
+
+// One tensor of a folder: an entry of a dump manifest or a .npy file.
+struct DumpTensor {
+  std::string name;  // node name; a .npy file's name without ".npy"
+  std::string op;    // operator, when the manifest records it
+  std::string file;  // relative to the folder
+  // float32, int8, uint8, int16, uint16, int4x2, uint4x2; npy, which loading
+  // turns into npy-codes for an integer array.
+  std::string dtype;
+  int bitwidth = 32;
+  std::vector<int> shape;
+  std::vector<float> values;  // the node's values, filled by load_dump_tensor
+};
+
+// Lists the tensors of `dir` in execution order: the entries of `manifest`
+// (default `dir`/manifest.tsv, when present; files are read from `dir`),
+// then .npy files not already listed, by name.
+KOVRA_API bool read_dump_index(const std::string& dir, const std::string& manifest,
+                               std::vector<DumpTensor>& tensors, std::string& error);
+// Reads a listed tensor's values; signed codes come back negative.
+KOVRA_API bool load_dump_tensor(const std::string& dir, DumpTensor& tensor, std::string& error);
+// Whether a dump type holds integer codes rather than floats.
+KOVRA_API bool is_code_dtype(const std::string& dtype);
+
+// Differences of one tensor, A under test against B the reference.
+struct TensorDiff {
+  std::string name;
+  std::string op;
+  std::string status;  // "ok", "mismatch" or "shape" (shapes differ: no statistics)
+  std::vector<int> shape_a, shape_b;
+  size_t count = 0;
+  size_t mismatches = 0;  // outside atol + rtol * |b|; NaN matches NaN only
+  double max_abs = 0, mean_abs = 0, rmse = 0, cosine = 1, sqnr_db = 0;
+  std::vector<int> worst_index;  // of the largest difference, one entry per dimension
+  float worst_a = 0, worst_b = 0;
+  bool codes = false;  // either side is integer codes
+  size_t codes_differ = 0, code_diff_1 = 0, code_diff_2 = 0, code_diff_more = 0;
+  std::vector<TensorDiff> channels;  // per last-dimension channel, when asked for
+};
+
+struct CompareSettings {
+  double rtol = 1e-5;
+  double atol = 1e-6;
+  std::string manifest_a, manifest_b;  // for folders of raw .bin files
+  std::string per_channel;             // node broken down by channel
+};
+
+struct CompareReport {
+  std::vector<TensorDiff> tensors;  // paired tensors in execution order
+  size_t only_a = 0, only_b = 0;
+  int failed = 0;                // tensors whose status is not "ok"
+  std::string first_divergence;  // name of the first of them
+};
+
+// Differences of two value arrays of `shape` (flat, C order).
+KOVRA_API TensorDiff diff_values(const std::vector<float>& a, const std::vector<float>& b,
+                                 const std::vector<int>& shape, bool codes, double rtol, double atol);
+// Pairs the tensors of two folders by node name and compares each pair.
+KOVRA_API bool compare_folders(const std::string& a, const std::string& b, const CompareSettings& settings,
+                               CompareReport& report, std::string& error);
+// The report as JSON and CSV (schema in docs/compare.md).
+KOVRA_API std::string report_json(const CompareReport& report);
+KOVRA_API std::string report_csv(const CompareReport& report);
+
+}  // namespace kovraexecutor
+}  // namespace trenkit
+}  // namespace kovra
+
+#endif  // KOVRAEXECUTOR_COMPARE_H_
