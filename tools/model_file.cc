@@ -18,17 +18,6 @@ namespace kovra_tool {
 
 using kovra::trenkit::kovraexecutor::EncryptionRC4;
 
-bool read_file(const std::string& path, std::string& bytes) {
-  struct stat info;
-  if (::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
-  std::ifstream file(path, std::ios::in | std::ios::binary);
-  if (!file.is_open()) return false;
-  // Straight into a buffer of the file's size: models run to hundreds of MiB.
-  bytes.assign(static_cast<size_t>(info.st_size), '\0');
-  file.read(&bytes[0], static_cast<std::streamsize>(bytes.size()));
-  return file.gcount() == static_cast<std::streamsize>(bytes.size()) && !file.bad();
-}
-
 bool write_file(const std::string& path, const std::string& bytes) {
   std::ofstream file(path, std::ios::out | std::ios::binary | std::ios::trunc);
   if (!file.is_open()) return false;

@@ -22,7 +22,6 @@ using ::kovra::trenkit::kovraexecutor::read_model;
 bool write_model(const GraphDef& graph, ModelFormat format, const std::string& path,
                  std::string& error, const std::string& binary = std::string());
 
-bool read_file(const std::string& path, std::string& bytes);
 bool write_file(const std::string& path, const std::string& bytes);
 // mkdir -p
 bool make_dirs(const std::string& path);
