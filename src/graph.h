@@ -32,6 +32,10 @@ class Graph {
   void set_name(const std::string& name) { name_ = name; }
   void set_inplace(bool inplace) { inplace_ = inplace; }
   bool inplace() const { return inplace_; }
+  // Bytes the node outputs of one run may hold at once; a node whose output
+  // would pass it is refused before it runs.
+  void set_memory_budget(long long bytes) { memory_budget_ = bytes; }
+  long long memory_budget() const { return memory_budget_; }
 
   Node* add_node(const std::string& name);
   Node* get_node(const std::string& name) const;
@@ -112,6 +116,8 @@ class Graph {
   void _run_now(NodePlan* plan);
 
   bool inplace_ = false;
+  long long memory_budget_ = 8LL << 30;
+  long long held_bytes_ = 0;  // node outputs the current run holds
   bool reshape_ = false;
   bool initialized_ = false;
   std::string name_;

@@ -92,6 +92,14 @@ void GraphExecutor::set_inplace(bool inplace) { graph_->set_inplace(inplace); }
 
 bool GraphExecutor::inplace() const { return graph_->inplace(); }
 
+void GraphExecutor::set_memory_budget(long long bytes) {
+  KOVRA_ENSURE_MSG(bytes > 0, "bytes > 0",
+                   "The memory budget must be positive, got " + std::to_string(bytes));
+  graph_->set_memory_budget(bytes);
+}
+
+long long GraphExecutor::memory_budget() const { return graph_->memory_budget(); }
+
 void GraphExecutor::set_device(DEVICE device) {
   if (static_cast<int32_t>(device) == device_) return;
   if (device == CPU) {

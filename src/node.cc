@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "checked_size.h"
 #include "common.h"
 
 namespace kovra {
@@ -120,17 +121,31 @@ bool Node::inferred_from(const std::vector<const Tensor*>& inputs) const {
   return it == end;
 }
 
+namespace {
+
+Tensor::DataType output_type(const std::vector<const Tensor*>& inputs) {
+  return inputs.empty() ? Tensor::DT_FLOAT : inputs[0]->data_type();
+}
+
+}  // namespace
+
+long long Node::output_bytes(const std::vector<const Tensor*>& inputs) {
+  const int element_bytes = inputs.empty() ? 4 : inputs[0]->element_byte_size(output_type(inputs));
+  // Only a newly inferred shape can be invalid.
+  if (!oshape_checked_) {
+    _check_output_shape(element_bytes);
+    oshape_checked_ = true;
+  }
+  return shape_count(oshape_) * element_bytes;
+}
+
 bool Node::run(const std::vector<const Tensor*>& inputs) {
   if (output_tensor_ == nullptr) {
     output_tensor_ = new Tensor();
     output_tensor_->set_name(name_);
   }
-  // Only a newly inferred shape can be invalid.
-  if (!oshape_checked_) {
-    _check_output_shape();
-    oshape_checked_ = true;
-  }
-  const Tensor::DataType type = inputs.empty() ? Tensor::DT_FLOAT : inputs[0]->data_type();
+  output_bytes(inputs);
+  const Tensor::DataType type = output_type(inputs);
   // Keeps the buffer when shape and type are unchanged (see Tensor::set_data).
   output_tensor_->set_data(oshape_, type, nullptr);
   const bool result = op_->execute(inputs, output_tensor_);
@@ -138,21 +153,17 @@ bool Node::run(const std::vector<const Tensor*>& inputs) {
   return result;
 }
 
-void Node::_check_output_shape() const {
+void Node::_check_output_shape(int element_bytes) const {
   // A malformed model can make an operator infer a negative or overflowing
-  // shape; stop here rather than size a buffer from it.
-  long long count = 1;
-  bool valid = true;
-  for (int d : oshape_) {
-    if (d < 0) valid = false;
-    count *= d < 0 ? 0 : d;
-    if (count > 0x7fffffffLL) valid = false;
-  }
-  if (!valid) {
-    std::string text;
-    for (size_t i = 0; i < oshape_.size(); ++i) text += (i ? "," : "") + std::to_string(oshape_[i]);
-    fatal("The node:" + name_ + " inferred an invalid output shape [" + text + "]");
-  }
+  // shape; stop here rather than size a buffer from it. A tensor keeps its
+  // byte size in an int as well.
+  const long long count = shape_count(oshape_);
+  if (count >= 0 && count * element_bytes <= kMaxTensorElements) return;
+  std::string text;
+  for (size_t i = 0; i < oshape_.size(); ++i) text += (i ? "," : "") + std::to_string(oshape_[i]);
+  if (count < 0) fatal("The node:" + name_ + " inferred an invalid output shape [" + text + "]");
+  fatal("The node:" + name_ + " inferred an output shape [" + text + "] of " +
+        std::to_string(count * element_bytes) + " bytes, more than the 2147483647 a tensor holds");
 }
 
 void Node::reset() {
@@ -177,11 +188,12 @@ Tensor* Node::consume_output_tensor(const std::string& real_name) const {
   fatal("The node:" + name_ + " do not found output:" + real_name);
 }
 
-void Node::check_release_otensor() {
-  if (pending_consumers_ == 0) {
-    delete output_tensor_;
-    output_tensor_ = nullptr;
-  }
+long long Node::check_release_otensor() {
+  if (pending_consumers_ != 0 || output_tensor_ == nullptr) return 0;
+  const long long bytes = output_tensor_->byte_size();
+  delete output_tensor_;
+  output_tensor_ = nullptr;
+  return bytes;
 }
 
 }  // namespace kovraexecutor
