@@ -84,12 +84,12 @@ void read_at_most(std::istream& file, size_t limit, std::string& bytes) {
   }
 }
 
-// The size of a regular file, for messages; other files are known only to
-// hold more than was read.
-std::string size_text(const std::string& path, size_t read) {
+// The size of a regular file larger than `needed`, for messages; other files
+// are known only to hold more.
+std::string larger_size_text(const std::string& path, size_t needed) {
   struct stat info;
   if (::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)) return std::to_string(info.st_size);
-  return "more than " + std::to_string(read - 1);
+  return "more than " + std::to_string(needed);
 }
 
 }  // namespace
@@ -134,7 +134,7 @@ bool load_input(const InputArg& arg, std::unique_ptr<Tensor>& tensor, std::strin
     if (bytes.size() <= needed) read_at_most(file, needed + 1 - bytes.size(), bytes);
     if (bytes.size() != needed) {
       const std::string held =
-          bytes.size() > needed ? size_text(arg.path, bytes.size()) : std::to_string(bytes.size());
+          bytes.size() > needed ? larger_size_text(arg.path, needed) : std::to_string(bytes.size());
       error = arg.path + ": holds " + held + " bytes but shape " + dims_text(arg.dims) +
               " of float32 needs " + std::to_string(needed);
       return false;
