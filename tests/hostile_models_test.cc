@@ -194,6 +194,16 @@ INSTANTIATE_TEST_SUITE_P(
                     "rs",
                     "rs|" + check_text("product(output_shape) == input->size()",
                                        "Z40ReshapeInt8: output_shape does not hold the input's 4 elements")},
+        HostileCase{
+            "ReshapeProduct",
+            node("rs", "Z40Reshape", "input", ints("output_shape", {kIntMax, kIntMax, kIntMax, 4})),
+            {1, 2, 2, 1},
+            0,
+            false,
+            "rs",
+            "rs|" + check_text("element_count(output_shape) == input->size()",
+                               "Z40Reshape: output_shape [2147483647,2147483647,2147483647,4] does not "
+                               "hold the 4 elements of input [1,2,2,1]")},
         // A step of INT_MIN was negated in an int; from index 3 backwards it
         // takes the one element 3.
         HostileCase{"SliceInt8MinStep",
