@@ -163,6 +163,18 @@ INSTANTIATE_TEST_SUITE_P(
                     false,
                     "mp",
                     size_refusal("mp", "pooled size", "Z40MaxPool", 2147483649LL)},
+        // A window of (2^31 - 1)^2 cells: its work estimate once overflowed.
+        // The one window clipped to the input averages the single pixel.
+        HostileCase{"AvgPoolHugeWindow",
+                    node("ap", "Z40AvgPool", "input",
+                         ints("ksize", {1, kIntMax, kIntMax, 1}) + ints("strides", {1, kIntMax, kIntMax, 1}) +
+                             "attr { key: \"padding\" value { s: \"VALID\" } } " +
+                             ints("pads", {kIntMax - 1, kIntMax - 1, kIntMax - 1, kIntMax - 1})),
+                    {1, 1, 1, 2},
+                    0,
+                    false,
+                    "ap",
+                    "0.000000 1.000000 "},
         HostileCase{"MaxPoolInt8Span",
                     node("mp", "Z40MaxPoolInt8", "input",
                          kInt8Pool + ints("ksize", {1, 1, 1, 1}) + ints("strides", {1, 1, 1, 1}) +
