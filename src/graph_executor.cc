@@ -178,6 +178,13 @@ void GraphExecutor::_parse_node_weight(const NodeDef& const_node, Tensor* weight
     fatal("The constant node:" + const_node.name() + " holds " + std::to_string(content.size()) +
           " bytes of data but its shape " + shape_text(shape) + " needs " + std::to_string(needed) + ".");
   }
+  // Most likely a shape declared too small (a 3x3 kernel as 1x1): say so
+  // rather than run on the first values alone.
+  if (content.size() > needed) {
+    print_warning("The constant node:" + const_node.name() + " holds " + std::to_string(content.size()) +
+                  " bytes of data but its shape " + shape_text(shape) + " needs " + std::to_string(needed) +
+                  "; the rest is ignored.");
+  }
   // The model outlives the executor, so a weight reads the model's own bytes
   // in place: packed copies are then the only second copy of a weight.
   // Operators never write their weights; bytes too unaligned for vector

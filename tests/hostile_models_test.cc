@@ -19,7 +19,9 @@ using kovra::trenkit::kovraexecutor::CPU;
 using kovra::trenkit::kovraexecutor::Error;
 using kovra::trenkit::kovraexecutor::ErrorPolicy;
 using kovra::trenkit::kovraexecutor::GraphExecutor;
+using kovra::trenkit::kovraexecutor::MessageLevel;
 using kovra::trenkit::kovraexecutor::ScopedErrorPolicy;
+using kovra::trenkit::kovraexecutor::set_message_sink;
 using kovra::trenkit::kovraexecutor::shape_count;
 using kovra_test::check_text;
 using kovra_test::make_tensor;
@@ -275,6 +277,24 @@ TEST(MemoryBudget, DefaultAndRefusedValues) {
   EXPECT_CHECK_ERROR(executor.set_memory_budget(0), "bytes > 0", "The memory budget must be positive, got 0");
   EXPECT_CHECK_ERROR(executor.set_memory_budget(-5), "bytes > 0",
                      "The memory budget must be positive, got -5");
+}
+
+// A 3x3 kernel declared 1x1: the executor runs on its first value, and says so.
+TEST(LongConstant, WarnsOnLoad) {
+  const kovra_test::GraphDef graph =
+      parse_text_graph(kInput + R"(node { name: "k" op: "Const" attr { key: "value"
+    value { tensor { dtype: DT_FLOAT tensor_shape { dim { size: 1 } dim { size: 1 } }
+    tensor_content: "000011112222333344445555666677778888" } } } }
+    node { name: "f" op: "ZxxFlatten" input: "input" input: "k" })");
+  std::vector<std::string> warnings;
+  set_message_sink([&](MessageLevel level, const std::string& text) {
+    if (level == MessageLevel::kWarning) warnings.push_back(text);
+  });
+  { GraphExecutor executor(&graph, CPU); }
+  set_message_sink(nullptr);
+  EXPECT_EQ(warnings,
+            std::vector<std::string>{"The constant node:k holds 36 bytes of data but its shape [1,1] "
+                                     "needs 4; the rest is ignored."});
 }
 
 TEST(CheckedSize, ShapeCountNeverOverflows) {
