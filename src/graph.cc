@@ -246,6 +246,7 @@ int Graph::run() {
     slot.present = it != input_tensors_.end();
     slot.tensor = slot.present ? it->second : nullptr;
   }
+  held_bytes_ = 0;
   tensor_dump_.begin_run();
   if (observer_ != nullptr) observed_ns_ = now_ns();
   // A failure is reported with the node in hand; the scope is set per step
@@ -321,6 +322,13 @@ void Graph::_run_now(NodePlan* plan) {
       print_log("Do not find " + node->name() + "in graph");
     }
   }
+  const long long bytes = node->output_bytes(inputs);
+  if (held_bytes_ + bytes > memory_budget_) {
+    fatal("The node:" + node->name() + " needs " + std::to_string(bytes) +
+          " bytes for its output, which brings the run to " + std::to_string(held_bytes_ + bytes) +
+          " bytes, over its memory budget of " + std::to_string(memory_budget_));
+  }
+  held_bytes_ += bytes;
   node->run(inputs);
   if (observer_ != nullptr) {
     const long long end = now_ns();
@@ -334,7 +342,7 @@ void Graph::_run_now(NodePlan* plan) {
     if (observer_ != nullptr) observed_ns_ = now_ns();
   }
   if (!node->is_input() && inplace_) {
-    for (const PlanInput& input : plan->inputs) input.producer->node->check_release_otensor();
+    for (const PlanInput& input : plan->inputs) held_bytes_ -= input.producer->node->check_release_otensor();
   }
 }
 

@@ -36,6 +36,10 @@ class Graph {
   // Where outputs take their buffers when a run frees each tensor after its
   // last reader (inplace); null otherwise.
   ActivationPool* activation_pool() const { return inplace_ ? &activation_pool_ : nullptr; }
+  // Bytes the node outputs of one run may hold at once; a node whose output
+  // would pass it is refused before it runs.
+  void set_memory_budget(long long bytes) { memory_budget_ = bytes; }
+  long long memory_budget() const { return memory_budget_; }
 
   Node* add_node(const std::string& name);
   Node* get_node(const std::string& name) const;
@@ -119,6 +123,8 @@ class Graph {
   // Declared before nothing that outlives it: nodes are deleted first, and
   // their tensors only borrow its buffers.
   mutable ActivationPool activation_pool_;
+  long long memory_budget_ = 8LL << 30;
+  long long held_bytes_ = 0;  // node outputs the current run holds
   bool reshape_ = false;
   bool initialized_ = false;
   std::string name_;

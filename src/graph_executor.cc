@@ -92,6 +92,14 @@ void GraphExecutor::set_inplace(bool inplace) { graph_->set_inplace(inplace); }
 
 bool GraphExecutor::inplace() const { return graph_->inplace(); }
 
+void GraphExecutor::set_memory_budget(long long bytes) {
+  KOVRA_ENSURE_MSG(bytes > 0, "bytes > 0",
+                   "The memory budget must be positive, got " + std::to_string(bytes));
+  graph_->set_memory_budget(bytes);
+}
+
+long long GraphExecutor::memory_budget() const { return graph_->memory_budget(); }
+
 void GraphExecutor::set_device(DEVICE device) {
   if (static_cast<int32_t>(device) == device_) return;
   if (device == CPU) {
@@ -169,6 +177,13 @@ void GraphExecutor::_parse_node_weight(const NodeDef& const_node, Tensor* weight
   if (content.size() < needed) {
     fatal("The constant node:" + const_node.name() + " holds " + std::to_string(content.size()) +
           " bytes of data but its shape " + shape_text(shape) + " needs " + std::to_string(needed) + ".");
+  }
+  // Most likely a shape declared too small (a 3x3 kernel as 1x1): say so
+  // rather than run on the first values alone.
+  if (content.size() > needed) {
+    print_warning("The constant node:" + const_node.name() + " holds " + std::to_string(content.size()) +
+                  " bytes of data but its shape " + shape_text(shape) + " needs " + std::to_string(needed) +
+                  "; the rest is ignored.");
   }
   // The model outlives the executor, so a weight reads the model's own bytes
   // in place: packed copies are then the only second copy of a weight.

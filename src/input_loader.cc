@@ -1,10 +1,14 @@
 #include "input_loader.h"
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <cctype>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 
+#include "checked_size.h"
 #include "npy.h"
 
 namespace kovra {
@@ -68,10 +72,24 @@ namespace {
 
 bool is_npy(const std::string& bytes) { return bytes.compare(0, 6, "\x93NUMPY") == 0; }
 
-size_t element_count(const std::vector<int>& dims) {
-  size_t count = 1;
-  for (int d : dims) count *= static_cast<size_t>(d);
-  return count;
+// Appends at most `limit` more bytes of `file` to `bytes`: a device or pipe
+// without end (/dev/zero) is read only as far as the caller can use.
+void read_at_most(std::istream& file, size_t limit, std::string& bytes) {
+  char chunk[1 << 16];
+  while (limit > 0 && file) {
+    file.read(chunk, static_cast<std::streamsize>(std::min(limit, sizeof(chunk))));
+    const size_t got = static_cast<size_t>(file.gcount());
+    bytes.append(chunk, got);
+    limit -= got;
+  }
+}
+
+// The size of a regular file larger than `needed`, for messages; other files
+// are known only to hold more.
+std::string larger_size_text(const std::string& path, size_t needed) {
+  struct stat info;
+  if (::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)) return std::to_string(info.st_size);
+  return "more than " + std::to_string(needed);
 }
 
 }  // namespace
@@ -82,13 +100,15 @@ bool load_input(const InputArg& arg, std::unique_ptr<Tensor>& tensor, std::strin
     error = arg.path + ": cannot open input file for '" + arg.name + "'";
     return false;
   }
-  std::ostringstream buffer;
-  buffer << file.rdbuf();
-  const std::string bytes = buffer.str();
+  std::string bytes;
+  read_at_most(file, 6, bytes);
 
   std::vector<int> shape;
   std::vector<float> values;
   if (is_npy(bytes)) {
+    std::ostringstream rest;
+    rest << file.rdbuf();
+    bytes += rest.str();
     NpyArray array;
     if (!parse_npy(bytes, arg.path, array, error)) return false;
     if (!arg.dims.empty() && arg.dims != array.shape) {
@@ -104,14 +124,23 @@ bool load_input(const InputArg& arg, std::unique_ptr<Tensor>& tensor, std::strin
               "=" + arg.path + ":DIMS";
       return false;
     }
-    const size_t needed = element_count(arg.dims) * 4;
-    if (element_count(arg.dims) > 0x7fffffffULL || bytes.size() != needed) {
-      error = arg.path + ": holds " + std::to_string(bytes.size()) + " bytes but shape " +
-              dims_text(arg.dims) + " of float32 needs " + std::to_string(needed);
+    const long long count = shape_count(arg.dims);
+    if (count < 0) {
+      error = arg.path + ": shape " + dims_text(arg.dims) + " holds more than 2147483647 elements";
+      return false;
+    }
+    const size_t needed = static_cast<size_t>(count) * 4;
+    // One byte beyond the shape is enough to refuse a larger file.
+    if (bytes.size() <= needed) read_at_most(file, needed + 1 - bytes.size(), bytes);
+    if (bytes.size() != needed) {
+      const std::string held =
+          bytes.size() > needed ? larger_size_text(arg.path, needed) : std::to_string(bytes.size());
+      error = arg.path + ": holds " + held + " bytes but shape " + dims_text(arg.dims) +
+              " of float32 needs " + std::to_string(needed);
       return false;
     }
     shape = arg.dims;
-    values.resize(element_count(shape));
+    values.resize(static_cast<size_t>(count));
     std::memcpy(values.data(), bytes.data(), needed);
   }
   if (values.empty()) {

@@ -134,6 +134,12 @@ class Checker {
           for (const std::string& input : def.input()) _add_weight(*node, input_lookup_name(input));
         }
         node->parse_parameter(def);
+        const int reads = node->op()->max_inputs();
+        if (reads >= 0 && def.input_size() > reads) {
+          warning(def.name(), op,
+                  "node '" + def.name() + "' has " + std::to_string(def.input_size()) + " inputs but " + op +
+                      " reads " + std::to_string(reads) + "; the rest would be ignored");
+        }
         nodes_[i] = std::move(node);
       } catch (const Error& e) {
         problem(def.name(), op, e.message());

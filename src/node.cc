@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <utility>
 
+#include "checked_size.h"
 #include "common.h"
 #include "graph.h"
 
@@ -127,6 +128,24 @@ bool Node::inferred_from(const std::vector<const Tensor*>& inputs) const {
   return it == end;
 }
 
+namespace {
+
+Tensor::DataType output_type(const std::vector<const Tensor*>& inputs) {
+  return inputs.empty() ? Tensor::DT_FLOAT : inputs[0]->data_type();
+}
+
+}  // namespace
+
+long long Node::output_bytes(const std::vector<const Tensor*>& inputs) {
+  const int element_bytes = inputs.empty() ? 4 : inputs[0]->element_byte_size(output_type(inputs));
+  // Only a newly inferred shape can be invalid.
+  if (!oshape_checked_) {
+    _check_output_shape(element_bytes);
+    oshape_checked_ = true;
+  }
+  return shape_count(oshape_) * element_bytes;
+}
+
 bool Node::run(const std::vector<const Tensor*>& inputs) {
   if (output_tensor_ == nullptr) {
     std::swap(output_tensor_, spare_tensor_);
@@ -135,12 +154,8 @@ bool Node::run(const std::vector<const Tensor*>& inputs) {
       output_tensor_->set_name(name_);
     }
   }
-  // Only a newly inferred shape can be invalid.
-  if (!oshape_checked_) {
-    _check_output_shape();
-    oshape_checked_ = true;
-  }
-  const Tensor::DataType type = inputs.empty() ? Tensor::DT_FLOAT : inputs[0]->data_type();
+  const long long bytes = output_bytes(inputs);
+  const Tensor::DataType type = output_type(inputs);
   // Outputs of the run outlive it (the caller reads them), so they keep
   // buffers of their own rather than hold a pooled one across runs.
   ActivationPool* pool = owner_ != nullptr && !is_output_ ? owner_->activation_pool() : nullptr;
@@ -148,39 +163,28 @@ bool Node::run(const std::vector<const Tensor*>& inputs) {
     // Keeps the buffer when shape and type are unchanged (see Tensor::set_data).
     output_tensor_->set_data(oshape_, type, nullptr);
   } else {
-    long long count = 1;
-    for (int d : oshape_) count *= d;
-    const size_t bytes = static_cast<size_t>(count) * static_cast<size_t>(output_tensor_->element_byte_size(type));
-    if (pool_block_ == nullptr || pool_capacity_ < bytes) {
+    if (pool_block_ == nullptr || pool_capacity_ < static_cast<size_t>(bytes)) {
       if (pool_block_ != nullptr) pool->give(pool_block_);
-      pool_block_ = bytes > 0 ? pool->take(bytes, &pool_capacity_) : nullptr;
+      pool_block_ = bytes > 0 ? pool->take(static_cast<size_t>(bytes), &pool_capacity_) : nullptr;
     }
-    if (pool_block_ != nullptr) {
-      output_tensor_->set_data(oshape_, type, pool_block_);
-    } else {
-      output_tensor_->set_data(oshape_, type, nullptr);
-    }
+    output_tensor_->set_data(oshape_, type, pool_block_);
   }
   const bool result = op_->execute(inputs, output_tensor_);
   have_run_ = true;
   return result;
 }
 
-void Node::_check_output_shape() const {
+void Node::_check_output_shape(int element_bytes) const {
   // A malformed model can make an operator infer a negative or overflowing
-  // shape; stop here rather than size a buffer from it.
-  long long count = 1;
-  bool valid = true;
-  for (int d : oshape_) {
-    if (d < 0) valid = false;
-    count *= d < 0 ? 0 : d;
-    if (count > 0x7fffffffLL) valid = false;
-  }
-  if (!valid) {
-    std::string text;
-    for (size_t i = 0; i < oshape_.size(); ++i) text += (i ? "," : "") + std::to_string(oshape_[i]);
-    fatal("The node:" + name_ + " inferred an invalid output shape [" + text + "]");
-  }
+  // shape; stop here rather than size a buffer from it. A tensor keeps its
+  // byte size in an int as well.
+  const long long count = shape_count(oshape_);
+  if (count >= 0 && count * element_bytes <= kMaxTensorElements) return;
+  std::string text;
+  for (size_t i = 0; i < oshape_.size(); ++i) text += (i ? "," : "") + std::to_string(oshape_[i]);
+  if (count < 0) fatal("The node:" + name_ + " inferred an invalid output shape [" + text + "]");
+  fatal("The node:" + name_ + " inferred an output shape [" + text + "] of " +
+        std::to_string(count * element_bytes) + " bytes, more than the 2147483647 a tensor holds");
 }
 
 void Node::reset() {
@@ -205,8 +209,9 @@ Tensor* Node::consume_output_tensor(const std::string& real_name) const {
   fatal("The node:" + name_ + " do not found output:" + real_name);
 }
 
-void Node::check_release_otensor() {
-  if (pending_consumers_ != 0) return;
+long long Node::check_release_otensor() {
+  if (pending_consumers_ != 0 || output_tensor_ == nullptr) return 0;
+  const long long bytes = output_tensor_->byte_size();
   ActivationPool* pool = owner_ != nullptr ? owner_->activation_pool() : nullptr;
   if (pool != nullptr && pool_block_ != nullptr) {
     pool->give(pool_block_);
@@ -214,12 +219,13 @@ void Node::check_release_otensor() {
   }
   // A tensor on a pool buffer is kept for the next run; one whose operator
   // gave it a buffer of its own is freed with it.
-  if (pool != nullptr && output_tensor_ != nullptr && !output_tensor_->own_data() && spare_tensor_ == nullptr) {
+  if (pool != nullptr && !output_tensor_->own_data() && spare_tensor_ == nullptr) {
     spare_tensor_ = output_tensor_;
   } else {
     delete output_tensor_;
   }
   output_tensor_ = nullptr;
+  return bytes;
 }
 
 }  // namespace kovraexecutor

@@ -78,14 +78,18 @@ class Node {
   // inference_shape call; compares in place, without allocating.
   bool inferred_from(const std::vector<const Tensor*>& inputs) const;
   bool run(const std::vector<const Tensor*>& inputs);
+  // Bytes of the output run(inputs) will size, after refusing an inferred
+  // shape whose element count or byte size does not fit a tensor.
+  long long output_bytes(const std::vector<const Tensor*>& inputs);
   void reset();
 
   Tensor* output_tensor() const;
   Tensor* consume_output_tensor(const std::string& real_name) const;
-  void check_release_otensor();
+  // Frees the output once every consumer has read it; returns the bytes freed.
+  long long check_release_otensor();
 
  private:
-  void _check_output_shape() const;
+  void _check_output_shape(int element_bytes) const;
 
   bool is_input_ = false;
   bool have_run_ = false;

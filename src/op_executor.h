@@ -46,6 +46,9 @@ class OpExecutor {
   virtual void inference_shape(const std::vector<const Tensor*>& inputs,
                                std::vector<int>& shape) = 0;
   virtual bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) = 0;
+  // Inputs (data and weights together) the operator reads at most, or -1 when
+  // it does not say; the model check reports any beyond, which would go unread.
+  virtual int max_inputs() const { return -1; }
 
   void set_owner(Node* owner) { owner_ = owner; }
   Node* owner() const { return owner_; }

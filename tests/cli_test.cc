@@ -158,6 +158,19 @@ TEST_P(BadInvocationTest, ExitCodeAndLine) {
   // Well formed, but fails once shapes are known: at run time, or under check -s.
   spit(dir.file("concat1.pbtxt"), R"(node { name: "input" op: "ZxxNOp" }
                                    node { name: "c" op: "Z40Concat" input: "input" })");
+  spit(dir.file("relu3.pbtxt"), R"(node { name: "input" op: "ZxxNOp" }
+    node { name: "w" op: "Const" attr { key: "value" value { tensor {
+      dtype: DT_FLOAT tensor_shape { dim { size: 1 } } tensor_content: "\000\000\200?" } } } }
+    node { name: "v" op: "Const" attr { key: "value" value { tensor {
+      dtype: DT_FLOAT tensor_shape { dim { size: 1 } } tensor_content: "\000\000\200?" } } } }
+    node { name: "r" op: "Z40Relu" input: "input" input: "w" input: "v" })");
+  // Grows 1x2x2x1 to 2116000000 bytes, then three Z40Relu on it.
+  spit(dir.file("grow.pbtxt"), R"(node { name: "input" op: "ZxxNOp" }
+    node { name: "pad" op: "Z40Pad" input: "input"
+      attr { key: "output_shape" value { list { i: 1 i: 23000 i: 23000 i: 1 } } }
+      attr { key: "pads" value { list { i: 0 i: 0 i: 11499 i: 11499 i: 11499 i: 11499 i: 0 i: 0 } } } }
+    node { name: "r1" op: "Z40Relu" input: "pad" } node { name: "r2" op: "Z40Relu" input: "r1" }
+    node { name: "r3" op: "Z40Relu" input: "r2" })");
   spit(dir.file("chain.pbtxt"), R"(node { name: "input" op: "ZxxNOp" }
                                  node { name: "a" op: "ZxxFlatten" input: "input" }
                                  node { name: "b" op: "ZxxFlatten" input: "a" })");
@@ -223,6 +236,26 @@ const BadCase kBadCases[] = {
      "kovra run: {dir}/none.npy: cannot open input file for 'input'"},
     {"WrongRawSize", "run {dir}/p.pbtxt -i input={dir}/in.bin:1x5", 2,
      "kovra run: {dir}/in.bin: holds 16 bytes but shape 1x5 of float32 needs 20"},
+    // An endless file is read only as far as the shape needs.
+    {"EndlessRawInput", "run {dir}/p.pbtxt -i input=/dev/zero:1", 2,
+     "kovra run: /dev/zero: holds more than 4 bytes but shape 1 of float32 needs 4"},
+    {"RawShapeTooLarge", "run {dir}/p.pbtxt -i input={dir}/in.bin:65536x65536", 2,
+     "kovra run: {dir}/in.bin: shape 65536x65536 holds more than 2147483647 elements"},
+    {"BadMaxMemoryUnit", "run {dir}/p.pbtxt --max-memory 12X", 2,
+     "kovra run: bad --max-memory '12X': expected a positive number of bytes, optionally with K, M or G"},
+    {"ZeroMaxMemory", "run {dir}/p.pbtxt --max-memory 0", 2,
+     "kovra run: bad --max-memory '0': expected a positive number of bytes, optionally with K, M or G"},
+    {"HugeMaxMemory", "run {dir}/p.pbtxt --max-memory 9999999999G", 2,
+     "kovra run: bad --max-memory '9999999999G': expected a positive number of bytes, optionally with K, M "
+     "or G"},
+    {"OverMaxMemory", "run {dir}/grow.pbtxt -i input={dir}/in.npy --max-memory 1G", 3,
+     "\033[1m\033[31mError: The node:pad needs 2116000000 bytes for its output, which brings the run to "
+     "2116000004 bytes, over its memory budget of 1073741824\033[0m",
+     "kovra: the error is in node 'pad' (operator Z40Pad)"},
+    // Runs, but says what it ignores.
+    {"RunWarnsOfExtraInputs", "run {dir}/relu3.pbtxt -i input={dir}/in.npy", 0,
+     "kovra run: {dir}/relu3.pbtxt: warning: node 'r' has 3 inputs but Z40Relu reads 1; the rest would be "
+     "ignored"},
     {"RawWithoutShape", "run {dir}/p.pbtxt -i input={dir}/in.bin", 2,
      "kovra run: {dir}/in.bin: not a .npy file; give the shape of raw float32 data as "
      "input={dir}/in.bin:DIMS"},

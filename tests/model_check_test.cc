@@ -78,6 +78,19 @@ INSTANTIATE_TEST_SUITE_P(
                   "w|Const|constant 'w' holds 4 bytes of data but its shape needs 8\n", ""},
         CheckCase{"ConstLong", weight(kEight + R"(\001)"), "",
                   "w|Const|constant 'w' holds 9 bytes of data but its shape needs 8; the rest is ignored\n"},
+        // A 3x3 kernel declared 1x1: never silently truncated.
+        CheckCase{"ConstKernelLonger", R"(node { name: "k" op: "Const" attr { key: "value" value { tensor {
+          dtype: DT_FLOAT tensor_shape { dim { size: 1 } dim { size: 1 } }
+          tensor_content: "000011112222333344445555666677778888" } } } })",
+                  "",
+                  "k|Const|constant 'k' holds 36 bytes of data but its shape needs 4; the rest is ignored\n"},
+        CheckCase{"ExtraInputs",
+                  weight(kEight) + R"(node { name: "r" op: "Z40Relu" input: "input" input: "w" })", "",
+                  "r|Z40Relu|node 'r' has 2 inputs but Z40Relu reads 1; the rest would be ignored\n"},
+        CheckCase{"ExtraInputsOfPad",
+                  weight(kEight) + R"(node { name: "p" op: "Z40Pad" input: "input" input: "w"
+          attr { key: "output_shape" value { list { i: 1 } } } })",
+                  "", "p|Z40Pad|node 'p' has 2 inputs but Z40Pad reads 1; the rest would be ignored\n"},
         CheckCase{"ConstNoValue", R"(node { name: "w" op: "Const" })",
                   "w|Const|constant 'w' has no tensor attribute \"value\"\n", ""},
         CheckCase{

@@ -183,11 +183,16 @@ TEST(NodeDeathTest, FatalPaths) {
   bad.inference_shape({&input});
   bad.run({&input});
   // Each new inference is checked again, also after good runs.
-  for (const auto& shape : {std::vector<int>{-1, 2}, std::vector<int>{65536, 32768}}) {
-    TestFixedShapeOpExecutor::shape_ = shape;
+  // The last product once overflowed a long long and came out in range.
+  const std::pair<std::vector<int>, std::string> invalid[] = {
+      {{-1, 2}, "-1,2"},
+      {{65536, 32768}, "65536,32768"},
+      {{2147483647, 2147483647, 3}, "2147483647,2147483647,3"},
+      {{2147483647, 2147483647, 2147483647, 2147483647}, "2147483647,2147483647,2147483647,2147483647"}};
+  for (const auto& row : invalid) {
+    TestFixedShapeOpExecutor::shape_ = row.first;
     bad.inference_shape({&input});
-    const std::string text = std::to_string(shape[0]) + "," + std::to_string(shape[1]);
-    EXPECT_ERROR(bad.run({&input}), "The node:bad inferred an invalid output shape [" + text + "]");
+    EXPECT_ERROR(bad.run({&input}), "The node:bad inferred an invalid output shape [" + row.second + "]");
   }
 }
 

@@ -1,9 +1,9 @@
 #include "args_parser.h"
 
+#include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <iostream>
-
-#include <CLI/CLI.hpp>
+#include <string>
 
 namespace kovra {
 namespace trenkit {
@@ -52,6 +52,28 @@ bool parse_shapes(const std::vector<std::string>& raw, ShapeMap& shapes, std::st
   return true;
 }
 
+// "--max-memory" as bytes: digits with an optional K, M or G (binary units).
+bool parse_memory_size(const std::string& text, long long& bytes) {
+  size_t digits = 0;
+  while (digits < text.size() && text[digits] >= '0' && text[digits] <= '9') ++digits;
+  if (digits == 0 || digits > 12) return false;
+  const std::string unit = text.substr(digits);
+  int shift = 0;
+  if (unit == "K") {
+    shift = 10;
+  } else if (unit == "M") {
+    shift = 20;
+  } else if (unit == "G") {
+    shift = 30;
+  } else if (!unit.empty()) {
+    return false;
+  }
+  const long long value = std::stoll(text.substr(0, digits));
+  if (value <= 0 || value > (1LL << 50) >> shift) return false;
+  bytes = value << shift;
+  return true;
+}
+
 }  // namespace
 
 ArgsParser::ArgsParser() : impl_(new Impl) {
@@ -87,6 +109,9 @@ ArgsParser::ArgsParser() : impl_(new Impl) {
   run->add_option("--threads", run_.threads, "worker threads of the convolutions")
       ->check(CLI::Range(1, 1024))
       ->type_name("N");
+  run->add_option("--max-memory", raw_max_memory_,
+                  "refuse a run whose tensors would hold more than SIZE bytes at once (K, M, G; default 8G)")
+      ->type_name("SIZE");
   run->add_flag("-q,--quiet", run_.quiet, "print no banner and no log lines (errors still)");
 
   CLI::App* check = impl_->check = app.add_subcommand(
@@ -187,6 +212,11 @@ int ArgsParser::parse(int argc, const char* const* argv) {
       start = end + 1;
     }
     run_.profile = impl_->repeat->count() > 0;
+    if (!raw_max_memory_.empty() && !parse_memory_size(raw_max_memory_, run_.max_memory)) {
+      std::cerr << "kovra run: bad --max-memory '" << raw_max_memory_
+                << "': expected a positive number of bytes, optionally with K, M or G" << std::endl;
+      return 2;
+    }
   } else if (impl_->check->parsed() || impl_->inspect->parsed()) {
     const bool is_check = impl_->check->parsed();
     command_ = is_check ? Command::kCheck : Command::kInspect;

@@ -26,6 +26,7 @@ struct RunOptions {
   std::string trace;
   int threads = 0;  // 0: leave the library's default
   bool quiet = false;  // no banner and no log lines
+  long long max_memory = 0;  // bytes; 0: the library's default budget
 };
 
 // Shapes of the fed tensors by name, from -s NAME=DIMS.
@@ -103,6 +104,7 @@ class ArgsParser {
   CompareOptions compare_;
   std::vector<std::string> raw_inputs_;
   std::string raw_starts_;
+  std::string raw_max_memory_;
   std::vector<std::string> raw_shapes_;
 };
 

@@ -17,22 +17,23 @@
 
 namespace kovra_tool {
 
+using kovra::trenkit::kovraexecutor::check_model;
 using kovra::trenkit::kovraexecutor::CPU;
 using kovra::trenkit::kovraexecutor::dims_text;
 using kovra::trenkit::kovraexecutor::error_line;
-using kovra::trenkit::kovraexecutor::MessageLevel;
-using kovra::trenkit::kovraexecutor::set_message_sink;
-using kovra::trenkit::kovraexecutor::GraphExecutor;
-using kovra::trenkit::kovraexecutor::check_model;
 using kovra::trenkit::kovraexecutor::graph_outline;
+using kovra::trenkit::kovraexecutor::GraphExecutor;
 using kovra::trenkit::kovraexecutor::GraphOutline;
+using kovra::trenkit::kovraexecutor::load_inputs;
+using kovra::trenkit::kovraexecutor::MessageLevel;
+using kovra::trenkit::kovraexecutor::ModelIssue;
 using kovra::trenkit::kovraexecutor::ModelReport;
 using kovra::trenkit::kovraexecutor::run_depends_on;
 using kovra::trenkit::kovraexecutor::run_ends;
 using kovra::trenkit::kovraexecutor::run_feeds;
 using kovra::trenkit::kovraexecutor::run_starts;
 using kovra::trenkit::kovraexecutor::run_upstream;
-using kovra::trenkit::kovraexecutor::load_inputs;
+using kovra::trenkit::kovraexecutor::set_message_sink;
 using kovra::trenkit::kovraexecutor::Tensor;
 using kovra::trenkit::kovraexecutor::write_npy;
 
@@ -99,6 +100,10 @@ int cmd_run(const RunOptions& options) {
   }
   const ModelReport report = check_model(graph);
   if (!report.problems.empty()) return fail(kWhere, options.model + ": " + report.problems.front().message);
+  // What the run would silently ignore is said before it runs.
+  for (const ModelIssue& issue : report.warnings) {
+    std::fprintf(stderr, "kovra run: %s: warning: %s\n", options.model.c_str(), issue.message.c_str());
+  }
 
   const GraphOutline outline = graph_outline(graph);
   for (const std::string& name : options.starts) {
@@ -153,6 +158,7 @@ int cmd_run(const RunOptions& options) {
                                               ? new GraphExecutor(options.model, CPU)
                                               : new GraphExecutor(&graph, CPU));
   executor->set_inplace(options.inplace);
+  if (options.max_memory > 0) executor->set_memory_budget(options.max_memory);
   if (!options.dump_dir.empty()) executor->set_dump_folder(options.dump_dir);
   for (auto& tensor : inputs) executor->set_input(tensor->name(), tensor.get());
   Profiler profiler;

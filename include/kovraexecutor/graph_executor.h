@@ -41,6 +41,10 @@ class KOVRA_API GraphExecutor {
   DEVICE device() const { return static_cast<DEVICE>(device_); }
   void set_inplace(bool inplace);
   bool inplace() const;
+  // Bytes the node outputs of one run may hold at once (8 GiB unless set); a
+  // run is refused before the node whose output would pass it.
+  void set_memory_budget(long long bytes);
+  long long memory_budget() const;
   // Threads used by the tiled convolutions, process-wide; results never depend on it.
   static void set_num_threads(int threads);
   static int num_threads();

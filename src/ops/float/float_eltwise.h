@@ -57,6 +57,8 @@ class FloatUnaryOpExecutor : public ParamOpExecutor<Param> {
     shape = inputs[0]->shape();
   }
 
+  int max_inputs() const override { return 1; }
+
   bool execute(const std::vector<const Tensor*>& inputs, Tensor* output) override {
     const int n = this->op_param_.count;
     if (KOVRA_UNLIKELY(inputs.empty() || !is_float_of_size(inputs[0], n) ||

@@ -2,10 +2,11 @@
 
 #include <cmath>
 
+#include "checked_size.h"
 #include "common.h"
 #include "op_attr.h"
-#include "ops/float/float_shape_checks.h"
 #include "ops/common/op_checks.h"
+#include "ops/float/float_shape_checks.h"
 
 namespace kovra {
 namespace trenkit {
@@ -23,12 +24,14 @@ namespace {
 // Output size along one axis for explicit padding. With ceil_mode the last
 // window may hang over the end; as in ONNX/PyTorch it is dropped when it
 // would start beyond the input and its leading padding.
-int explicit_out_size(int in, int pad_begin, int pad_end, int kernel, int stride, bool ceil_mode) {
-  const int span = in + pad_begin + pad_end - kernel;
-  if (!ceil_mode) return span / stride + 1;
-  int out = static_cast<int>(std::ceil(static_cast<float>(span) / static_cast<float>(stride))) + 1;
-  if (static_cast<long long>(out - 1) * stride >= static_cast<long long>(in) + pad_begin) --out;
-  return out;
+int explicit_out_size(int in, int pad_begin, int pad_end, int kernel, int stride, bool ceil_mode,
+                      const char* op) {
+  const long long span = static_cast<long long>(in) + pad_begin + pad_end - kernel;
+  if (!ceil_mode) return checked_size(span / stride + 1, "pooled size", op);
+  long long out =
+      static_cast<long long>(std::ceil(static_cast<float>(span) / static_cast<float>(stride))) + 1;
+  if ((out - 1) * stride >= static_cast<long long>(in) + pad_begin) --out;
+  return checked_size(out, "pooled size", op);
 }
 
 }  // namespace
@@ -63,8 +66,8 @@ PoolGeometry plan_pool(const std::vector<int>& in, const PoolAttributes& a, cons
     KOVRA_ENSURE_MSG(padded_h >= g.kernel_h && padded_w >= g.kernel_w, "kernel <= padded input",
                      std::string(op) + ": ksize " + shape_text(a.ksize) +
                          " is larger than the padded input " + shape_text(in));
-    g.out_h = explicit_out_size(g.h, pads[0], pads[1], g.kernel_h, g.stride_h, a.ceil_mode);
-    g.out_w = explicit_out_size(g.w, pads[2], pads[3], g.kernel_w, g.stride_w, a.ceil_mode);
+    g.out_h = explicit_out_size(g.h, pads[0], pads[1], g.kernel_h, g.stride_h, a.ceil_mode, op);
+    g.out_w = explicit_out_size(g.w, pads[2], pads[3], g.kernel_w, g.stride_w, a.ceil_mode, op);
     g.pad_top = pads[0];
     g.pad_left = pads[2];
   } else {

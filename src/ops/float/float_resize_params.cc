@@ -32,6 +32,8 @@ ResizeGeometry plan_resize(const std::vector<const Tensor*>& inputs, float scale
   g.out_h = scaled_size(g.h, scale_h);
   g.out_w = scaled_size(g.w, scale_w);
   check_positive_dims({g.n, g.out_h, g.out_w, g.c}, "resized shape", op);
+  // Before the interpolation tables are sized from it.
+  checked_count({g.n, g.out_h, g.out_w, g.c}, op);
   return g;
 }
 

@@ -1,16 +1,11 @@
 #include "ops/float/float_shape_checks.h"
 
+#include "checked_size.h"
 #include "ops/common/op_checks.h"
 
 namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
-
-long long element_count(const std::vector<int>& shape) {
-  long long count = 1;
-  for (int d : shape) count *= d;
-  return count;
-}
 
 std::string shape_text(const std::vector<int>& shape) {
   std::string text = "[";
@@ -26,7 +21,7 @@ void check_rank(const Tensor* input, int rank, const char* op) {
 }
 
 void check_same_count(const std::vector<int>& shape, const Tensor* input, const char* op) {
-  KOVRA_ENSURE_MSG(element_count(shape) == input->size(), "element_count(output_shape) == input->size()",
+  KOVRA_ENSURE_MSG(shape_count(shape) == input->size(), "element_count(output_shape) == input->size()",
                    std::string(op) + ": output_shape " + shape_text(shape) + " does not hold the " +
                        std::to_string(input->size()) + " elements of input " + shape_text(input->shape()));
 }

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "checked_size.h"
 #include "tensor.h"
 
 namespace kovra {
@@ -14,7 +15,6 @@ namespace kovraexecutor {
 // which execute makes sure it runs on what inference_shape prepared. Each
 // failure is a "Check failed" line naming the operator and the values.
 
-long long element_count(const std::vector<int>& shape);
 std::string shape_text(const std::vector<int>& shape);
 
 // The operator's input (or weight) is a float tensor of exactly `rank` dimensions.

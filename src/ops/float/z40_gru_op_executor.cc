@@ -101,7 +101,7 @@ GruShape Z40GRUOpExecutor::_plan(const std::vector<const Tensor*>& inputs) const
   const std::vector<int>& xs = x->shape();
   s.batch = xs[xs.size() - 2];
   s.input_size = xs.back();
-  s.seq_len = static_cast<int>(element_count(std::vector<int>(xs.begin(), xs.end() - 2)));
+  s.seq_len = static_cast<int>(shape_count(std::vector<int>(xs.begin(), xs.end() - 2)));
   s.hidden = p.hidden_size;
   s.directions = p.direction == "bidirectional" ? 2 : 1;
   s.reverse = p.direction == "reverse";
@@ -155,7 +155,7 @@ std::vector<int> Z40GRUOpExecutor::_y_h_shape(const GruShape& s) const {
 }
 
 void Z40GRUOpExecutor::_check_count(const std::vector<int>& shape, long long count, const char* key) {
-  bool ok = element_count(shape) == count;
+  bool ok = shape_count(shape) == count;
   for (int d : shape) ok = ok && d > 0;
   KOVRA_ENSURE_MSG(ok, "element_count(shape) == expected",
                    std::string(kName) + ": " + key + " " + shape_text(shape) + " does not hold " +

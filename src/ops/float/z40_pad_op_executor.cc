@@ -1,6 +1,7 @@
 #include <string>
 #include <vector>
 
+#include "checked_size.h"
 #include "op_attr.h"
 #include "op_executor.h"
 #include "ops/common/op_checks.h"
@@ -36,6 +37,8 @@ class Z40PadOpExecutor : public ParamOpExecutor<Z40PadParam> {
     op_param_.constant_mode = op_param_.mode == "constant";
   }
 
+  int max_inputs() const override { return 1; }
+
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     KOVRA_ENSURE_MSG(op_param_.constant_mode, "op_param_->mode == \"constant\"",
                      "The mode only support constant in FloatZ40Pad!!!");
@@ -58,7 +61,7 @@ class Z40PadOpExecutor : public ParamOpExecutor<Z40PadParam> {
     bool ok = true;
     for (int a = 0; a < 4; ++a) {
       ok = ok && before[a] >= 0 && after[a] >= 0;
-      padded[a] = static_cast<int>(static_cast<long long>(input->shape()[a]) + before[a] + after[a]);
+      if (ok) padded[a] = padded_size(input->shape()[a], before[a], after[a], kName);
     }
     KOVRA_ENSURE_MSG(ok && padded == op_param_.output_shape, "output_shape == input shape + pads",
                      "Z40Pad: input " + shape_text(input->shape()) + " padded by " + shape_text(pads) +

@@ -58,12 +58,6 @@ const Tensor* prepared_input(const std::vector<const Tensor*>& inputs, const std
   return input;
 }
 
-long long shape_count(const std::vector<int>& shape) {
-  long long n = 1;
-  for (int d : shape) n *= d;
-  return n;
-}
-
 void round_and_clamp(float* y, long long count, float lo, float hi) {
   for (long long i = 0; i < count; ++i) y[i] = clamp_code(kvdl::tensorflow_round_cpu(y[i]), lo, hi);
 }

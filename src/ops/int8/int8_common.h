@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "checked_size.h"
 #include "common.h"
 #include "op_executor.h"
 #include "tensor.h"
@@ -43,8 +44,6 @@ inline void check_prepared(const Tensor* input, const std::vector<int>& prepared
 // holds floats and has the prepared shape; the output holds `out_count` codes.
 const Tensor* prepared_input(const std::vector<const Tensor*>& inputs, const std::vector<int>& prepared,
                              const Tensor* output, long long out_count, const char* op);
-
-long long shape_count(const std::vector<int>& shape);
 
 // A per-channel attribute must cover every channel before the loop reads it.
 void check_per_channel(const std::vector<float>& values, int channels, const char* key, const char* op);

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <vector>
 
+#include "checked_size.h"
 #include "op_attr.h"
 #include "ops/common/op_checks.h"
 #include "ops/int8/int8_common.h"
@@ -38,8 +39,8 @@ void prepare_pool(const std::vector<const Tensor*>& inputs, const char* op, cons
   KOVRA_ENSURE_MSG(g.kernel_h > 0 && g.kernel_w > 0 && g.stride_h > 0 && g.stride_w > 0,
                    "kernel > 0 && stride > 0", std::string(op) + ": kernel and strides must be positive");
   if (a.padding == "SAME") {
-    g.out_h = (g.h + g.stride_h - 1) / g.stride_h;
-    g.out_w = (g.w + g.stride_w - 1) / g.stride_w;
+    g.out_h = static_cast<int>((static_cast<long long>(g.h) + g.stride_h - 1) / g.stride_h);
+    g.out_w = static_cast<int>((static_cast<long long>(g.w) + g.stride_w - 1) / g.stride_w);
     g.pad_top = same_pad_begin(g.h, g.out_h, g.kernel_h, g.stride_h);
     g.pad_left = same_pad_begin(g.w, g.out_w, g.kernel_w, g.stride_w);
   } else if (a.padding == "VALID") {
@@ -52,20 +53,22 @@ void prepare_pool(const std::vector<const Tensor*>& inputs, const char* op, cons
     g.pad_top = a.pads[0];
     g.pad_left = a.pads[2];
     if (a.ceil_mode) {
-      g.out_h = static_cast<int>(std::ceil(static_cast<float>(span_h) / g.stride_h)) + 1;
-      g.out_w = static_cast<int>(std::ceil(static_cast<float>(span_w) / g.stride_w)) + 1;
-      if (static_cast<long long>(g.out_h - 1) * g.stride_h >= g.h + g.pad_top) --g.out_h;
-      if (static_cast<long long>(g.out_w - 1) * g.stride_w >= g.w + g.pad_left) --g.out_w;
+      long long out_h = static_cast<long long>(std::ceil(static_cast<float>(span_h) / g.stride_h)) + 1;
+      long long out_w = static_cast<long long>(std::ceil(static_cast<float>(span_w) / g.stride_w)) + 1;
+      if ((out_h - 1) * g.stride_h >= static_cast<long long>(g.h) + g.pad_top) --out_h;
+      if ((out_w - 1) * g.stride_w >= static_cast<long long>(g.w) + g.pad_left) --out_w;
+      g.out_h = checked_size(out_h, "pooled size", op);
+      g.out_w = checked_size(out_w, "pooled size", op);
     } else {
-      g.out_h = static_cast<int>(span_h / g.stride_h + 1);
-      g.out_w = static_cast<int>(span_w / g.stride_w + 1);
+      g.out_h = checked_size(span_h / g.stride_h + 1, "pooled size", op);
+      g.out_w = checked_size(span_w / g.stride_w + 1, "pooled size", op);
     }
   } else {
     KOVRA_ENSURE_MSG(false, "false", "Worng padding type.");
   }
   param.input_shape = s;
   param.geometry = g;
-  param.out_count = static_cast<long long>(g.n) * g.out_h * g.out_w * g.c;
+  param.out_count = checked_count({g.n, g.out_h, g.out_w, g.c}, op);
   shape = {g.n, g.out_h, g.out_w, g.c};
 }
 

@@ -1,6 +1,7 @@
 #include <string>
 #include <vector>
 
+#include "checked_size.h"
 #include "op_attr.h"
 #include "ops/common/op_checks.h"
 #include "ops/float/float_shape_checks.h"
@@ -42,6 +43,8 @@ class Z40PadInt8OpExecutor : public ParamOpExecutor<Z40PadInt8Param> {
                      "The mode only support constant in Z40PadInt8!!!");
   }
 
+  int max_inputs() const override { return 1; }
+
   void inference_shape(const std::vector<const Tensor*>& inputs, std::vector<int>& shape) override {
     const Tensor* input = first_input(inputs, kName);
     const int rank = input->dims();
@@ -61,11 +64,8 @@ class Z40PadInt8OpExecutor : public ParamOpExecutor<Z40PadInt8Param> {
     const int first_axis = hw_only ? 1 : 0;
     for (size_t i = 0; i + 1 < pads.size(); i += 2) {
       const int axis = first_axis + static_cast<int>(i / 2);
-      const long long size = static_cast<long long>(padded[axis]) + pads[i] + pads[i + 1];
-      KOVRA_ENSURE_MSG(size < (1LL << 31), "padded size < 2^31",
-                       std::string(kName) + ": padded size too large");
       before[axis] = pads[i];
-      padded[axis] = static_cast<int>(size);
+      padded[axis] = padded_size(padded[axis], pads[i], pads[i + 1], kName);
     }
     KOVRA_ENSURE_MSG(op_param_.output_shape.empty() || padded == op_param_.output_shape,
                      "output_shape == input shape + pads",
@@ -74,7 +74,7 @@ class Z40PadInt8OpExecutor : public ParamOpExecutor<Z40PadInt8Param> {
                          shape_text(op_param_.output_shape));
     op_param_.in_shape = input->shape();
     op_param_.out_shape = padded;
-    op_param_.out_count = element_count(padded);
+    op_param_.out_count = checked_count(padded, kName);
     op_param_.before = before;
     shape = padded;
   }

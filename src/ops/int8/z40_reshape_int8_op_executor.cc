@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "checked_size.h"
 #include "op_attr.h"
 #include "ops/common/op_checks.h"
 #include "ops/int8/int8_common.h"
@@ -65,13 +66,10 @@ class Z40ReshapeInt8OpExecutor : public ParamOpExecutor<Z40ReshapeInt8Param> {
  private:
   const Tensor* checked_input(const std::vector<const Tensor*>& inputs) const {
     const Tensor* input = first_input(inputs, kName);
-    long long count = 1;
     bool positive = true;
-    for (int d : op_param_.output_shape) {
-      positive = positive && d > 0;
-      count = std::min(count * (positive ? d : 1), 1LL << 40);  // no overflow
-    }
-    KOVRA_ENSURE_MSG(positive && count == input->size(), "product(output_shape) == input->size()",
+    for (int d : op_param_.output_shape) positive = positive && d > 0;
+    KOVRA_ENSURE_MSG(positive && shape_count(op_param_.output_shape) == input->size(),
+                     "product(output_shape) == input->size()",
                      std::string(kName) + ": output_shape does not hold the input's " +
                          std::to_string(input->size()) + " elements");
     return input;

@@ -92,7 +92,7 @@ class Z40SliceInt8OpExecutor : public ParamOpExecutor<Z40SliceInt8Param> {
       } else {
         start = std::min(std::max(start, 0LL), dim - 1);
         end = std::min(std::max(end, -1LL), dim - 1);
-        extent = start > end ? (start - end - step - 1) / -step : 0;
+        extent = start > end ? (start - end - step - 1) / -static_cast<long long>(step) : 0;
       }
       KOVRA_ENSURE_MSG(extent > 0, "slice extent > 0",
                        std::string(kName) + ": empty slice on axis " + std::to_string(axis));

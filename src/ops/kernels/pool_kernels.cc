@@ -32,7 +32,12 @@ inline Window window_of(int o, int stride, int pad, int kernel, int size) {
 template <typename RowFn>
 void for_each_output_row(const PoolGeometry& g, RowFn row_fn) {
   const int rows = g.n * g.out_h;
-  parallel_for(rows, static_cast<long long>(rows) * g.out_w * g.c * g.kernel_h * g.kernel_w, row_fn);
+  // The output fits an int; a window near INT_MAX square does not, so the
+  // estimate of the work saturates rather than overflow.
+  const long long outputs = static_cast<long long>(rows) * g.out_w * g.c;
+  const long long window = static_cast<long long>(g.kernel_h) * g.kernel_w;
+  const long long cap = 1LL << 62;
+  parallel_for(rows, outputs > 0 && window > cap / outputs ? cap : outputs * window, row_fn);
 }
 
 }  // namespace
