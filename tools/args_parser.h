@@ -26,6 +26,7 @@ struct RunOptions {
   std::string trace;
   int threads = 0;  // 0: leave the library's default
   bool quiet = false;  // no banner and no log lines
+  std::string manifest;  // reads dumped .bin inputs by their manifest lines
 };
 
 // Shapes of the fed tensors by name, from -s NAME=DIMS.
@@ -67,11 +68,23 @@ struct CompareOptions {
   std::string csv;          // file for the CSV records, "-" for stdout
 };
 
+struct VerifyOptions {
+  std::string model;
+  std::string reference;  // dump folder, or raw .bin files read with `manifest`
+  std::vector<InputArg> inputs;
+  std::vector<std::string> starts;
+  std::string output;
+  std::string manifest;
+  std::string json;  // file for the JSON records, "-" for stdout
+  double rtol = 1e-5;
+  double atol = 1e-6;
+};
+
 // Command-line front end of the kovra tool: subcommands run, check, inspect,
 // convert, protect, unprotect and compare, each with its own --help.
 class ArgsParser {
  public:
-  enum class Command { kNone, kRun, kCheck, kInspect, kConvert, kProtect, kUnprotect, kCompare };
+  enum class Command { kNone, kRun, kCheck, kInspect, kConvert, kProtect, kUnprotect, kCompare, kVerify };
 
   ArgsParser();
   ~ArgsParser();
@@ -89,6 +102,7 @@ class ArgsParser {
   const ConvertOptions& convert() const { return convert_; }
   const CipherOptions& cipher() const { return cipher_; }
   const CompareOptions& compare() const { return compare_; }
+  const VerifyOptions& verify() const { return verify_; }
   std::string usage() const;
 
  private:
@@ -101,6 +115,7 @@ class ArgsParser {
   ConvertOptions convert_;
   CipherOptions cipher_;
   CompareOptions compare_;
+  VerifyOptions verify_;
   std::vector<std::string> raw_inputs_;
   std::string raw_starts_;
   std::vector<std::string> raw_shapes_;
