@@ -13,6 +13,7 @@
 #include "kovraexecutor/compare.h"
 #include "kovraexecutor/input_loader.h"
 #include "kovraexecutor/npy.h"
+#include "tensor_dump.h"
 
 namespace kovra {
 namespace trenkit {
@@ -120,6 +121,14 @@ bool load_bin(const std::string& path, DumpTensor& tensor, std::string& error) {
 
 bool is_code_dtype(const std::string& dtype) {
   return dtype == "npy-codes" || (half_bytes(dtype) != 0 && dtype != "float32");
+}
+
+float as_dumped(float value, const std::string& dtype) {
+  const int halves = half_bytes(dtype);
+  if (halves == 0 || halves == 8) return value;
+  const int bits = halves * 4;
+  const uint32_t code = TensorDump::to_code(value) & ((1u << bits) - 1);
+  return dtype[0] == 'i' ? signed_code(code, bits) : static_cast<float>(code);
 }
 
 bool read_dump_index(const std::string& dir, const std::string& manifest_path,

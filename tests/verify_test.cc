@@ -9,6 +9,7 @@
 
 #include "graph_executor.h"
 #include "kovraexecutor/compare.h"
+#include "support/test_ops.h"
 #include "support/test_util.h"
 
 namespace kovra_test {
@@ -288,6 +289,47 @@ TEST(VerifyTest, RefusesWhatItCannotRun) {
     testing::internal::GetCapturedStdout();
     EXPECT_EQ(error, c.message);
   }
+}
+
+// Values as a dump of each type holds them, worked by hand.
+TEST(VerifyTest, ValuesAsDumped) {
+  const struct {
+    float value;
+    const char* dtype;
+    float dumped;
+  } cases[] = {
+      {2.7f, "uint16", 2}, {-0.5f, "uint16", 0}, {-1, "uint16", 65535},     {-1, "int16", -1},
+      {-1, "uint8", 255},  {300, "int8", 44},    {-3.9f, "int8", -3},       {-1, "int4x2", -1},
+      {9, "int4x2", -7},   {9, "uint4x2", 9},    {0.25f, "float32", 0.25f}, {0.25f, "npy", 0.25f},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(kx::as_dumped(c.value, c.dtype), c.dumped) << c.value << " " << c.dtype;
+}
+
+// A run verified against its own dump is equal everywhere, although the 16-bit node's dump
+// truncates fractions and the unsigned one wraps negative codes; the int8 node reads them back.
+TEST(VerifyTest, OwnDumpOfNarrowCodesIsEqual) {
+  TempDir host;
+  const GraphDef graph = parse_text_graph(
+      "node { name: \"input\" op: \"TestSum\" } "
+      "node { name: \"h\" op: \"TestSum\" input: \"input\" attr { key: \"output_bitwidth\" value { i: 16 } } "
+      "} "
+      "node { name: \"s\" op: \"TestSum\" input: \"h\" attr { key: \"output_bitwidth\" value { i: 8 } } "
+      "attr { key: \"minValue\" value { i: -128 } } }");
+  GraphExecutor executor(&graph, CPU);
+  executor.set_dump_folder(host.path());
+  Tensor x = make_tensor({1, 5}, {-1, 2.5f, -0.5f, 300, 7});
+  executor.set_input("input", &x);
+  testing::internal::CaptureStdout();
+  executor.work({}, "");
+  testing::internal::GetCapturedStdout();
+  kx::VerifyReport report;
+  std::string error;
+  testing::internal::CaptureStdout();
+  ASSERT_TRUE(kx::verify_model(graph, host.path(), {{"input", &x}}, kx::VerifySettings(), report, error))
+      << error;
+  testing::internal::GetCapturedStdout();
+  expect_nodes(report, {{"h", "ok", "ok"}, {"s", "ok", "ok"}});  // the fed input is not computed
 }
 
 }  // namespace

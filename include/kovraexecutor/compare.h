@@ -43,6 +43,10 @@ KOVRA_API bool read_dump_index(const std::string& dir, const std::string& manife
 KOVRA_API bool load_dump_tensor(const std::string& dir, DumpTensor& tensor, std::string& error);
 // Whether a dump type holds integer codes rather than floats.
 KOVRA_API bool is_code_dtype(const std::string& dtype);
+// `value` as a dump of `dtype` holds it: a code is truncated toward zero and
+// wrapped to the type's width (read back signed for the signed types); floats
+// are kept.
+KOVRA_API float as_dumped(float value, const std::string& dtype);
 
 // Reads the dumped .bin file arg.path as the tensor the line for arg.name in
 // `manifest` describes (shape, element type), converted back to the values the
