@@ -44,6 +44,7 @@ bool verify_model(const GraphDef& graph, const std::string& reference,
                   const std::map<std::string, const Tensor*>& inputs, const VerifySettings& settings,
                   VerifyReport& report, std::string& error) {
   report = VerifyReport();
+  error.clear();  // the loaders below report through it
   std::vector<DumpTensor> listed;
   if (!read_dump_index(reference, settings.manifest, listed, error)) return false;
   std::map<std::string, DumpTensor*> by_name;

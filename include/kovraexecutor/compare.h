@@ -128,8 +128,10 @@ struct VerifyReport {
 };
 
 // Runs every node of `graph` on the reference's values of its inputs and the
-// whole graph from `inputs` (missing graph inputs are taken from the
-// reference), comparing each node with the reference folder `reference`.
+// whole graph from `inputs` (float tensors by name, as load_inputs makes them;
+// missing graph inputs are taken from the reference), comparing each node with
+// the reference folder `reference`. Library errors while running follow the
+// error policy (errors.h).
 KOVRA_API bool verify_model(const ::kovra::trenkit::GraphDef& graph, const std::string& reference,
                             const std::map<std::string, const Tensor*>& inputs,
                             const VerifySettings& settings, VerifyReport& report, std::string& error);
