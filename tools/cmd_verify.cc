@@ -1,12 +1,12 @@
+#include <kovraexecutor/compare.h>
+#include <kovraexecutor/input_loader.h>
+#include <kovraexecutor/model_check.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
 #include <map>
 #include <memory>
-
-#include <kovraexecutor/compare.h>
-#include <kovraexecutor/input_loader.h>
-#include <kovraexecutor/model_check.h>
 
 #include "commands.h"
 #include "model_file.h"
@@ -19,14 +19,15 @@ namespace {
 
 const char* const kWhere = "kovra verify";
 
-void print_diff(const kx::TensorDiff& d) {
+// One difference's columns; `width` pads the last one (0 at the end of the row).
+void print_diff(const kx::TensorDiff& d, int width) {
   if (d.status == "shape") {
-    std::printf(" | %-42s",
+    std::printf(" | %-*s", width ? 42 : 0,
                 ("SHAPE " + kx::dims_text(d.shape_a) + " vs " + kx::dims_text(d.shape_b)).c_str());
     return;
   }
   const std::string counted = std::to_string(d.mismatches) + "/" + std::to_string(d.count);
-  std::printf(" | %12.6g %10.6f %10s %-8s", d.max_abs, d.cosine, counted.c_str(),
+  std::printf(" | %12.6g %10.6f %10s %-*s", d.max_abs, d.cosine, counted.c_str(), width,
               d.status == "ok" ? "ok" : "MISMATCH");
 }
 
@@ -66,8 +67,8 @@ int cmd_verify(const VerifyOptions& options) {
     for (size_t i = 0; i < report.nodes.size(); ++i) {
       const kx::VerifyNode& n = report.nodes[i];
       std::printf("%4zu  %-*s %-14s", i, width, n.name.c_str(), kx::dims_text(n.local.shape_b).c_str());
-      print_diff(n.local);
-      print_diff(n.accumulated);
+      print_diff(n.local, 8);
+      print_diff(n.accumulated, 0);
       std::printf("%s\n", n.name == report.first_local ? "  <-- computes differently" : "");
     }
     std::printf("%zu node(s) compared: %d locally out of tolerance, %d accumulated out of tolerance\n",
