@@ -286,6 +286,26 @@ std::string report_csv(const CompareReport& report) {
   return out;
 }
 
+std::string verify_json(const VerifyReport& report) {
+  std::string j = "{\"nodes\": [";
+  for (size_t i = 0; i < report.nodes.size(); ++i) {
+    const VerifyNode& n = report.nodes[i];
+    j += (i ? ",\n  " : "\n  ") + std::string("{\"name\": ") + quoted(n.name) + ", \"op\": " + quoted(n.op) +
+         ",\n   \"local\": " + json_record(n.local) + ",\n   \"accumulated\": " + json_record(n.accumulated) +
+         "}";
+  }
+  std::string unreferenced;
+  for (const std::string& name : report.unreferenced)
+    unreferenced += (unreferenced.empty() ? "" : ", ") + quoted(name);
+  j += "],\n \"compared\": " + std::to_string(report.nodes.size()) +
+       ", \"local_failed\": " + std::to_string(report.local_failed) +
+       ", \"accumulated_failed\": " + std::to_string(report.accumulated_failed) +
+       ", \"first_local\": " + (report.local_failed ? quoted(report.first_local) : "null") +
+       ", \"first_accumulated\": " + (report.accumulated_failed ? quoted(report.first_accumulated) : "null") +
+       ", \"unreferenced\": [" + unreferenced + "]}\n";
+  return j;
+}
+
 }  // namespace kovraexecutor
 }  // namespace trenkit
 }  // namespace kovra

@@ -13,6 +13,7 @@
 #include "kovraexecutor/compare.h"
 #include "kovraexecutor/input_loader.h"
 #include "kovraexecutor/npy.h"
+#include "tensor_dump.h"
 
 namespace kovra {
 namespace trenkit {
@@ -48,27 +49,9 @@ float signed_code(uint32_t code, int bits) {
   return static_cast<float>(static_cast<int32_t>((code ^ sign)) - static_cast<int32_t>(sign));
 }
 
-}  // namespace
-
-bool is_code_dtype(const std::string& dtype) {
-  return dtype == "npy-codes" || (half_bytes(dtype) != 0 && dtype != "float32");
-}
-
-bool read_dump_index(const std::string& dir, const std::string& manifest_path,
-                     std::vector<DumpTensor>& tensors, std::string& error) {
-  tensors.clear();
-  struct stat info;
-  if (::stat(dir.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
-    error = "'" + dir + "' is not a folder";
-    return false;
-  }
-  const std::string listed = manifest_path.empty() ? dir + "/manifest.tsv" : manifest_path;
-  std::set<std::string> files;
-  std::ifstream manifest(listed);
-  if (!manifest.is_open() && !manifest_path.empty()) {
-    error = "cannot read manifest '" + manifest_path + "'";
-    return false;
-  }
+// Appends the entries of the manifest at `path` whose files are not yet in `files`.
+bool read_manifest(const std::string& path, std::ifstream& manifest, std::set<std::string>& files,
+                   std::vector<DumpTensor>& tensors, std::string& error) {
   std::string line;
   for (int number = 1; std::getline(manifest, line); ++number) {
     if (line.empty() || line[0] == '#') continue;
@@ -76,7 +59,7 @@ bool read_dump_index(const std::string& dir, const std::string& manifest_path,
     DumpTensor tensor;
     if (fields.size() < 5 || !ends_with(fields[1], ".bin") ||
         !(fields[3] == "scalar" || parse_dims(fields[3], tensor.shape))) {
-      error = listed + ": malformed line " + std::to_string(number);
+      error = path + ": malformed line " + std::to_string(number);
       return false;
     }
     tensor.file = fields[1];
@@ -86,40 +69,11 @@ bool read_dump_index(const std::string& dir, const std::string& manifest_path,
     if (fields.size() > 6) tensor.op = fields[6];
     if (files.insert(tensor.file).second) tensors.push_back(tensor);
   }
-  DIR* handle = ::opendir(dir.c_str());
-  if (handle == nullptr) {
-    error = "cannot list folder '" + dir + "'";
-    return false;
-  }
-  std::vector<std::string> npy_files;
-  while (dirent* entry = ::readdir(handle)) {
-    const std::string name = entry->d_name;
-    if (ends_with(name, ".npy")) npy_files.push_back(name);
-  }
-  ::closedir(handle);
-  std::sort(npy_files.begin(), npy_files.end());
-  for (const std::string& name : npy_files) {
-    DumpTensor tensor;
-    tensor.file = name;
-    tensor.name = name.substr(0, name.size() - 4);
-    tensor.dtype = "npy";
-    if (files.insert(tensor.file).second) tensors.push_back(tensor);
-  }
   return true;
 }
 
-bool load_dump_tensor(const std::string& dir, DumpTensor& tensor, std::string& error) {
-  const std::string path = dir + "/" + tensor.file;
-  if (tensor.dtype == "npy") {
-    NpyArray array;
-    if (!read_npy(path, array, error)) return false;
-    tensor.shape = array.shape;
-    tensor.values = std::move(array.values);
-    // Integer arrays hold codes, whatever their width.
-    if (array.dtype.size() > 1 && (array.dtype[1] == 'i' || array.dtype[1] == 'u'))
-      tensor.dtype = "npy-codes";
-    return true;
-  }
+// Reads a raw dump file at `path` as tensor.dtype of tensor.shape.
+bool load_bin(const std::string& path, DumpTensor& tensor, std::string& error) {
   std::ifstream file(path, std::ios::binary);
   if (!file.is_open()) {
     error = path + ": cannot read file";
@@ -161,6 +115,132 @@ bool load_dump_tensor(const std::string& dir, DumpTensor& tensor, std::string& e
     value = is_signed ? signed_code(code, halves * 4) : static_cast<float>(code);
   }
   return true;
+}
+
+}  // namespace
+
+bool is_code_dtype(const std::string& dtype) {
+  return dtype == "npy-codes" || (half_bytes(dtype) != 0 && dtype != "float32");
+}
+
+float as_dumped(float value, const std::string& dtype) {
+  const int halves = half_bytes(dtype);
+  if (halves == 0 || halves == 8) return value;
+  const int bits = halves * 4;
+  const uint32_t code = TensorDump::to_code(value) & ((1u << bits) - 1);
+  return dtype[0] == 'i' ? signed_code(code, bits) : static_cast<float>(code);
+}
+
+bool read_dump_index(const std::string& dir, const std::string& manifest_path,
+                     std::vector<DumpTensor>& tensors, std::string& error) {
+  tensors.clear();
+  struct stat info;
+  if (::stat(dir.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+    error = "'" + dir + "' is not a folder";
+    return false;
+  }
+  const std::string listed = manifest_path.empty() ? dir + "/manifest.tsv" : manifest_path;
+  std::set<std::string> files;
+  std::ifstream manifest(listed);
+  if (!manifest.is_open() && !manifest_path.empty()) {
+    error = "cannot read manifest '" + manifest_path + "'";
+    return false;
+  }
+  if (!read_manifest(listed, manifest, files, tensors, error)) return false;
+  DIR* handle = ::opendir(dir.c_str());
+  if (handle == nullptr) {
+    error = "cannot list folder '" + dir + "'";
+    return false;
+  }
+  std::vector<std::string> npy_files;
+  while (dirent* entry = ::readdir(handle)) {
+    const std::string name = entry->d_name;
+    if (ends_with(name, ".npy")) npy_files.push_back(name);
+  }
+  ::closedir(handle);
+  std::sort(npy_files.begin(), npy_files.end());
+  for (const std::string& name : npy_files) {
+    DumpTensor tensor;
+    tensor.file = name;
+    tensor.name = name.substr(0, name.size() - 4);
+    tensor.dtype = "npy";
+    if (files.insert(tensor.file).second) tensors.push_back(tensor);
+  }
+  return true;
+}
+
+bool load_dump_tensor(const std::string& dir, DumpTensor& tensor, std::string& error) {
+  const std::string path = dir + "/" + tensor.file;
+  if (tensor.dtype == "npy") {
+    NpyArray array;
+    if (!read_npy(path, array, error)) return false;
+    tensor.shape = array.shape;
+    tensor.values = std::move(array.values);
+    // Integer arrays hold codes, whatever their width.
+    if (array.dtype.size() > 1 && (array.dtype[1] == 'i' || array.dtype[1] == 'u'))
+      tensor.dtype = "npy-codes";
+    return true;
+  }
+  return load_bin(path, tensor, error);
+}
+
+bool load_dumped_input(const InputArg& arg, const std::string& manifest_path, std::unique_ptr<Tensor>& tensor,
+                       std::string& error) {
+  std::ifstream manifest(manifest_path);
+  if (!manifest.is_open()) {
+    error = "cannot read manifest '" + manifest_path + "'";
+    return false;
+  }
+  std::set<std::string> files;
+  std::vector<DumpTensor> listed;
+  if (!read_manifest(manifest_path, manifest, files, listed, error)) return false;
+  const auto found =
+      std::find_if(listed.begin(), listed.end(), [&](const DumpTensor& t) { return t.name == arg.name; });
+  if (found == listed.end()) {
+    error = "manifest '" + manifest_path + "' has no line for '" + arg.name + "'";
+    return false;
+  }
+  DumpTensor dumped = *found;
+  if (!load_bin(arg.path, dumped, error)) return false;
+  tensor = tensor_of(arg.name, dumped.shape, dumped.values);
+  return true;
+}
+
+std::unique_ptr<Tensor> tensor_of(const std::string& name, std::vector<int> shape,
+                                  const std::vector<float>& values) {
+  // A tensor is never sized by an empty shape: a scalar is one element.
+  if (shape.empty()) shape.push_back(1);
+  std::unique_ptr<Tensor> tensor(new Tensor(shape, Tensor::DT_FLOAT, nullptr, "cpu"));
+  tensor->set_name(name);
+  if (!values.empty())
+    std::memcpy(tensor->mutable_data<float>(), values.data(), values.size() * sizeof(float));
+  return tensor;
+}
+
+bool load_inputs(const std::vector<InputArg>& input_args, const std::string& manifest,
+                 std::vector<std::unique_ptr<Tensor>>& tensors, std::string& error) {
+  std::vector<InputArg> plain;
+  for (const InputArg& arg : input_args) {
+    if (!is_dumped_input(arg, manifest)) plain.push_back(arg);
+  }
+  if (!load_inputs(plain, tensors, error)) return false;
+  for (const InputArg& arg : input_args) {
+    if (!is_dumped_input(arg, manifest)) continue;
+    for (const auto& loaded : tensors) {
+      if (loaded->name() == arg.name) {
+        error = "input '" + arg.name + "' is given twice";
+        return false;
+      }
+    }
+    std::unique_ptr<Tensor> tensor;
+    if (!load_dumped_input(arg, manifest, tensor, error)) return false;
+    tensors.push_back(std::move(tensor));
+  }
+  return true;
+}
+
+bool is_dumped_input(const InputArg& arg, const std::string& manifest) {
+  return !manifest.empty() && arg.dims.empty() && ends_with(arg.path, ".bin");
 }
 
 }  // namespace kovraexecutor

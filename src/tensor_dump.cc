@@ -24,15 +24,6 @@ std::string shape_text(const std::vector<int>& shape, const char* separator) {
   return text;
 }
 
-// Truncates toward zero and wraps to the register width, as the chip stores codes;
-// values outside the 32-bit range saturate first so the conversion is defined.
-uint32_t to_code(float v) {
-  if (!(v == v)) return 0;
-  if (v >= 2147483647.0f) return 0x7fffffffu;
-  if (v <= -2147483648.0f) return 0x80000000u;
-  return static_cast<uint32_t>(static_cast<int32_t>(v));
-}
-
 bool make_dirs(const std::string& path) {
   std::string partial;
   for (size_t i = 0; i <= path.size(); ++i) {
@@ -65,6 +56,15 @@ void TensorDump::begin_run() {
   manifest_started_ = false;
   order_ = 0;
   files_.clear();
+}
+
+// Truncates toward zero and wraps to the register width, as the chip stores codes;
+// values outside the 32-bit range saturate first so the conversion is defined.
+uint32_t TensorDump::to_code(float v) {
+  if (!(v == v)) return 0;
+  if (v >= 2147483647.0f) return 0x7fffffffu;
+  if (v <= -2147483648.0f) return 0x80000000u;
+  return static_cast<uint32_t>(static_cast<int32_t>(v));
 }
 
 std::string TensorDump::sanitize(const std::string& name) {
@@ -110,18 +110,18 @@ void TensorDump::operator()(const Tensor* tensor, int bitwidth, bool is_input, c
     stored = is_signed ? "int4x2" : "uint4x2";
     bytes.assign(static_cast<size_t>((count + 1) / 2), 0);
     for (int i = 0; i < count; ++i) {
-      const unsigned nibble = to_code(values[i]) & 0xfu;
+      const unsigned nibble = TensorDump::to_code(values[i]) & 0xfu;
       bytes[i / 2] |= static_cast<unsigned char>(i % 2 == 0 ? nibble << 4 : nibble);
     }
   } else if (bitwidth <= 8) {
     stored = is_signed ? "int8" : "uint8";
     bytes.resize(static_cast<size_t>(count));
-    for (int i = 0; i < count; ++i) bytes[i] = static_cast<unsigned char>(to_code(values[i]));
+    for (int i = 0; i < count; ++i) bytes[i] = static_cast<unsigned char>(TensorDump::to_code(values[i]));
   } else if (bitwidth <= 16) {
     stored = is_signed ? "int16" : "uint16";
     bytes.resize(static_cast<size_t>(count) * 2);
     for (int i = 0; i < count; ++i) {
-      const uint32_t code = to_code(values[i]);
+      const uint32_t code = TensorDump::to_code(values[i]);
       bytes[2 * i] = static_cast<unsigned char>(code & 0xff);
       bytes[2 * i + 1] = static_cast<unsigned char>((code >> 8) & 0xff);
     }

@@ -1,6 +1,7 @@
 #ifndef KOVRAEXECUTOR_TENSOR_DUMP_H_
 #define KOVRAEXECUTOR_TENSOR_DUMP_H_
 
+#include <cstdint>
 #include <fstream>
 #include <set>
 #include <string>
@@ -41,6 +42,8 @@ class TensorDump {
                   bool is_signed = false);
 
   static std::string sanitize(const std::string& name);
+  // A value as its code is stored: truncated toward zero, wrapped to 32 bits.
+  static uint32_t to_code(float v);
 
  private:
   bool _ensure_folder();

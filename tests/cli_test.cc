@@ -174,6 +174,9 @@ TEST_P(BadInvocationTest, ExitCodeAndLine) {
   spit(dir.file("chain.pbtxt"), R"(node { name: "input" op: "ZxxNOp" }
                                  node { name: "a" op: "ZxxFlatten" input: "input" }
                                  node { name: "b" op: "ZxxFlatten" input: "a" })");
+  // Manifests for in.bin fed back as a dumped tensor: one without 'a', one with a size it does not have.
+  spit(dir.file("other.tsv"), "0\tz.bin\tz\t1x4\tint8\t8\tZxxFlatten\n");
+  spit(dir.file("small.tsv"), "0\ta.bin\ta\t1x2x2x1\tint8\t8\tZxxFlatten\n");
   const Result r = kovra(substitute(GetParam().args, dir.path()));
   EXPECT_EQ(r.code, GetParam().code) << r.out;
   EXPECT_TRUE(has_line(r.out, substitute(GetParam().line, dir.path()))) << r.out;
@@ -196,7 +199,7 @@ const BadCase kBadCases[] = {
     {"HelpCompare", "compare --help", 0, "Usage: kovra compare [OPTIONS] A B"},
     {"UnknownCommand", "frob", 2,
      "kovra: unknown command 'frob' (commands: run, check, inspect, convert, protect, unprotect, "
-     "compare)"},
+     "compare, verify)"},
     {"UnknownFlag", "run {dir}/p.pbtxt --bogus", 2,
      std::string("kovra run: The following argument was not expected: --bogus") + kRunHint},
     {"NoModel", "run", 2, std::string("kovra run: model is required") + kRunHint},
@@ -322,6 +325,24 @@ const BadCase kBadCases[] = {
     {"CompareMissingManifest", "compare {dir}/sub {dir} --manifest {dir}/none.tsv", 2,
      "kovra compare: cannot read manifest '{dir}/none.tsv'"},
     {"CompareMissingFolder", "compare {dir}", 2, "kovra compare: B is required (see 'kovra compare --help')"},
+    {"RunDumpNotInManifest", "run {dir}/chain.pbtxt --start b -i a={dir}/in.bin --manifest {dir}/other.tsv",
+     2, "kovra run: manifest '{dir}/other.tsv' has no line for 'a'"},
+    {"RunDumpWrongSize", "run {dir}/chain.pbtxt --start b -i a={dir}/in.bin --manifest {dir}/small.tsv", 2,
+     "kovra run: {dir}/in.bin: holds 16 bytes but int8 of shape 1x2x2x1 needs 4"},
+    {"HelpVerify", "verify --help", 0, "Usage: kovra verify [OPTIONS] model reference"},
+    {"VerifyNotAFolder", "verify {dir}/chain.pbtxt {dir}/none -i input={dir}/in.npy", 2,
+     "kovra verify: '{dir}/none' is not a folder"},
+    {"VerifyUnknownStart", "verify {dir}/chain.pbtxt {dir}/sub --start nope", 2,
+     "kovra verify: the model has no node 'nope'"},
+    {"VerifyNoInput", "verify {dir}/chain.pbtxt {dir}/sub", 2,
+     "kovra verify: no data for input 'input': give it, or a reference that holds it"},
+    {"VerifyBadInputText", "verify {dir}/chain.pbtxt {dir}/sub -i input", 2,
+     "kovra verify: bad input 'input': expected NAME=PATH or NAME=PATH:DIMS"},
+    {"VerifyMissingModel", "verify {dir}/none.pb {dir}/sub", 2,
+     "kovra verify: cannot read model file '{dir}/none.pb'"},
+    {"VerifyInputNotInManifest",
+     "verify {dir}/chain.pbtxt {dir}/sub -i input={dir}/in.bin --manifest {dir}/other.tsv", 2,
+     "kovra verify: manifest '{dir}/other.tsv' has no line for 'input'"},
 };
 
 INSTANTIATE_TEST_SUITE_P(AllCases, BadInvocationTest, ::testing::ValuesIn(kBadCases),
@@ -596,6 +617,60 @@ TEST(CompareTest, ReadsTheChipsBinFilesWithTheHostManifest) {
   }
 }
 
+// A float chain dumped, one layer of the reference changed: verify names that layer; a dumped
+// tensor fed back at a start inside the graph gives the run's own downstream values.
+TEST(CliTest, VerifyNamesTheLayerAndDumpsFeedBack) {
+  TempDir dir;
+  std::string chain = "node { name: \"input\" op: \"ZxxNOp\" }";
+  const char* layers[][3] = {{"f1", "input", "0.5"}, {"f2", "f1", "3"}, {"f3", "f2", "0.25"}};
+  for (const auto& l : layers) {
+    chain += std::string(" node { name: \"") + l[0] + "\" op: \"Z40Dequantize\" input: \"" + l[1] +
+             "\" attr { key: \"QSCALE\" value { list { f: " + l[2] + " f: " + l[2] + " f: " + l[2] +
+             " f: " + l[2] +
+             " } } } attr { key: \"offset\" value { i: 0 } }"
+             " attr { key: \"output_bitwidth\" value { i: 32 } } }";
+  }
+  spit(dir.file("m.pbtxt"), chain);
+  write_floats(dir.file("in.npy"), {1, 1, 1, 4}, {1, -2, 3, 4});
+  const std::string model = dir.file("m.pbtxt") + " -i input=" + dir.file("in.npy");
+  Result r = kovra("run -q " + model + " --dump " + dir.file("host"));
+  ASSERT_EQ(r.code, 0) << r.out;
+  // f1 = .5, -1, 1.5, 2; f2 = 1.5, -3, 4.5, 6; f3 = .375, -.75, 1.125, 1.5.
+  EXPECT_TRUE(has_line(r.out, "f3  shape=1x1x1x4  min=-0.75  max=1.5  mean=0.5625")) << r.out;
+  r = kovra("run " + dir.file("m.pbtxt") + " -q --start f3 -i f2=" + dir.file("host/f2.bin") +
+            " --manifest " + dir.file("host/manifest.tsv"));
+  EXPECT_EQ(r.code, 0) << r.out;
+  EXPECT_TRUE(has_line(r.out, "f3  shape=1x1x1x4  min=-0.75  max=1.5  mean=0.5625")) << r.out;
+
+  r = kovra("verify " + model + " " + dir.file("host"));
+  EXPECT_EQ(r.code, 0) << r.out;
+  EXPECT_TRUE(
+      has_line(r.out, "3 node(s) compared: 0 locally out of tolerance, 0 accumulated out of tolerance"))
+      << r.out;
+  ASSERT_EQ(::mkdir(dir.file("ref").c_str(), 0755), 0);
+  for (const char* name : {"f1.bin", "manifest.tsv"}) {
+    spit(dir.file(std::string("ref/") + name), slurp(dir.file(std::string("host/") + name)));
+  }
+  // The reference's f2 computes 7 instead of 6; its f3 is computed from that.
+  const float f2[4] = {1.5f, -3, 4.5f, 7}, f3[4] = {0.375f, -0.75f, 1.125f, 1.75f};
+  spit(dir.file("ref/f2.bin"), std::string(reinterpret_cast<const char*>(f2), sizeof f2));
+  spit(dir.file("ref/f3.bin"), std::string(reinterpret_cast<const char*>(f3), sizeof f3));
+  r = kovra("verify " + model + " " + dir.file("ref"));
+  EXPECT_EQ(r.code, 1) << r.out;
+  EXPECT_TRUE(
+      has_line(r.out, "3 node(s) compared: 1 locally out of tolerance, 2 accumulated out of tolerance"))
+      << r.out;
+  EXPECT_TRUE(has_line(r.out, "first node that computes differently: f2")) << r.out;
+  EXPECT_NE(r.out.find("  <-- computes differently"), std::string::npos) << r.out;
+  r = kovra("verify " + model + " " + dir.file("ref") + " --json -");
+  EXPECT_EQ(r.code, 1) << r.out;
+  EXPECT_NE(r.out.find("\"first_local\": \"f2\", \"first_accumulated\": \"f2\""), std::string::npos) << r.out;
+  EXPECT_EQ(r.out.find("verifying"), std::string::npos) << r.out;
+  r = kovra("verify " + model + " " + dir.file("ref") + " --json " + dir.file("no/v.json"));
+  EXPECT_EQ(r.code, 2) << r.out;
+  EXPECT_TRUE(has_line(r.out, "kovra verify: cannot write '" + dir.file("no/v.json") + "'")) << r.out;
+}
+
 TEST(CompareTest, BrokenFoldersFailWithOneLine) {
   TempDir good;
   write_floats(good.file("t.npy"), {2}, {1, 2});
@@ -717,6 +792,28 @@ TEST_P(ExampleTest, OutputMatchesTheIndependentReference) {
       << summary.out;
 }
 
+// A run verified against its own dump is clean, and a dumped tensor (int8 codes for the int8
+// model) fed back at a start inside the graph gives the same output bytes.
+TEST_P(ExampleTest, OwnDumpVerifiesCleanAndFeedsBack) {
+  TempDir dir;
+  const bool is_float = std::string(GetParam().name) == "float";
+  ASSERT_EQ(
+      kovra("run " + model() + " " + input() + " --dump " + dir.file("d") + " --out-dir " + dir.file("o"))
+          .code,
+      0);
+  Result r = kovra("verify " + model() + " " + dir.file("d") + " " + input());
+  EXPECT_EQ(r.code, 0) << r.out;
+  EXPECT_TRUE(
+      has_line(r.out, std::string(is_float ? "3" : "4") +
+                          " node(s) compared: 0 locally out of tolerance, 0 accumulated out of tolerance"))
+      << r.out;
+  r = kovra("run " + model() + " --start " + (is_float ? "pool1" : "conv2") +
+            " -i conv1=" + dir.file("d/conv1.bin") + " --manifest " + dir.file("d/manifest.tsv") +
+            " --out-dir " + dir.file("s"));
+  ASSERT_EQ(r.code, 0) << r.out;
+  EXPECT_EQ(slurp(dir.file("s/") + GetParam().output_file), slurp(dir.file("o/") + GetParam().output_file));
+}
+
 // Dumping, profiling, tracing, inplace mode and thread counts never change a bit; the dump folders
 // hold a manifest and compare clean with each other until one tensor is perturbed.
 TEST_P(ExampleTest, ObservingTheRunNeverChangesAnOutput) {
@@ -817,8 +914,9 @@ TEST_P(ExampleTest, ObservingTheRunNeverChangesAnOutput) {
   ASSERT_EQ(kovra(base + dir.file("o") + " --output " + end + " --dump " + dir.file("d")).code, 0);
   r = kovra("compare " + dir.file("d") + " " + dir.file("o") + " --rtol 0 --atol 0");
   EXPECT_EQ(r.code, 0) << r.out;
-  EXPECT_TRUE(has_line(r.out, "1 tensor(s) compared, 0 out of tolerance; " + std::to_string(is_float ? 1 : 2) +
-                                  " only in " + dir.file("d") + ", 0 only in " + dir.file("o")))
+  EXPECT_TRUE(has_line(r.out, "1 tensor(s) compared, 0 out of tolerance; " +
+                                  std::to_string(is_float ? 1 : 2) + " only in " + dir.file("d") +
+                                  ", 0 only in " + dir.file("o")))
       << r.out;
 }
 

@@ -18,6 +18,7 @@ struct ArgsParser::Impl {
   CLI::App* protect = nullptr;
   CLI::App* unprotect = nullptr;
   CLI::App* compare = nullptr;
+  CLI::App* verify = nullptr;
   CLI::Option* repeat = nullptr;
 };
 
@@ -113,6 +114,9 @@ ArgsParser::ArgsParser() : impl_(new Impl) {
                   "refuse a run whose tensors would hold more than SIZE bytes at once (K, M, G; default 8G)")
       ->type_name("SIZE");
   run->add_flag("-q,--quiet", run_.quiet, "print no banner and no log lines (errors still)");
+  run->add_option("--manifest", run_.manifest,
+                  "dump manifest giving the shape and type of -i NAME=FILE.bin inputs (dumped tensors)")
+      ->type_name("FILE");
 
   CLI::App* check = impl_->check = app.add_subcommand(
       "check", "report every problem and warning of a model without running it; exit 1 on problems");
@@ -161,6 +165,22 @@ ArgsParser::ArgsParser() : impl_(new Impl) {
   compare->add_option("--per-channel", compare_.per_channel, "break this node's tensor down by channel");
   compare->add_option("--json", compare_.json, "also write the records as JSON to this file ('-': stdout)");
   compare->add_option("--csv", compare_.csv, "also write the records as CSV to this file ('-': stdout)");
+
+  CLI::App* verify = impl_->verify = app.add_subcommand(
+      "verify", "run each node on a reference's inputs and find the node that computes differently");
+  verify->add_option("model", verify_.model, "model file")->required();
+  verify->add_option("reference", verify_.reference, "reference dump folder")->required();
+  verify->add_option("-i,--input", raw_inputs_, "graph input, as for run (default: from the reference)")
+      ->allow_extra_args(false)
+      ->type_name("NAME=PATH[:DIMS]");
+  verify->add_option("--start", raw_starts_, "start nodes, comma separated (default: graph inputs)")
+      ->type_name("NODE,...");
+  verify->add_option("--output", verify_.output, "end node (default: every node without consumers)");
+  verify->add_option("--manifest", verify_.manifest,
+                     "manifest.tsv describing a reference of raw .bin files (and dumped -i inputs)");
+  verify->add_option("--json", verify_.json, "also write the records as JSON to this file ('-': stdout)");
+  verify->add_option("--rtol", verify_.rtol, "relative tolerance")->check(kTolerance);
+  verify->add_option("--atol", verify_.atol, "absolute tolerance")->check(kTolerance);
 }
 
 ArgsParser::~ArgsParser() = default;
@@ -193,22 +213,25 @@ int ArgsParser::parse(int argc, const char* const* argv) {
     std::cerr << where << ": " << e.what() << " (see '" << where << " --help')" << std::endl;
     return 2;
   }
-  if (impl_->run->parsed()) {
-    command_ = Command::kRun;
+  if (impl_->run->parsed() || impl_->verify->parsed()) {
+    const bool is_run = impl_->run->parsed();
+    command_ = is_run ? Command::kRun : Command::kVerify;
+    std::vector<InputArg>& inputs = is_run ? run_.inputs : verify_.inputs;
+    std::vector<std::string>& starts = is_run ? run_.starts : verify_.starts;
     for (const std::string& text : raw_inputs_) {
       InputArg arg;
       std::string error;
       if (!parse_input_arg(text, arg, error)) {
-        std::cerr << "kovra run: " << error << std::endl;
+        std::cerr << where << ": " << error << std::endl;
         return 2;
       }
-      run_.inputs.push_back(arg);
+      inputs.push_back(arg);
     }
     size_t start = 0;
     while (!raw_starts_.empty() && start <= raw_starts_.size()) {
       size_t end = raw_starts_.find(',', start);
       if (end == std::string::npos) end = raw_starts_.size();
-      if (end > start) run_.starts.push_back(raw_starts_.substr(start, end - start));
+      if (end > start) starts.push_back(raw_starts_.substr(start, end - start));
       start = end + 1;
     }
     run_.profile = impl_->repeat->count() > 0;

@@ -27,6 +27,7 @@ struct RunOptions {
   int threads = 0;  // 0: leave the library's default
   bool quiet = false;  // no banner and no log lines
   long long max_memory = 0;  // bytes; 0: the library's default budget
+  std::string manifest;      // reads dumped .bin inputs by their manifest lines
 };
 
 // Shapes of the fed tensors by name, from -s NAME=DIMS.
@@ -68,11 +69,23 @@ struct CompareOptions {
   std::string csv;          // file for the CSV records, "-" for stdout
 };
 
+struct VerifyOptions {
+  std::string model;
+  std::string reference;  // dump folder, or raw .bin files read with `manifest`
+  std::vector<InputArg> inputs;
+  std::vector<std::string> starts;
+  std::string output;
+  std::string manifest;
+  std::string json;  // file for the JSON records, "-" for stdout
+  double rtol = 1e-5;
+  double atol = 1e-6;
+};
+
 // Command-line front end of the kovra tool: subcommands run, check, inspect,
 // convert, protect, unprotect and compare, each with its own --help.
 class ArgsParser {
  public:
-  enum class Command { kNone, kRun, kCheck, kInspect, kConvert, kProtect, kUnprotect, kCompare };
+  enum class Command { kNone, kRun, kCheck, kInspect, kConvert, kProtect, kUnprotect, kCompare, kVerify };
 
   ArgsParser();
   ~ArgsParser();
@@ -90,6 +103,7 @@ class ArgsParser {
   const ConvertOptions& convert() const { return convert_; }
   const CipherOptions& cipher() const { return cipher_; }
   const CompareOptions& compare() const { return compare_; }
+  const VerifyOptions& verify() const { return verify_; }
   std::string usage() const;
 
  private:
@@ -102,6 +116,7 @@ class ArgsParser {
   ConvertOptions convert_;
   CipherOptions cipher_;
   CompareOptions compare_;
+  VerifyOptions verify_;
   std::vector<std::string> raw_inputs_;
   std::string raw_starts_;
   std::string raw_max_memory_;

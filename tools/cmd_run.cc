@@ -5,6 +5,7 @@
 #include <memory>
 #include <set>
 
+#include <kovraexecutor/compare.h>
 #include <kovraexecutor/errors.h>
 #include <kovraexecutor/graph_executor.h>
 #include <kovraexecutor/input_loader.h>
@@ -89,6 +90,17 @@ void print_summary(const std::string& name, const std::vector<int>& shape,
 
 }  // namespace
 
+void quiet_messages() {
+  // Errors and warnings still show; the banner and log lines do not.
+  set_message_sink([](MessageLevel level, const std::string& text) {
+    if (level == MessageLevel::kError) {
+      std::fputs(error_line(text).c_str(), stdout);
+    } else if (level == MessageLevel::kWarning) {
+      std::printf("\033[1m\033[33mWarning: %s\033[0m\n", text.c_str());
+    }
+  });
+}
+
 int cmd_run(const RunOptions& options) {
   GraphDef graph;
   ModelFormat format;
@@ -135,7 +147,7 @@ int cmd_run(const RunOptions& options) {
     if (!given) return fail(kWhere, "no data for input '" + name + "' (give -i " + name + "=FILE)");
   }
   std::vector<std::unique_ptr<Tensor>> inputs;
-  if (!load_inputs(options.inputs, inputs, error)) return fail(kWhere, error);
+  if (!load_inputs(options.inputs, options.manifest, inputs, error)) return fail(kWhere, error);
   if (!options.out_dir.empty() && !make_dirs(options.out_dir)) {
     return fail(kWhere, "cannot create output folder '" + options.out_dir + "'");
   }
@@ -143,16 +155,7 @@ int cmd_run(const RunOptions& options) {
     return fail(kWhere, "cannot create dump folder '" + options.dump_dir + "'");
   }
 
-  if (options.quiet) {
-    // Errors and warnings still show; the banner and log lines do not.
-    set_message_sink([](MessageLevel level, const std::string& text) {
-      if (level == MessageLevel::kError) {
-        std::fputs(error_line(text).c_str(), stdout);
-      } else if (level == MessageLevel::kWarning) {
-        std::printf("\033[1m\033[33mWarning: %s\033[0m\n", text.c_str());
-      }
-    });
-  }
+  if (options.quiet) quiet_messages();
   if (options.threads > 0) GraphExecutor::set_num_threads(options.threads);
   std::unique_ptr<GraphExecutor> executor(format == ModelFormat::kProtected
                                               ? new GraphExecutor(options.model, CPU)

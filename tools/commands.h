@@ -16,6 +16,7 @@ using kovra::trenkit::kovraexecutor::CompareOptions;
 using kovra::trenkit::kovraexecutor::ConvertOptions;
 using kovra::trenkit::kovraexecutor::InspectOptions;
 using kovra::trenkit::kovraexecutor::RunOptions;
+using kovra::trenkit::kovraexecutor::VerifyOptions;
 
 // Exit codes of the tool.
 const int kExitOk = 0;
@@ -35,6 +36,9 @@ inline int fail(const std::string& where, const std::string& message) {
   return kExitUsage;
 }
 
+// Keeps the library's errors and warnings on stdout, drops its banner and log lines.
+void quiet_messages();
+
 int cmd_run(const RunOptions& options);
 int cmd_check(const CheckOptions& options);
 int cmd_inspect(const InspectOptions& options);
@@ -42,6 +46,7 @@ int cmd_convert(const ConvertOptions& options);
 int cmd_protect(const CipherOptions& options);
 int cmd_unprotect(const CipherOptions& options);
 int cmd_compare(const CompareOptions& options);
+int cmd_verify(const VerifyOptions& options);
 
 }  // namespace kovra_tool
 

@@ -30,6 +30,8 @@ int dispatch(const ArgsParser& parser) {
       return kovra_tool::cmd_unprotect(parser.cipher());
     case Command::kCompare:
       return kovra_tool::cmd_compare(parser.compare());
+    case Command::kVerify:
+      return kovra_tool::cmd_verify(parser.verify());
     case Command::kNone:
       break;
   }

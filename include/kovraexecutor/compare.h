@@ -2,10 +2,20 @@
 #define KOVRAEXECUTOR_COMPARE_H_
 
 #include <cstddef>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "export.h"
+#include "input_loader.h"
+#include "tensor.h"
+
+namespace kovra {
+namespace trenkit {
+class GraphDef;
+}  // namespace trenkit
+}  // namespace kovra
 
 namespace kovra {
 namespace trenkit {
@@ -33,6 +43,24 @@ KOVRA_API bool read_dump_index(const std::string& dir, const std::string& manife
 KOVRA_API bool load_dump_tensor(const std::string& dir, DumpTensor& tensor, std::string& error);
 // Whether a dump type holds integer codes rather than floats.
 KOVRA_API bool is_code_dtype(const std::string& dtype);
+// `value` as a dump of `dtype` holds it: a code is truncated toward zero and
+// wrapped to the type's width (read back signed for the signed types); floats
+// are kept.
+KOVRA_API float as_dumped(float value, const std::string& dtype);
+
+// Reads the dumped .bin file arg.path as the tensor the line for arg.name in
+// `manifest` describes (shape, element type), converted back to the values the
+// node computed, so a dump can feed a run that starts inside the graph.
+KOVRA_API bool load_dumped_input(const InputArg& arg, const std::string& manifest,
+                                 std::unique_ptr<Tensor>& tensor, std::string& error);
+// Whether load_inputs below reads `arg` through `manifest`: a .bin file given without DIMS.
+KOVRA_API bool is_dumped_input(const InputArg& arg, const std::string& manifest);
+// load_inputs of input_loader.h, reading dumped .bin files through `manifest` when one is given.
+KOVRA_API bool load_inputs(const std::vector<InputArg>& input_args, const std::string& manifest,
+                           std::vector<std::unique_ptr<Tensor>>& tensors, std::string& error);
+// A float tensor named `name` holding `values` (an empty shape is one element).
+KOVRA_API std::unique_ptr<Tensor> tensor_of(const std::string& name, std::vector<int> shape,
+                                            const std::vector<float>& values);
 
 // Differences of one tensor, A under test against B the reference.
 struct TensorDiff {
@@ -73,6 +101,41 @@ KOVRA_API bool compare_folders(const std::string& a, const std::string& b, const
 // The report as JSON and CSV (schema in docs/compare.md).
 KOVRA_API std::string report_json(const CompareReport& report);
 KOVRA_API std::string report_csv(const CompareReport& report);
+
+// One node of a verify run: its output computed from the reference's values of
+// its inputs (local) and from the graph inputs through the host's own results
+// (accumulated), each against the reference's tensor for the node.
+struct VerifyNode {
+  std::string name;
+  std::string op;
+  TensorDiff local, accumulated;
+};
+
+struct VerifySettings {
+  double rtol = 1e-5;
+  double atol = 1e-6;
+  std::string manifest;             // for a reference of raw .bin files
+  std::vector<std::string> starts;  // as GraphExecutor::work
+  std::string output;
+};
+
+struct VerifyReport {
+  std::vector<VerifyNode> nodes;  // execution order
+  int local_failed = 0, accumulated_failed = 0;
+  std::string first_local;                // the first node that computes differently
+  std::string first_accumulated;          // the first node whose result differs at all
+  std::vector<std::string> unreferenced;  // run but absent from the reference
+};
+
+// Runs every node of `graph` on the reference's values of its inputs and the
+// whole graph from `inputs` (float tensors by name, as load_inputs makes them;
+// missing graph inputs are taken from the reference), comparing each node with
+// the reference folder `reference`. Library errors while running follow the
+// error policy (errors.h).
+KOVRA_API bool verify_model(const ::kovra::trenkit::GraphDef& graph, const std::string& reference,
+                            const std::map<std::string, const Tensor*>& inputs,
+                            const VerifySettings& settings, VerifyReport& report, std::string& error);
+KOVRA_API std::string verify_json(const VerifyReport& report);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit
