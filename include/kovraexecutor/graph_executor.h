@@ -22,7 +22,9 @@ class Node;
 class NodeNameMap;
 class OpExecutor;
 
-enum DEVICE { CPU = 0, GPU = 1 };
+// Fixed to int: a value from outside (a config, a binding) may be any int, and
+// the executor refuses unknown ones with a message rather than in undefined behaviour.
+enum DEVICE : int { CPU = 0, GPU = 1 };
 
 // The public entry point: translates a model into a graph, takes input
 // tensors, runs the graph or a part of it and hands out tensors by node name.
