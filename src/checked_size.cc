@@ -8,16 +8,6 @@ namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-namespace {
-
-std::string shape_string(const std::vector<int>& shape) {
-  std::string text = "[";
-  for (size_t i = 0; i < shape.size(); ++i) text += (i ? "," : "") + std::to_string(shape[i]);
-  return text + "]";
-}
-
-}  // namespace
-
 long long shape_count(const std::vector<int>& shape) {
   long long count = 1;
   for (int d : shape) {
@@ -50,7 +40,7 @@ int padded_size(int in, int before, int after, const char* op) {
 int checked_count(const std::vector<int>& shape, const char* op) {
   const long long count = shape_count(shape);
   if (count >= 0) return static_cast<int>(count);
-  const std::string what = "element count of " + shape_string(shape);
+  const std::string what = "element count of " + shape_text(shape);
   check_failed_quoted("0 <= " + what + " <= 2147483647",
                       std::string(op) + ": " + what + " is negative or exceeds 2147483647");
 }

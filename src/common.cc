@@ -105,6 +105,12 @@ ScopedErrorContext::~ScopedErrorContext() {
   current_scope = previous_.scope;
 }
 
+std::string shape_text(const std::vector<int>& shape) {
+  std::string text = "[";
+  for (size_t i = 0; i < shape.size(); ++i) text += (i ? "," : "") + std::to_string(shape[i]);
+  return text + "]";
+}
+
 void print_error(const std::string& text) { emit(MessageLevel::kError, kErrorColor, "Error: ", text); }
 
 void fatal(const std::string& text) {

@@ -2,6 +2,7 @@
 #define KOVRAEXECUTOR_COMMON_H_
 
 #include <string>
+#include <vector>
 
 #include "errors.h"
 
@@ -19,6 +20,9 @@ extern const char* const kLogColor;      // bold green
 extern const char* const kColorReset;
 
 // "Error: <text>" in bold red; the caller decides whether to go on.
+// "[1,224,224,3]": how messages write a shape.
+std::string shape_text(const std::vector<int>& shape);
+
 void print_error(const std::string& text);
 // The one failure handler: "Error: <text>" in bold red, then abort() - or,
 // under ErrorPolicy::kThrow, Error with the text and the current node. A text

@@ -33,12 +33,6 @@ namespace {
 
 const char* const kNoGpu = "Your library don't compile with GPU.";
 
-std::string shape_text(const std::vector<int>& shape) {
-  std::string text;
-  for (size_t i = 0; i < shape.size(); ++i) text += (i ? "," : "") + std::to_string(shape[i]);
-  return "[" + text + "]";
-}
-
 }  // namespace
 
 GraphExecutor::GraphExecutor(const std::string& model_path, DEVICE device) {

@@ -180,10 +180,9 @@ void Node::_check_output_shape(int element_bytes) const {
   // byte size in an int as well.
   const long long count = shape_count(oshape_);
   if (count >= 0 && count * element_bytes <= kMaxTensorElements) return;
-  std::string text;
-  for (size_t i = 0; i < oshape_.size(); ++i) text += (i ? "," : "") + std::to_string(oshape_[i]);
-  if (count < 0) fatal("The node:" + name_ + " inferred an invalid output shape [" + text + "]");
-  fatal("The node:" + name_ + " inferred an output shape [" + text + "] of " +
+  const std::string text = shape_text(oshape_);
+  if (count < 0) fatal("The node:" + name_ + " inferred an invalid output shape " + text);
+  fatal("The node:" + name_ + " inferred an output shape " + text + " of " +
         std::to_string(count * element_bytes) + " bytes, more than the 2147483647 a tensor holds");
 }
 

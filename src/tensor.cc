@@ -36,12 +36,6 @@ int byte_size_of(Tensor::DataType type) {
   return -1;
 }
 
-std::string shape_text(const std::vector<int>& shape) {
-  std::string text;
-  for (size_t i = 0; i < shape.size(); ++i) text += (i ? "," : "") + std::to_string(shape[i]);
-  return "[" + text + "]";
-}
-
 // Element counts are 32-bit; a shape whose count does not fit is refused
 // rather than wrapped into a wrong buffer size.
 int product(const std::vector<int>& shape) {

@@ -60,15 +60,6 @@ Loops select_loops(BinaryFn fn) {
   return loops_for<PointerOp>();
 }
 
-std::string shape_text(const std::vector<int>& shape) {
-  std::string text = "[";
-  for (size_t i = 0; i < shape.size(); ++i) {
-    if (i > 0) text += ",";
-    text += std::to_string(shape[i]);
-  }
-  return text + "]";
-}
-
 [[noreturn]] void report_unsupported_broadcast(const Tensor& a, const Tensor& b) {
   fatal("unsupport broadcast\ntensor: " + a.name() + "  shape: " + shape_text(a.shape()) +
         "\ntensor: " + b.name() + "  shape: " + shape_text(b.shape()));

@@ -7,12 +7,6 @@ namespace kovra {
 namespace trenkit {
 namespace kovraexecutor {
 
-std::string shape_text(const std::vector<int>& shape) {
-  std::string text = "[";
-  for (size_t i = 0; i < shape.size(); ++i) text += (i ? "," : "") + std::to_string(shape[i]);
-  return text + "]";
-}
-
 void check_rank(const Tensor* input, int rank, const char* op) {
   KOVRA_ENSURE_MSG(input->dims() == rank, ("input->dims() == " + std::to_string(rank)).c_str(),
                    std::string(op) + " needs a " + std::to_string(rank) + "-D input but got " +

@@ -15,7 +15,6 @@ namespace kovraexecutor {
 // which execute makes sure it runs on what inference_shape prepared. Each
 // failure is a "Check failed" line naming the operator and the values.
 
-std::string shape_text(const std::vector<int>& shape);
 
 // The operator's input (or weight) is a float tensor of exactly `rank` dimensions.
 void check_rank(const Tensor* input, int rank, const char* op);

@@ -11,7 +11,8 @@ namespace trenkit {
 namespace kovraexecutor {
 
 namespace {
-std::string shape_text(const std::vector<int>& shape) {
+// The int8 operators' messages space their shapes: "[1, 4, 4, 3]".
+std::string spaced_shape_text(const std::vector<int>& shape) {
   std::string text = "[";
   for (size_t i = 0; i < shape.size(); ++i) text += (i ? ", " : "") + std::to_string(shape[i]);
   return text + "]";
@@ -45,8 +46,8 @@ void prepared_shape_failed(const Tensor* input, const std::vector<int>& prepared
     check_failed_quoted("input->shape() == prepared", std::string(op) + ": an input is missing");
   }
   check_failed_quoted("input->shape() == prepared", std::string(op) + ": " + input->name() + " has shape " +
-                                                        shape_text(input->shape()) +
-                                                        " but was prepared for " + shape_text(prepared));
+                                                        spaced_shape_text(input->shape()) +
+                                                        " but was prepared for " + spaced_shape_text(prepared));
 }
 
 const Tensor* prepared_input(const std::vector<const Tensor*>& inputs, const std::vector<int>& prepared,
