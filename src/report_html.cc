@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "kovraexecutor/compare.h"
+#include "kovraexecutor/input_loader.h"
 
 namespace kovra {
 namespace trenkit {
@@ -59,12 +60,6 @@ std::string shown(double v, const char* pattern = "%.6g") {
 
 // A coordinate: one decimal is finer than a pixel.
 std::string px(double v) { return format("%.1f", v); }
-
-std::string dims(const std::vector<int>& shape) {
-  std::string text;
-  for (size_t i = 0; i < shape.size(); ++i) text += (i ? "x" : "") + std::to_string(shape[i]);
-  return text.empty() ? "scalar" : text;
-}
 
 std::string index_text(const std::vector<int>& index) {
   std::string text = "(";
@@ -165,7 +160,7 @@ std::string panel_frame(double top, double height, const char* title, const char
 
 // Lines through the points of each series, broken where a layer has no value (NaN y).
 std::string plot_series(const std::vector<double>& xs, const std::vector<double>& ys, const Series& series,
-                        const char* what) {
+                        bool sqnr) {
   std::string s, run;
   auto flush = [&]() {
     if (!run.empty()) {
@@ -185,11 +180,15 @@ std::string plot_series(const std::vector<double>& xs, const std::vector<double>
   flush();
   for (size_t i = 0; i < xs.size(); ++i) {
     if (std::isnan(ys[i])) continue;
-    const bool fail = series.diffs[i]->status != "ok";
+    const TensorDiff& d = *series.diffs[i];
+    const bool fail = d.status != "ok";
+    // The value itself, when the pointer rests on the point.
+    const std::string value =
+        sqnr ? "SQNR " + shown(d.sqnr_db, "%.2f") + " dB"
+             : "mismatch rate " + std::to_string(d.mismatches) + " / " + std::to_string(d.count);
     s += "<circle cx=\"" + px(xs[i]) + "\" cy=\"" + px(ys[i]) + "\" r=\"" + (fail ? "4.5" : "3.5") +
          "\" fill=\"" + series.color + "\"" + (fail ? " stroke=\"#b71c1c\" stroke-width=\"2\"" : "") +
-         "><title>" + escape(series.diffs[i]->name) + " (" + series.name + "): " + what +
-         "</title></circle>\n";
+         "><title>" + escape(d.name) + " (" + series.name + "): " + value + "</title></circle>\n";
   }
   return s;
 }
@@ -281,8 +280,8 @@ std::string chart(const std::vector<std::string>& names, const std::vector<Serie
       sq[i] = none ? NAN : sqnr_y(d.sqnr_db);
       rt[i] = none ? NAN : rate_y(rate_of(d));
     }
-    s += plot_series(xs, sq, se, "SQNR");
-    s += plot_series(xs, rt, se, "mismatch rate");
+    s += plot_series(xs, sq, se, true);
+    s += plot_series(xs, rt, se, false);
   }
   // Layers whose shapes differ have no statistics.
   for (size_t i = 0; i < n; ++i) {
@@ -324,11 +323,12 @@ std::string num_cell(const std::string& text) { return "<td class=\"num\">" + te
 
 std::string diff_cells(const TensorDiff& d) {
   if (d.status == "shape") {
-    return "<td>shape</td><td colspan=\"9\">" + dims(d.shape_a) + " vs " + dims(d.shape_b) + "</td>";
+    return "<td>shape</td><td colspan=\"9\">" + dims_text(d.shape_a) + " vs " + dims_text(d.shape_b) +
+           "</td>";
   }
-  std::string s = "<td>" + d.status + "</td><td>" + dims(d.shape_a) + "</td>" + num_cell(shown(d.max_abs)) +
-                  num_cell(shown(d.mean_abs)) + num_cell(shown(d.rmse)) + num_cell(shown(d.cosine)) +
-                  num_cell(shown(d.sqnr_db, "%.2f")) +
+  std::string s = "<td>" + d.status + "</td><td>" + dims_text(d.shape_a) + "</td>" +
+                  num_cell(shown(d.max_abs)) + num_cell(shown(d.mean_abs)) + num_cell(shown(d.rmse)) +
+                  num_cell(shown(d.cosine)) + num_cell(shown(d.sqnr_db, "%.2f")) +
                   num_cell(std::to_string(d.mismatches) + " / " + std::to_string(d.count)) +
                   num_cell(index_text(d.worst_index) + " " + shown(d.worst_a) + " / " + shown(d.worst_b));
   if (d.codes) {
