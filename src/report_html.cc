@@ -255,9 +255,8 @@ std::string chart(const std::vector<std::string>& names, const std::vector<Serie
     s += text_at(legend_x + 28, 18, "start", se.name, " class=\"legend\"");
     legend_x += 40 + 7.0 * std::string(se.name).size();
   }
-  s += "<circle cx=\"" + px(legend_x + 11) +
-       "\" cy=\"14\" r=\"4.5\" fill=\"#fff\" stroke=\"#b71c1c\" "
-       "stroke-width=\"2\"/>\n";
+  const std::string ring = "\" cy=\"14\" r=\"4.5\" fill=\"#fff\" stroke=\"#b71c1c\" stroke-width=\"2\"/>\n";
+  s += "<circle cx=\"" + px(legend_x + 11) + ring;
   s += text_at(legend_x + 22, 18, "start", "out of tolerance", " class=\"legend\"");
 
   s += panel_frame(kSqnrTop, kSqnrHeight, "SQNR (dB)", "exact", "-inf/nan");
