@@ -291,8 +291,10 @@ std::string chart(const std::vector<std::string>& names, const std::vector<Serie
 
   // Layer names under the lower panel, slanted; thinned out when crowded.
   for (size_t i = 0; i < n; i += every) {
+    // Near the left edge a slanted name has less room (about 4.6 px of width a character).
+    const size_t room = std::min(longest_name, static_cast<size_t>(xs[i] / 4.6));
     std::string name = names[i];
-    if (name.size() > longest_name) name = name.substr(0, longest_name - 2) + "..";
+    if (name.size() > room) name = name.substr(0, room - 2) + "..";
     s += "<text x=\"" + px(xs[i]) + "\" y=\"" + px(label_top) +
          "\" text-anchor=\"end\" transform=\"rotate(-40 " + px(xs[i]) + " " + px(label_top) + ")\"" +
          (static_cast<int>(i) == marked ? " fill=\"#b71c1c\"" : "") + ">" + escape(name) + "</text>\n";
