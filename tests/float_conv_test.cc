@@ -243,6 +243,8 @@ std::vector<ConvCase> conv_cases() {
       Row("winograd_valid", 18, 12, 32, 32, 3, 3).valid(),
       Row("winograd_pad_value", 12, 13, 40, 32, 3, 3).pv(0.5f).act("LeakyRelu", 0.1f).no_bias(),
       Row("winograd_blocks", 40, 38, 32, 48, 3, 3).act("Relu", 1.0f),
+      // Blocks of 8 tiles for 272 outputs: 33 tiles leave one alone.
+      Row("winograd_lone_tile", 6, 22, 32, 272, 3, 3),
       // Depthwise: (ky, kx)-ordered taps per channel, multiplier 1 and 2.
       Row("dw_same_s1", 9, 20, 19, 19, 3, 3).dwise().pv(0.5f),
       Row("dw_same_s2_dilated", 12, 23, 33, 33, 3, 3).dwise().s(2, 2).d(2, 2).act("Relu6", 1.0f),

@@ -1,8 +1,9 @@
 #include "ops/kernels/winograd_f32.h"
 
 #include <algorithm>
-#include <cstring>
 
+#include "ops/kernels/winograd_f32_impl.h"
+#include "ops/kernels/x86/x86_kernels.h"
 #include "thread_pool.h"
 
 namespace kovra {
@@ -36,70 +37,9 @@ void patch_pointers(const WinogradPlan& plan, const float* input, int tile, cons
   }
 }
 
-// Four channels at a time in the compiler's portable vectors (SSE on any
-// x86-64), one at a time for the rest: the transforms are a few additions per
-// value and must not cost more than the products between them.
-typedef float F4 __attribute__((vector_size(16)));
-
-inline F4 load4(const float* p) {
-  F4 v;
-  std::memcpy(&v, p, sizeof v);
-  return v;
-}
-inline void store4(float* p, F4 v) { std::memcpy(p, &v, sizeof v); }
-
-// V = B^T d B, B^T = [1 0 -1 0; 0 1 1 0; 0 -1 1 0; 0 1 0 -1], on values of
-// type V (F4 or float) loaded and stored by the given functions.
-template <typename V, typename Load, typename Store>
-inline void input_tile(Load load, Store store) {
-  V d[16], t[16];
-  for (int p = 0; p < 16; ++p) d[p] = load(p);
-  for (int j = 0; j < 4; ++j) {
-    t[0 + j] = d[0 + j] - d[8 + j];
-    t[4 + j] = d[4 + j] + d[8 + j];
-    t[8 + j] = d[8 + j] - d[4 + j];
-    t[12 + j] = d[4 + j] - d[12 + j];
-  }
-  for (int i = 0; i < 4; ++i) {
-    const V* r = t + i * 4;
-    store(i * 4 + 0, r[0] - r[2]);
-    store(i * 4 + 1, r[1] + r[2]);
-    store(i * 4 + 2, r[2] - r[1]);
-    store(i * 4 + 3, r[1] - r[3]);
-  }
-}
-
-// Every channel of a tile; position p of the result goes to v + p * stride.
-void transform_input(const float* const taps[16], int C, float* v, size_t stride) {
-  int c = 0;
-  for (; c + 4 <= C; c += 4) {
-    input_tile<F4>([&](int p) { return load4(taps[p] + c); },
-                   [&](int p, F4 x) { store4(v + p * stride + c, x); });
-  }
-  for (; c < C; ++c) {
-    input_tile<float>([&](int p) { return taps[p][c]; }, [&](int p, float x) { v[p * stride + c] = x; });
-  }
-}
-
-// Y = A^T m A + bias with A^T = [1 1 1 0; 0 1 -1 -1]; y0 and y1 are the rows.
-template <typename V, typename Load>
-inline void output_tile(Load load, V bias, V y[4]) {
-  V s[8];
-  for (int j = 0; j < 4; ++j) {
-    const V m0 = load(0 + j), m1 = load(4 + j), m2 = load(8 + j), m3 = load(12 + j);
-    s[j] = m0 + m1 + m2;
-    s[4 + j] = m1 - m2 - m3;
-  }
-  for (int i = 0; i < 2; ++i) {
-    const V* r = s + i * 4;
-    y[i * 2 + 0] = r[0] + r[1] + r[2] + bias;
-    y[i * 2 + 1] = r[1] - r[2] - r[3] + bias;
-  }
-}
-
 // One tile's outputs that lie inside the image, each then activated.
-void transform_output(const WinogradPlan& plan, const float* m, size_t stride, int tile, const float* bias,
-                      float* output) {
+void transform_output(const WinogradF32Kernels& kernels, const WinogradPlan& plan, const float* m,
+                      size_t stride, int tile, const float* bias, float* output) {
   const ConvGeometry& g = plan.g;
   const int K = g.out_c;
   const int n = tile / plan.tiles;
@@ -114,28 +54,43 @@ void transform_output(const WinogradPlan& plan, const float* m, size_t stride, i
       out[i * 2 + j] = output + ((static_cast<size_t>(n) * g.out_h + oy + i) * g.out_w + ox + j) * K;
     }
   }
-  int k = 0;
-  for (; k + 4 <= K; k += 4) {
-    F4 y[4];
-    output_tile<F4>([&](int p) { return load4(m + p * stride + k); }, load4(bias + k), y);
-    for (int q = 0; q < 4; ++q) {
-      if (out[q] != nullptr) store4(out[q] + k, y[q]);
-    }
-  }
-  for (; k < K; ++k) {
-    float y[4];
-    output_tile<float>([&](int p) { return m[p * stride + k]; }, bias[k], y);
-    for (int q = 0; q < 4; ++q) {
-      if (out[q] != nullptr) out[q][k] = y[q];
-    }
-  }
+  kernels.output(m, stride, K, bias, out);
   if (g.activate == activation_null) return;
   for (float* o : out) {
     if (o != nullptr) g.activate(o, K, g.alpha);
   }
 }
 
+const WinogradF32Kernels kVariants[] = {
+    {KernelIsa::kPortable, "winograd_f23_f32_x4_portable", winograd_f23_input_f32_x4_portable,
+     winograd_f23_output_f32_x4_portable},
+    {KernelIsa::kAvx2, "winograd_f23_f32_x8_avx2", winograd_f23_input_f32_x8_avx2,
+     winograd_f23_output_f32_x8_avx2},
+    {KernelIsa::kAvx512, "winograd_f23_f32_x16_avx512", winograd_f23_input_f32_x16_avx512,
+     winograd_f23_output_f32_x16_avx512},
+};
+
 }  // namespace
+
+const KernelTable<WinogradF32Kernels>& winograd_f32_kernels() {
+  static const KernelTable<WinogradF32Kernels> table(kVariants);
+  return table;
+}
+
+// Four channels at a time in the compiler's portable vectors (SSE on any
+// x86-64); the wider variants do the same operations on more channels.
+namespace {
+typedef float F4 __attribute__((vector_size(16)));
+}  // namespace
+
+void winograd_f23_input_f32_x4_portable(const float* const taps[16], int C, float* v, size_t stride) {
+  winograd_detail::input_channels<F4>(taps, C, v, stride);
+}
+
+void winograd_f23_output_f32_x4_portable(const float* m, size_t stride, int K, const float* bias,
+                                         float* const out[4]) {
+  winograd_detail::output_channels<F4>(m, stride, K, bias, out);
+}
 
 bool winograd_f23_applies(const ConvGeometry& g) {
   if (g.kernel_h != 3 || g.kernel_w != 3 || g.stride_h != 1 || g.stride_w != 1 || g.dilation_h != 1 ||
@@ -145,7 +100,7 @@ bool winograd_f23_applies(const ConvGeometry& g) {
   // Few channels leave the products too short to pay for the transforms;
   // few output blocks read more transformed weights than they save.
   const long long blocks = static_cast<long long>(g.batch) * ((g.out_h + 1) / 2) * ((g.out_w + 1) / 2);
-  return g.in_c >= 32 && g.out_c >= 32 && blocks >= 16;
+  return g.in_c >= 32 && g.out_c >= 32 && blocks >= 32;
 }
 
 void prepare_winograd_f23(const ConvGeometry& g, WinogradPlan* plan) {
@@ -166,8 +121,8 @@ void transform_winograd_weights(const float* weight, int in_c, int out_c, uint64
                                 WinogradWeights* cache) {
   if (cache->version == version && version != 0) return;
   const size_t plane = static_cast<size_t>(in_c) * out_c;
-  cache->transformed.resize(16 * plane);
-  float* u = cache->transformed.data();
+  std::vector<float> transformed(16 * plane);
+  float* u = transformed.data();
   for (size_t ck = 0; ck < plane; ++ck) {
     float w[9], t[12];
     for (int p = 0; p < 9; ++p) w[p] = weight[p * plane + ck];
@@ -202,8 +157,8 @@ void conv2d_winograd_f23(const WinogradPlan& plan, const float* input, const Win
   const int T = plan.block;
   const int block_count = (total + T - 1) / T;
   const int tasks = std::min(block_count, ThreadPool::instance().num_threads());
-  const size_t plane = static_cast<size_t>(C) * K;
   const long long work = 16LL * total * C * K;
+  const WinogradF32Kernels& kernels = winograd_f32_kernels().get();
   parallel_for(tasks, work, [&](int task) {
     float* v = scratch_floats(ScratchSlot::kTransformIn, static_cast<size_t>(16) * T * C);
     float* m = scratch_floats(ScratchSlot::kTransformOut, static_cast<size_t>(16) * T * K);
@@ -214,7 +169,7 @@ void conv2d_winograd_f23(const WinogradPlan& plan, const float* input, const Win
       for (int i = 0; i < count; ++i) {
         const float* taps[16];
         patch_pointers(plan, input, first + i, taps);
-        transform_input(taps, C, v + static_cast<size_t>(i) * C, static_cast<size_t>(T) * C);
+        kernels.input(taps, C, v + static_cast<size_t>(i) * C, static_cast<size_t>(T) * C);
       }
       for (int p = 0; p < 16; ++p) {
         int n = 0;
@@ -223,12 +178,11 @@ void conv2d_winograd_f23(const WinogradPlan& plan, const float* input, const Win
           rows[n].c = m + (static_cast<size_t>(p) * T + r) * K;
           rows[n].rows = std::min(8, count - r);
         }
-        gemm_f32_blocks(rows, n, C, K, weights.transformed.data() + p * plane, K, K, C, nullptr,
-                        weights.panels[p].data.data());
+        gemm_f32_blocks(rows, n, C, K, nullptr, K, K, C, nullptr, weights.panels[p].data.data());
       }
       for (int i = 0; i < count; ++i) {
-        transform_output(plan, m + static_cast<size_t>(i) * K, static_cast<size_t>(T) * K, first + i, bias,
-                         output);
+        transform_output(kernels, plan, m + static_cast<size_t>(i) * K, static_cast<size_t>(T) * K, first + i,
+                         bias, output);
       }
     }
   });

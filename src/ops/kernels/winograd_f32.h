@@ -2,6 +2,7 @@
 #define KOVRAEXECUTOR_OPS_WINOGRAD_F32_H_
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -19,6 +20,26 @@ namespace kovraexecutor {
 // multiplications than the tiled path; the transforms use only 0, +-1 and
 // +-1/2, so results differ from it by rounding alone.
 
+// The transform family. Input: V = B^T d B for the C channels of one tile,
+// d read through 16 tap pointers (C values each), position p of V written at
+// v + p * stride. Output: Y = A^T m A + bias for K channels, m's position p
+// read at m + p * stride, the 2x2 results written to the non-null out[i * 2
+// + j]. Every variant does the same operations per value, so all give the
+// same bits.
+typedef void (*WinogradInputFn)(const float* const taps[16], int C, float* v, size_t stride);
+typedef void (*WinogradOutputFn)(const float* m, size_t stride, int K, const float* bias,
+                                 float* const out[4]);
+struct WinogradF32Kernels {
+  KernelIsa isa;
+  const char* name;
+  WinogradInputFn input;
+  WinogradOutputFn output;
+};
+const KernelTable<WinogradF32Kernels>& winograd_f32_kernels();
+void winograd_f23_input_f32_x4_portable(const float* const taps[16], int C, float* v, size_t stride);
+void winograd_f23_output_f32_x4_portable(const float* m, size_t stride, int K, const float* bias,
+                                         float* const out[4]);
+
 // Whether `g` can and should take this path: 3x3, unit steps and dilations,
 // one group, enough channels and output blocks for the products to pay.
 bool winograd_f23_applies(const ConvGeometry& g);
@@ -34,11 +55,11 @@ struct WinogradPlan {
 void prepare_winograd_f23(const ConvGeometry& g, WinogradPlan* plan);
 
 // The 16 transformed weight matrices (in_c x out_c each) in gemm panels,
-// made again only when the weight tensor's version changes.
+// made again only when the weight tensor's version changes; the panels are
+// the only copy kept.
 struct WinogradWeights {
   uint64_t version = 0;
   std::array<PackedPanelsF32, 16> panels;
-  std::vector<float> transformed;  // 16 x in_c x out_c
 };
 // Weights are [3, 3, in_c, out_c].
 void transform_winograd_weights(const float* weight, int in_c, int out_c, uint64_t version,
