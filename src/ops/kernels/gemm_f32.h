@@ -26,6 +26,8 @@ enum class ScratchSlot {
   kOutputCopy,
   kRecompute,
   kPixelStats,
+  kTransformIn,
+  kTransformOut,
   kCount
 };
 void* scratch_bytes(ScratchSlot slot, size_t bytes);
