@@ -137,7 +137,7 @@ TEST(DigitsTest, ChipDumpRoundsItsAveragePoolHalfAwayFromZero) {
 }
 
 // What the demo shows: compare finds gap as the first divergence, after four identical layers,
-// and verify names gap as the one layer that computes differently.
+// and verify names gap as the one layer that computes differently (and writes its page).
 TEST(DigitsTest, CompareAndVerifyNameTheFaultyLayer) {
   TempDir dir;
   const std::string model = digits("int8_model.pb");
@@ -152,7 +152,7 @@ TEST(DigitsTest, CompareAndVerifyNameTheFaultyLayer) {
             std::string::npos)
       << r.out;
 
-  r = kovra("verify " + model + " " + digits("chip_dump") + images + exact);
+  r = kovra("verify " + model + " " + digits("chip_dump") + images + exact + " --html " + dir.file("r.html"));
   EXPECT_EQ(r.code, 1) << r.out;
   EXPECT_TRUE(
       has_line(r.out, "6 node(s) compared: 1 locally out of tolerance, 2 accumulated out of tolerance"))
@@ -160,6 +160,7 @@ TEST(DigitsTest, CompareAndVerifyNameTheFaultyLayer) {
   EXPECT_TRUE(has_line(r.out, "first node that computes differently: " + recorded()["faulty_layer"]))
       << r.out;
   EXPECT_NE(line_starting(r.out, "   4  gap ").find("<-- computes differently"), std::string::npos) << r.out;
+  EXPECT_EQ(slurp(dir.file("r.html")).compare(0, 15, "<!DOCTYPE html>"), 0);
 }
 
 }  // namespace

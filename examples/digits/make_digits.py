@@ -305,6 +305,10 @@ def make_chip_reference(binary, model, images, pool_scale, tmp):
           "--manifest", os.path.join(host, "manifest.tsv"), "--dump", after)
     for row in read_manifest(after):
         shutil.copy(os.path.join(after, row[1]), os.path.join(ref, by_name[row[2]][1]))
+    verdict = subprocess.run([binary, "verify", model, ref, "-i", "input=" + os.path.join(tmp, "chip.npy"),
+                              "--rtol", "0", "--atol", "0"], stdout=subprocess.PIPE, text=True).stdout
+    assert "first node that computes differently: %s\n" % FAULTY_LAYER in verdict, verdict
+    assert "1 locally out of tolerance" in verdict, verdict
     return changed
 
 
