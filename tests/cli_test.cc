@@ -3,7 +3,6 @@
 #include <google/protobuf/util/message_differencer.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <cmath>
 #include <cstdio>
@@ -16,6 +15,7 @@
 #include "encryption.h"
 #include "graph_executor.h"
 #include "npy.h"
+#include "support/kovra_cli.h"
 #include "support/test_util.h"
 
 namespace kovra_test {
@@ -26,59 +26,6 @@ using kovra::trenkit::kovraexecutor::GraphExecutor;
 using kovra::trenkit::kovraexecutor::NpyArray;
 using kovra::trenkit::kovraexecutor::read_npy;
 using kovra::trenkit::kovraexecutor::write_npy;
-
-struct Result {
-  int code;
-  std::string out;  // standard output, then standard error
-  std::string err;  // standard error alone
-};
-
-std::string env_or_empty(const char* name) {
-  const char* value = std::getenv(name);
-  return value ? value : "";
-}
-
-Result kovra(const std::string& args) {
-  const std::string dir = env_or_empty("KOVRA_TEST_BIN_DIR");
-  EXPECT_FALSE(dir.empty()) << "KOVRA_TEST_BIN_DIR is not set (ctest sets it)";
-  TempDir tmp;
-  const std::string command = dir + "/kovra " + args + " 2>" + tmp.file("err");
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return {-1, "", ""};
-  std::string out;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) out.append(buffer, n);
-  const int status = pclose(pipe);
-  std::ifstream file(tmp.file("err"), std::ios::binary);
-  const std::string err((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), out + err, err};
-}
-
-bool has_line(const std::string& out, const std::string& line) {
-  std::istringstream lines(out);
-  std::string l;
-  while (std::getline(lines, l)) {
-    if (l == line) return true;
-  }
-  return false;
-}
-
-std::string line_starting(const std::string& out, const std::string& prefix) {
-  std::istringstream lines(out);
-  std::string l;
-  while (std::getline(lines, l)) {
-    if (l.compare(0, prefix.size(), prefix) == 0) return l;
-  }
-  return "";
-}
-
-std::string slurp(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream buffer;
-  buffer << file.rdbuf();
-  return buffer.str();
-}
 
 void spit(const std::string& path, const std::string& data) {
   std::ofstream(path, std::ios::binary).write(data.data(), static_cast<std::streamsize>(data.size()));
