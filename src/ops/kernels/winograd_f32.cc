@@ -121,29 +121,27 @@ void transform_winograd_weights(const float* weight, int in_c, int out_c, uint64
                                 WinogradWeights* cache) {
   if (cache->version == version && version != 0) return;
   const size_t plane = static_cast<size_t>(in_c) * out_c;
-  std::vector<float> transformed(16 * plane);
-  float* u = transformed.data();
-  for (size_t ck = 0; ck < plane; ++ck) {
-    float w[9], t[12];
-    for (int p = 0; p < 9; ++p) w[p] = weight[p * plane + ck];
-    // G g with G = [1 0 0; 1/2 1/2 1/2; 1/2 -1/2 1/2; 0 0 1], then (G g) G^T.
-    for (int j = 0; j < 3; ++j) {
-      t[0 + j] = w[j];
-      t[3 + j] = 0.5f * (w[j] + w[3 + j] + w[6 + j]);
-      t[6 + j] = 0.5f * (w[j] - w[3 + j] + w[6 + j]);
-      t[9 + j] = w[6 + j];
-    }
-    for (int i = 0; i < 4; ++i) {
-      const float* r = t + i * 3;
-      u[(i * 4 + 0) * plane + ck] = r[0];
-      u[(i * 4 + 1) * plane + ck] = 0.5f * (r[0] + r[1] + r[2]);
-      u[(i * 4 + 2) * plane + ck] = 0.5f * (r[0] - r[1] + r[2]);
-      u[(i * 4 + 3) * plane + ck] = r[2];
-    }
-  }
+  // One transform position at a time, so that besides the panels only one
+  // in_c x out_c matrix is ever held.
+  std::vector<float> u(plane);
   for (int p = 0; p < 16; ++p) {
+    const int i = p / 4, q = p % 4;
+    for (size_t ck = 0; ck < plane; ++ck) {
+      // Row i of G g, G = [1 0 0; 1/2 1/2 1/2; 1/2 -1/2 1/2; 0 0 1], then
+      // column q of (G g) G^T.
+      float r[3];
+      for (int j = 0; j < 3; ++j) {
+        const float w0 = weight[j * plane + ck], w1 = weight[(3 + j) * plane + ck],
+                    w2 = weight[(6 + j) * plane + ck];
+        r[j] = i == 0 ? w0 : i == 1 ? 0.5f * (w0 + w1 + w2) : i == 2 ? 0.5f * (w0 - w1 + w2) : w2;
+      }
+      u[ck] = q == 0   ? r[0]
+              : q == 1 ? 0.5f * (r[0] + r[1] + r[2])
+              : q == 2 ? 0.5f * (r[0] - r[1] + r[2])
+                       : r[2];
+    }
     cache->panels[p].version = 0;
-    pack_panels_f32(u + p * plane, in_c, out_c, version, &cache->panels[p]);
+    pack_panels_f32(u.data(), in_c, out_c, version, &cache->panels[p]);
   }
   cache->version = version;
 }
