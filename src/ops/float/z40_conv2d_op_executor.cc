@@ -91,9 +91,8 @@ class Z40Conv2DOpExecutor : public ParamOpExecutor<Z40Conv2DParam> {
       conv2d_winograd_f23(p.winograd_plan, in, p.winograd_weights, bias, out);
       return true;
     }
-    // A single output pixel reads the weights as they are stored.
     const float* packed =
-        p.plan.pixels > 1 ? pack_panels_f32(w, p.plan.K, g.out_c, inputs[1]->version(), &p.packed) : nullptr;
+        p.plan.keep_panels ? pack_panels_f32(w, p.plan.K, g.out_c, inputs[1]->version(), &p.packed) : nullptr;
     conv2d_avx_cpu(p.plan, in, w, packed, bias, out);
     return true;
   }

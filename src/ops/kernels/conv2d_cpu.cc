@@ -262,6 +262,10 @@ const KernelTable<ConvF32TileKernels>& conv_f32_tile_kernels() {
   return table;
 }
 
+// Output pixels from which a resident copy of the packed weights pays: below,
+// the per-call packing costs about as much as reading panels from memory.
+constexpr int kMinPixelsForPanels = 64;
+
 void prepare_conv_tiles(const ConvGeometry& g, ConvTilePlan* plan) {
   plan->g = g;
   plan->pixels = g.out_h * g.out_w;
@@ -272,6 +276,7 @@ void prepare_conv_tiles(const ConvGeometry& g, ConvTilePlan* plan) {
   plan->group = std::max(1, std::min(kMaxGroup, static_cast<int>((4 << 20) / (sizeof(float) * kTilePixels *
                                                                               std::max(plan->K, 1)))));
   plan->direct_rows = patches_are_input_rows(g);
+  plan->keep_panels = plan->pixels >= kMinPixelsForPanels;
   plan->tap_offsets.clear();
   for (int ky = 0; ky < g.kernel_h; ++ky)
     for (int kx = 0; kx < g.kernel_w; ++kx)

@@ -55,6 +55,10 @@ struct ConvTilePlan {
   int K = 0;                 // reduction length, kernel_h * kernel_w * in_c
   int group = 1;             // tiles multiplied together while a weight slice is in cache
   bool direct_rows = false;  // 1x1, unit steps, no padding: patches are input rows
+  // Whether the operator keeps the weights packed in panels. A map of few
+  // pixels reads its weights once per call either way: it packs them into
+  // scratch per call instead of holding a second copy of them.
+  bool keep_panels = false;
   std::vector<ptrdiff_t> tap_offsets;
   std::vector<float> pad_run;
 };
