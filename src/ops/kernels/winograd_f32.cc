@@ -109,11 +109,7 @@ void prepare_winograd_f23(const ConvGeometry& g, WinogradPlan* plan) {
   plan->tiles_w = (g.out_w + 1) / 2;
   plan->tiles = plan->tiles_h * plan->tiles_w;
   const int widest = std::max(g.in_c, g.out_c);
-  int block = kBlockFloats / (16 * widest) / 8 * 8;
-  block = std::max(8, std::min(kMaxBlock, block));
-  // No block longer than the work of one thread.
-  const int per_thread = (g.batch * plan->tiles + 1) / 2;
-  plan->block = std::max(8, std::min(block, (per_thread + 7) / 8 * 8));
+  plan->block = std::max(8, std::min(kMaxBlock, kBlockFloats / (16 * widest) / 8 * 8));
   plan->pad_run.assign(g.in_c, g.pad_value);
 }
 
@@ -153,17 +149,21 @@ void conv2d_winograd_f23(const WinogradPlan& plan, const float* input, const Win
   const int total = g.batch * plan.tiles;
   if (total <= 0) return;
   const int T = plan.block;
-  const int block_count = (total + T - 1) / T;
-  const int tasks = std::min(block_count, ThreadPool::instance().num_threads());
+  // Each thread takes an equal run of tiles (cut at multiples of 8, the
+  // product's row block) and works through it a block at a time.
+  const int tasks = std::max(1, std::min(ThreadPool::instance().num_threads(), total / 8));
   const long long work = 16LL * total * C * K;
   const WinogradF32Kernels& kernels = winograd_f32_kernels().get();
   parallel_for(tasks, work, [&](int task) {
     float* v = scratch_floats(ScratchSlot::kTransformIn, static_cast<size_t>(16) * T * C);
     float* m = scratch_floats(ScratchSlot::kTransformOut, static_cast<size_t>(16) * T * K);
     GemmRowBlock rows[kMaxBlock / 8];
-    for (int b = task; b < block_count; b += tasks) {
-      const int first = b * T;
-      const int count = std::min(T, total - first);
+    const auto cut = [&](int i) {
+      return i == tasks ? total : static_cast<int>(8LL * (total / 8) * i / tasks) / 8 * 8;
+    };
+    const int end = cut(task + 1);
+    for (int first = cut(task); first < end; first += T) {
+      const int count = std::min(T, end - first);
       for (int i = 0; i < count; ++i) {
         const float* taps[16];
         patch_pointers(plan, input, first + i, taps);
