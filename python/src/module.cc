@@ -77,23 +77,26 @@ py::array_t<float> float_array(const Values& v) {
   return array;
 }
 
-void decode(const std::string& bytes, const std::string& name, const std::string& format,
-            kovra::trenkit::GraphDef& graph, kx::ModelFormat& chosen) {
+// `source` is a path when `is_path`, the model's bytes otherwise.
+void decode(const std::string& source, bool is_path, const std::string& format, kovra::trenkit::GraphDef& graph,
+            kx::ModelFormat& chosen) {
   static const char* const kFormats[] = {"auto", "plain", "text", "protected"};
   bool known = false;
   for (const char* f : kFormats) known = known || format == f;
   if (!known) fail("unknown model format '" + format + "' (auto, plain, text or protected)");
   std::string error;
-  if (!kx::read_model_data(bytes, name, format, graph, chosen, error)) fail(error);
+  const bool ok = is_path ? kx::read_model(source, format, graph, chosen, error)
+                          : kx::read_model_data(source, "<bytes>", format, graph, chosen, error);
+  if (!ok) fail(error);
 }
 
 // One model and its executor. The lock serialises runs of one model from
 // several Python threads; different models run in parallel.
 class Executor {
  public:
-  Executor(const std::string& bytes, const std::string& name, const std::string& format) {
+  Executor(const std::string& source, bool is_path, const std::string& format) {
     Throwing policy;
-    decode(bytes, name, format, graph_, format_);
+    decode(source, is_path, format, graph_, format_);
     const kx::ModelReport report = kx::check_model(graph_);
     if (!report.problems.empty()) {
       const kx::ModelIssue& issue = report.problems.front();
@@ -208,12 +211,12 @@ py::list issues(const std::vector<kx::ModelIssue>& list) {
   return out;
 }
 
-py::dict check(const std::string& bytes, const std::string& name, const std::string& format,
+py::dict check(const std::string& source, bool is_path, const std::string& format,
                const std::map<std::string, std::vector<int>>& shapes) {
   Throwing policy;
   kovra::trenkit::GraphDef graph;
   kx::ModelFormat chosen;
-  decode(bytes, name, format, graph, chosen);
+  decode(source, is_path, format, graph, chosen);
   const kx::ModelReport report = kx::check_model(graph, shapes);
   py::list inferred;
   for (const kx::NodeShape& s : report.shapes) inferred.append(py::make_tuple(s.node, s.op, s.shape));
@@ -309,8 +312,8 @@ PYBIND11_MODULE(_kovra, m) {
   });
 
   py::class_<Executor>(m, "Executor")
-      .def(py::init<const std::string&, const std::string&, const std::string&>(), py::arg("data"),
-           py::arg("name"), py::arg("format"))
+      .def(py::init<const std::string&, bool, const std::string&>(), py::arg("source"), py::arg("is_path"),
+           py::arg("format"))
       .def_property_readonly("format", &Executor::format)
       .def_property_readonly("inputs", &Executor::inputs)
       .def_property_readonly("outputs", &Executor::outputs)
@@ -329,4 +332,5 @@ PYBIND11_MODULE(_kovra, m) {
     kx::GraphExecutor::set_num_threads(threads);
   });
   m.def("num_threads", &kx::GraphExecutor::num_threads);
+  m.def("input_lookup_name", &kx::input_lookup_name);
 }
