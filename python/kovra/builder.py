@@ -43,8 +43,7 @@ def tensor_proto(value: Any) -> tensor_pb2.TensorProto:
     return tensor
 
 
-# Explicit encodings, for when a Python value's own type is not the one the
-# operator reads (an operator that reads a float ignores an integer).
+# Explicit encodings, for attributes no operator reads and for AttrValues made by hand.
 def as_int(value: int) -> attr_value_pb2.AttrValue:
     """An integer attribute (i)."""
     return attr_value_pb2.AttrValue(i=int(value))
@@ -79,8 +78,8 @@ def attr_value(value: Any) -> attr_value_pb2.AttrValue:
 
     bool -> b; int -> i; float -> f; str or bytes -> s; numpy array -> tensor;
     list or tuple of ints -> list.i, of other numbers -> list.f, of strings ->
-    list.s; an AttrValue is kept. Use as_float, as_int, as_floats... where the
-    operator reads another encoding than the value's type gives."""
+    list.s; an AttrValue is kept. GraphBuilder.node then moves each value into
+    the encoding its operator reads, where it converts exactly."""
     if isinstance(value, attr_value_pb2.AttrValue):
         return value
     if isinstance(value, (bool, np.bool_)):
@@ -145,11 +144,19 @@ class GraphBuilder:
         """A node of operator `op` reading `inputs` (nodes and constants).
 
         Attributes come from `attrs` (for keys that are not Python names) and
-        keyword arguments, encoded by attr_value()."""
-        node = self._add(name, op)
-        node.input.extend(inputs)
+        keyword arguments, encoded by attr_value() and then moved into the
+        encoding the operator reads (an int 6 where a float is read becomes
+        6.0, integral floats where integers are read become ints). A value that
+        cannot be read as the operator reads it (a string for a float) raises
+        kovra.Error."""
+        node = graph_def_pb2.NodeDef(name=name, op=op, input=list(inputs))
         for key, value in dict(attrs or {}, **more_attrs).items():
             node.attr[key].CopyFrom(attr_value(value))
+        # Re-encoded as the operator reads: an operator reading a float takes an int as 0.
+        fitted, left = _kovra.fit_attribute_encodings(node.SerializeToString())
+        if left:
+            raise Error(left[0], name, op)
+        self._add(name, op).ParseFromString(fitted)
         return name
 
     def to_bytes(self, format: str = "plain") -> bytes:

@@ -78,8 +78,8 @@ py::array_t<float> float_array(const Values& v) {
 }
 
 // `source` is a path when `is_path`, the model's bytes otherwise.
-void decode(const std::string& source, bool is_path, const std::string& format, kovra::trenkit::GraphDef& graph,
-            kx::ModelFormat& chosen) {
+void decode(const std::string& source, bool is_path, const std::string& format,
+            kovra::trenkit::GraphDef& graph, kx::ModelFormat& chosen) {
   static const char* const kFormats[] = {"auto", "plain", "text", "protected"};
   bool known = false;
   for (const char* f : kFormats) known = known || format == f;
@@ -333,4 +333,12 @@ PYBIND11_MODULE(_kovra, m) {
   });
   m.def("num_threads", &kx::GraphExecutor::num_threads);
   m.def("input_lookup_name", &kx::input_lookup_name);
+  // (node re-encoded, warnings for the attributes that could not be)
+  m.def("fit_attribute_encodings", [](const std::string& node_bytes) {
+    Throwing policy;
+    kovra::trenkit::NodeDef node;
+    if (!node.ParseFromString(node_bytes)) fail("not a serialized NodeDef");
+    const std::vector<std::string> left = kx::fit_attribute_encodings(node);
+    return py::make_tuple(py::bytes(node.SerializeAsString()), left);
+  });
 }
