@@ -9,7 +9,7 @@ from google.protobuf import text_format
 from . import _kovra
 from ._errors import Error
 from .model import Model
-from .proto import attr_value_pb2, graph_def_pb2, tensor_pb2, types_pb2
+from .proto import attr_value_pb2, graph_def_pb2, node_def_pb2, tensor_pb2, types_pb2
 
 # numpy element types the executor holds, and their schema codes.
 _SCHEMA_TYPES = {
@@ -149,7 +149,7 @@ class GraphBuilder:
         6.0, integral floats where integers are read become ints). A value that
         cannot be read as the operator reads it (a string for a float) raises
         kovra.Error."""
-        node = graph_def_pb2.NodeDef(name=name, op=op, input=list(inputs))
+        node = node_def_pb2.NodeDef(name=name, op=op, input=list(inputs))
         for key, value in dict(attrs or {}, **more_attrs).items():
             node.attr[key].CopyFrom(attr_value(value))
         # Re-encoded as the operator reads: an operator reading a float takes an int as 0.

@@ -14,6 +14,7 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -122,6 +123,15 @@ class Executor {
     Throwing policy;
     for (const std::string& name : starts) known_node(name, "start");
     for (const std::string& name : outputs) known_node(name, "output");
+    // The executor ignores a tensor fed under a name it does not read; a typo must not pass silently.
+    const std::vector<std::string> allowed = kx::run_feeds(outline_, kx::run_starts(outline_, starts));
+    for (const auto& feed : feeds) {
+      if (std::find(allowed.begin(), allowed.end(), feed.first) == allowed.end()) {
+        std::string names;
+        for (const std::string& name : allowed) names += (names.empty() ? "" : ", ") + name;
+        fail("unknown input '" + feed.first + "'; the model's inputs are: " + names);
+      }
+    }
     std::vector<std::unique_ptr<Tensor>> tensors;
     for (const auto& feed : feeds) {
       std::unique_ptr<Tensor> tensor;
@@ -186,7 +196,9 @@ class Executor {
   Values read_values(const std::string& name, const Tensor* tensor) const {
     Values v;
     v.name = name;
-    if (tensor == nullptr || tensor->get_ptr() == nullptr) fail("node '" + name + "' holds no tensor", name);
+    if (tensor == nullptr || tensor->get_ptr() == nullptr) {
+      fail("node '" + name + "' holds no tensor", name, outline_.ops[outline_.find(name)]);
+    }
     v.shape = tensor->shape();
     if (tensor->data_type() == Tensor::DT_FLOAT) {
       v.values.assign(tensor->data<float>(), tensor->data<float>() + tensor->size());
