@@ -197,6 +197,8 @@ class Model:
             keep: keep every intermediate tensor readable through tensor() until
                 the next run (otherwise tensors are freed as soon as they are read).
         """
+        if threads is not None and threads < 1:
+            raise Error("threads must be at least 1, not %d" % threads)
         encoded = {name: npy_feed(name, value) for name, value in feeds.items()}
         return self._executor.run(encoded, _names(outputs), _names(start), threads or 0, keep)
 

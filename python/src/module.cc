@@ -171,6 +171,7 @@ class Executor {
     known_node(name, "tensor");
     Values values;
     {
+      py::gil_scoped_release released;
       std::lock_guard<std::mutex> lock(mutex_);
       values = read_values(name, executor_->get_node_tensor(name));
     }
@@ -179,14 +180,19 @@ class Executor {
 
   py::list weights(const std::string& name) {
     Throwing policy;
+    // Nobody waits for the lock while holding the interpreter's: a long run
+    // of this model must not stop every other Python thread.
+    std::unique_lock<std::mutex> lock(mutex_, std::defer_lock);
+    {
+      py::gil_scoped_release released;
+      lock.lock();
+    }
     py::list out;
-    std::lock_guard<std::mutex> lock(mutex_);
     for (const Tensor* weight : executor_->get_node_weights(name)) out.append(native_array(*weight));
     return out;
   }
 
   const kovra::trenkit::GraphDef& graph() const { return graph_; }
-  std::mutex& mutex() { return mutex_; }
 
  private:
   void known_node(const std::string& name, const char* what) const {

@@ -181,6 +181,7 @@ def bad_calls():
         (lambda: good.run({"input": x.astype(np.complex64)}), "feed 'input': unsupported dtype '<c8'", "", ""),
         (lambda: good.run({"input": np.array([], np.float32)}), "feed 'input': the array has no elements", "", ""),
         (lambda: good.run({"input": np.array([None])}), "feed 'input': numpy dtype object holds no numbers", "", ""),
+        (lambda: good.run({"input": x}, threads=0), "threads must be at least 1, not 0", "", ""),
         (lambda: good.run({"input": x}, outputs="nope"), "output: the model has no node 'nope'", "", ""),
         (lambda: good.run({"input": x}, start="nope"), "start: the model has no node 'nope'", "", ""),
         (lambda: good.tensor("conv1"),
