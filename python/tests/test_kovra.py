@@ -25,7 +25,8 @@ def maxpool_reference(x):
     return x[:, :h // 2 * 2, :w // 2 * 2].reshape(n, h // 2, 2, w // 2, 2, c).max(axis=(2, 4))
 
 
-CONV_ATTRS = dict(strides=[1, 1, 1, 1], padding="VALID", pads=[0, 0, 0, 0], dilations=[1, 1, 1, 1],
+# pad_value and dilations in other encodings than Z40Conv2D reads (a float, an int list).
+CONV_ATTRS = dict(strides=[1, 1, 1, 1], padding="VALID", pads=[0, 0, 0, 0], dilations=[1.0, 1.0, 1.0, 1.0],
                   pad_value=0)
 
 
@@ -66,6 +67,8 @@ def test_int8_example_is_exact():
     model = kovra.Model(example("int8_model.pbtxt"), format="text")
     out = model.run({"input": np.load(example("int8_input.npy"))})
     np.testing.assert_array_equal(out["output/dequantize"], np.load(example("int8_expected.npy")))
+    quantize = model.nodes[1].attributes
+    assert (quantize["QSCALE"], quantize["maxValue"], quantize["offset"]) == ([100.0, 90.0, 110.0], 127, 0)
 
 
 def test_intermediate_tensors_and_partial_runs():
@@ -96,8 +99,8 @@ def test_built_model_against_numpy():
     bias = rng.uniform(-1, 1, 5).astype(np.float32)
     x = rng.uniform(-1, 1, (1, 6, 7, 2)).astype(np.float32)
     builder = built_model(w, bias)
-    # pad_value was given as an int; the operator reads a float.
-    assert builder.graph.node[-1].attr["pad_value"].WhichOneof("value") == "f"
+    conv = builder.graph.node[-1]
+    assert conv.attr["pad_value"].WhichOneof("value") == "f" and conv.attr["dilations"].list.i == [1, 1, 1, 1]
     model = builder.model()
     np.testing.assert_allclose(model.run({"x": x})["conv"], conv_reference(x, w, bias, True), rtol=1e-5, atol=1e-5)
     np.testing.assert_array_equal(model.weights("conv")[0], w)
