@@ -27,6 +27,7 @@
 #include "ops/kernels/dwconv2d_cpu.h"
 #include "ops/kernels/gemm_f32.h"
 #include "ops/kernels/matmul_cpu.h"
+#include "ops/kernels/winograd_f32.h"
 #include "thread_pool.h"
 
 #ifdef KOVRA_HAVE_DNNL
@@ -45,11 +46,11 @@ struct Shape {
 };
 
 const Shape kShapes[] = {
-    {"C1", 224, 224, 3, 32, 3, 2, false, 0, 0, 0},   {"C2", 56, 56, 64, 64, 3, 1, false, 0, 0, 0},
-    {"C3", 56, 56, 64, 256, 1, 1, false, 0, 0, 0},   {"C4", 28, 28, 128, 128, 3, 1, false, 0, 0, 0},
-    {"C5", 14, 14, 256, 256, 3, 1, false, 0, 0, 0},  {"C6", 7, 7, 512, 512, 3, 1, false, 0, 0, 0},
-    {"D1", 112, 112, 32, 32, 3, 1, true, 0, 0, 0},   {"D2", 56, 56, 128, 128, 3, 1, true, 0, 0, 0},
-    {"M1", 0, 0, 0, 0, 0, 0, false, 1, 2048, 1000},  {"M2", 0, 0, 0, 0, 0, 0, false, 64, 512, 512},
+    {"C1", 224, 224, 3, 32, 3, 2, false, 0, 0, 0},  {"C2", 56, 56, 64, 64, 3, 1, false, 0, 0, 0},
+    {"C3", 56, 56, 64, 256, 1, 1, false, 0, 0, 0},  {"C4", 28, 28, 128, 128, 3, 1, false, 0, 0, 0},
+    {"C5", 14, 14, 256, 256, 3, 1, false, 0, 0, 0}, {"C6", 7, 7, 512, 512, 3, 1, false, 0, 0, 0},
+    {"D1", 112, 112, 32, 32, 3, 1, true, 0, 0, 0},  {"D2", 56, 56, 128, 128, 3, 1, true, 0, 0, 0},
+    {"M1", 0, 0, 0, 0, 0, 0, false, 1, 2048, 1000}, {"M2", 0, 0, 0, 0, 0, 0, false, 64, 512, 512},
 };
 
 std::vector<float> random_values(size_t n, unsigned seed) {
@@ -153,11 +154,21 @@ void run_ours(benchmark::State& state, const Shape& s, int threads) {
   } else {
     const ConvGeometry g = geometry(s);
     const std::vector<float> in = random_values(static_cast<size_t>(s.h) * s.w * s.c, 1);
-    const std::vector<float> w = random_values(static_cast<size_t>(s.k) * s.k * (s.depthwise ? 1 : s.c) * s.oc, 2);
+    const std::vector<float> w =
+        random_values(static_cast<size_t>(s.k) * s.k * (s.depthwise ? 1 : s.c) * s.oc, 2);
     const std::vector<float> bias = random_values(s.oc, 3);
     std::vector<float> out(static_cast<size_t>(g.out_h) * g.out_w * s.oc);
     if (s.depthwise) {
-      seconds = timed_loop(state, threads, [&] { dwconv2d_cpu(in.data(), w.data(), bias.data(), out.data(), g); });
+      seconds =
+          timed_loop(state, threads, [&] { dwconv2d_cpu(in.data(), w.data(), bias.data(), out.data(), g); });
+    } else if (winograd_f23_applies(g)) {
+      // The operator's choice for 3x3 with unit steps.
+      WinogradPlan plan;
+      prepare_winograd_f23(g, &plan);
+      WinogradWeights weights;
+      transform_winograd_weights(w.data(), s.c, s.oc, 1, &weights);
+      seconds = timed_loop(state, threads,
+                           [&] { conv2d_winograd_f23(plan, in.data(), weights, bias.data(), out.data()); });
     } else {
       ConvTilePlan plan;
       prepare_conv_tiles(g, &plan);
@@ -221,7 +232,8 @@ void run_onednn(benchmark::State& state, const Shape& s, int threads) {
     bias_data = random_values(s.oc, 3);
     dst_data.resize(static_cast<size_t>(oh) * ow * s.oc);
   }
-  memory src(src_md, eng, src_data.data()), bias(bias_md, eng, bias_data.data()), dst(dst_md, eng, dst_data.data());
+  memory src(src_md, eng, src_data.data()), bias(bias_md, eng, bias_data.data()),
+      dst(dst_md, eng, dst_data.data());
   memory wei_user(wei_user_md, eng, wei_data.data()), wei(wei_md, eng);
   // Weights are put into oneDNN's preferred layout once, outside the timing.
   reorder(wei_user, wei).execute(strm, wei_user, wei);

@@ -45,6 +45,12 @@ int checked_count(const std::vector<int>& shape, const char* op) {
                       std::string(op) + ": " + what + " is negative or exceeds 2147483647");
 }
 
+std::string over_budget_message(const std::string& node, long long bytes, long long total, long long budget) {
+  return "The node:" + node + " needs " + std::to_string(bytes) +
+         " bytes for its output, which brings the run to " + std::to_string(total) +
+         " bytes, over its memory budget of " + std::to_string(budget);
+}
+
 }  // namespace kovraexecutor
 }  // namespace trenkit
 }  // namespace kovra

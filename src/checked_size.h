@@ -1,6 +1,7 @@
 #ifndef KOVRAEXECUTOR_CHECKED_SIZE_H_
 #define KOVRAEXECUTOR_CHECKED_SIZE_H_
 
+#include <string>
 #include <vector>
 
 namespace kovra {
@@ -29,6 +30,11 @@ int padded_size(int in, int before, int after, const char* op);
 // Product of the dimensions through checked_size (as "element count of
 // <shape>"), a negative dimension refused alike.
 int checked_count(const std::vector<int>& shape, const char* op);
+
+// What a run is told when node `node`'s output of `bytes` would bring the
+// bytes it holds to `total`, over `budget`: the same words whether the check
+// plans the run or the run itself gets there.
+std::string over_budget_message(const std::string& node, long long bytes, long long total, long long budget);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit

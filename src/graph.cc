@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "checked_size.h"
 #include "common.h"
 #include "graph_executor_access.h"
 #include "graph_topology.h"
@@ -324,9 +325,7 @@ void Graph::_run_now(NodePlan* plan) {
   }
   const long long bytes = node->output_bytes(inputs);
   if (held_bytes_ + bytes > memory_budget_) {
-    fatal("The node:" + node->name() + " needs " + std::to_string(bytes) +
-          " bytes for its output, which brings the run to " + std::to_string(held_bytes_ + bytes) +
-          " bytes, over its memory budget of " + std::to_string(memory_budget_));
+    fatal(over_budget_message(node->name(), bytes, held_bytes_ + bytes, memory_budget_));
   }
   held_bytes_ += bytes;
   node->run(inputs);

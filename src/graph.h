@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "allocator/activation_pool.h"
+#include "model_check.h"
 #include "node.h"
 #include "tensor.h"
 #include "tensor_dump.h"
@@ -123,7 +124,7 @@ class Graph {
   // Declared before nothing that outlives it: nodes are deleted first, and
   // their tensors only borrow its buffers.
   mutable ActivationPool activation_pool_;
-  long long memory_budget_ = 8LL << 30;
+  long long memory_budget_ = kDefaultMemoryBudget;
   long long held_bytes_ = 0;  // node outputs the current run holds
   bool reshape_ = false;
   bool initialized_ = false;

@@ -2,11 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <map>
 #include <memory>
 #include <set>
 
+#include "checked_size.h"
 #include "common.h"
 #include "graph_topology.h"
 #include "node.h"
@@ -95,7 +98,7 @@ class Checker {
  public:
   Checker(const GraphDef& graph, ModelReport& report) : graph_(graph), report_(report) {}
 
-  void run(const std::map<std::string, std::vector<int>>& input_shapes) {
+  void run(const std::map<std::string, std::vector<int>>& input_shapes, const RunPlan& plan) {
     infer_ = !input_shapes.empty();
     _names();
     _constants();
@@ -108,7 +111,7 @@ class Checker {
       problem(outline_.names[cyclic[0]], outline_.ops[cyclic[0]],
               "the model has a cycle among the nodes: " + left);
     }
-    if (!input_shapes.empty()) _shapes(order, input_shapes);
+    if (!input_shapes.empty()) _shapes(order, input_shapes, plan);
   }
 
  private:
@@ -236,16 +239,26 @@ class Checker {
     Tensor* weight = node.add_weight(name);
     if (weight == nullptr) return;
     const auto type = static_cast<Tensor::DataType>(proto.dtype());
+    // Read in place as the executor reads it, so checking a large model
+    // costs no second copy of its weights; a short constant (a problem
+    // reported above) gets a buffer of its own.
+    const std::string& content = proto.tensor_content();
+    const long long count = shape_count(shape);
+    if (count >= 0 && content.size() >= static_cast<size_t>(count * weight->element_byte_size(type)) &&
+        reinterpret_cast<uintptr_t>(content.data()) % alignof(std::max_align_t) == 0) {
+      weight->set_data(shape, type, const_cast<char*>(content.data()));
+      return;
+    }
     weight->set_data(shape, type, nullptr);
-    const size_t bytes = std::min(static_cast<size_t>(weight->byte_size()), proto.tensor_content().size());
-    if (bytes > 0) std::memcpy(weight->get_mutable_ptr(), proto.tensor_content().data(), bytes);
+    const size_t bytes = std::min(static_cast<size_t>(weight->byte_size()), content.size());
+    if (bytes > 0) std::memcpy(weight->get_mutable_ptr(), content.data(), bytes);
   }
 
   // Shape inference in execution order on tensors that are shaped but never
   // computed. A node whose inputs have no shape is skipped, silently: the
   // problem lies upstream and is reported there.
-  void _shapes(const std::vector<size_t>& order,
-               const std::map<std::string, std::vector<int>>& input_shapes) {
+  void _shapes(const std::vector<size_t>& order, const std::map<std::string, std::vector<int>>& input_shapes,
+               const RunPlan& plan) {
     std::map<std::string, std::unique_ptr<Tensor>> fed;
     for (const auto& entry : input_shapes) {
       if (outline_.find(entry.first) < 0) {
@@ -264,6 +277,14 @@ class Checker {
       fed.emplace(entry.first, std::move(tensor));
     }
     std::vector<std::unique_ptr<Tensor>> outputs(outline_.names.size());
+    // The bytes a run holds, counted as the executor counts them: every
+    // output kept, or in place each one released once its last reader ran.
+    std::vector<long long> bytes(outline_.names.size(), 0);
+    std::vector<int> readers(outline_.names.size(), 0);
+    for (size_t i : order) {
+      for (size_t p : outline_.producers[i]) ++readers[p];
+    }
+    long long held = 0;
     for (size_t i : order) {
       Node* node = nodes_[i].get();
       if (node == nullptr) continue;
@@ -286,16 +307,37 @@ class Checker {
         ScopedErrorPolicy policy(ErrorPolicy::kThrow);
         NodeErrorScope scope(outline_.names[i], outline_.ops[i]);
         node->inference_shape(inputs);
-        if (node->oshape().empty()) continue;
-        std::unique_ptr<Tensor> out(new Tensor());
-        out->set_name(outline_.names[i]);
-        out->set_data(node->oshape(), inputs.empty() ? Tensor::DT_FLOAT : inputs[0]->data_type(), nullptr);
-        outputs[i] = std::move(out);
+        bytes[i] = node->output_bytes(inputs);
+        // Refused before anything is shaped past the budget; what lies
+        // beyond would not run either.
+        if (held + bytes[i] > plan.memory_budget) {
+          report_.over_budget = static_cast<int>(report_.problems.size());
+          problem(outline_.names[i], outline_.ops[i],
+                  over_budget_message(outline_.names[i], bytes[i], held + bytes[i], plan.memory_budget));
+          return;
+        }
+        if (!node->oshape().empty()) {
+          std::unique_ptr<Tensor> out(new Tensor());
+          out->set_name(outline_.names[i]);
+          out->set_data(node->oshape(), inputs.empty() ? Tensor::DT_FLOAT : inputs[0]->data_type(), nullptr);
+          outputs[i] = std::move(out);
+        }
       } catch (const Error& e) {
         problem(outline_.names[i], outline_.ops[i], e.message());
         continue;
       }
-      report_.shapes.push_back({outline_.names[i], outline_.ops[i], node->oshape()});
+      if (outputs[i] != nullptr)
+        report_.shapes.push_back({outline_.names[i], outline_.ops[i], node->oshape()});
+      held += bytes[i];
+      report_.planned_bytes = std::max(report_.planned_bytes, held);
+      if (plan.inplace && !outline_.producers[i].empty()) {
+        // The graph's input nodes hand over the fed tensors and keep them.
+        for (size_t p : outline_.producers[i]) {
+          if (--readers[p] == 0 && !outline_.producers[p].empty() && !fed.count(outline_.names[p])) {
+            held -= bytes[p];
+          }
+        }
+      }
     }
   }
 
@@ -309,9 +351,10 @@ class Checker {
 
 }  // namespace
 
-ModelReport check_model(const GraphDef& graph, const std::map<std::string, std::vector<int>>& input_shapes) {
+ModelReport check_model(const GraphDef& graph, const std::map<std::string, std::vector<int>>& input_shapes,
+                        const RunPlan& plan) {
   ModelReport report;
-  Checker(graph, report).run(input_shapes);
+  Checker(graph, report).run(input_shapes, plan);
   return report;
 }
 

@@ -3,7 +3,6 @@
 #include <google/protobuf/util/message_differencer.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <cmath>
 #include <cstdio>
@@ -16,6 +15,7 @@
 #include "encryption.h"
 #include "graph_executor.h"
 #include "npy.h"
+#include "support/kovra_cli.h"
 #include "support/test_util.h"
 
 namespace kovra_test {
@@ -26,59 +26,6 @@ using kovra::trenkit::kovraexecutor::GraphExecutor;
 using kovra::trenkit::kovraexecutor::NpyArray;
 using kovra::trenkit::kovraexecutor::read_npy;
 using kovra::trenkit::kovraexecutor::write_npy;
-
-struct Result {
-  int code;
-  std::string out;  // standard output, then standard error
-  std::string err;  // standard error alone
-};
-
-std::string env_or_empty(const char* name) {
-  const char* value = std::getenv(name);
-  return value ? value : "";
-}
-
-Result kovra(const std::string& args) {
-  const std::string dir = env_or_empty("KOVRA_TEST_BIN_DIR");
-  EXPECT_FALSE(dir.empty()) << "KOVRA_TEST_BIN_DIR is not set (ctest sets it)";
-  TempDir tmp;
-  const std::string command = dir + "/kovra " + args + " 2>" + tmp.file("err");
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return {-1, "", ""};
-  std::string out;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) out.append(buffer, n);
-  const int status = pclose(pipe);
-  std::ifstream file(tmp.file("err"), std::ios::binary);
-  const std::string err((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), out + err, err};
-}
-
-bool has_line(const std::string& out, const std::string& line) {
-  std::istringstream lines(out);
-  std::string l;
-  while (std::getline(lines, l)) {
-    if (l == line) return true;
-  }
-  return false;
-}
-
-std::string line_starting(const std::string& out, const std::string& prefix) {
-  std::istringstream lines(out);
-  std::string l;
-  while (std::getline(lines, l)) {
-    if (l.compare(0, prefix.size(), prefix) == 0) return l;
-  }
-  return "";
-}
-
-std::string slurp(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream buffer;
-  buffer << file.rdbuf();
-  return buffer.str();
-}
 
 void spit(const std::string& path, const std::string& data) {
   std::ofstream(path, std::ios::binary).write(data.data(), static_cast<std::streamsize>(data.size()));
@@ -251,10 +198,10 @@ const BadCase kBadCases[] = {
     {"HugeMaxMemory", "run {dir}/p.pbtxt --max-memory 9999999999G", 2,
      "kovra run: bad --max-memory '9999999999G': expected a positive number of bytes, optionally with K, M "
      "or G"},
-    {"OverMaxMemory", "run {dir}/grow.pbtxt -i input={dir}/in.npy --max-memory 1G", 3,
-     "\033[1m\033[31mError: The node:pad needs 2116000000 bytes for its output, which brings the run to "
-     "2116000004 bytes, over its memory budget of 1073741824\033[0m",
-     "kovra: the error is in node 'pad' (operator Z40Pad)"},
+    // Refused before anything runs.
+    {"OverMaxMemory", "run {dir}/grow.pbtxt -i input={dir}/in.npy --max-memory 1G", 2,
+     "kovra run: {dir}/grow.pbtxt: The node:pad needs 2116000000 bytes for its output, which brings the run "
+     "to 2116000004 bytes, over its memory budget of 1073741824"},
     // Runs, but says what it ignores.
     {"RunWarnsOfExtraInputs", "run {dir}/relu3.pbtxt -i input={dir}/in.npy", 0,
      "kovra run: {dir}/relu3.pbtxt: warning: node 'r' has 3 inputs but Z40Relu reads 1; the rest would be "
@@ -584,7 +531,7 @@ TEST(CompareTest, ReadsTheChipsBinFilesWithTheHostManifest) {
   spit(chip.file("q.bin"), std::string("\xfe\x01\x80\x7c", 4));
   const std::string both = "compare " + host.path() + " " + chip.path();
   Result r = kovra(both + " --manifest " + host.file("manifest.tsv") + " --per-channel q --csv " +
-                   out.file("d.csv"));
+                   out.file("d.csv") + " --html " + out.file("r.html"));
   EXPECT_EQ(r.code, 1) << r.out;
   CompareRow row;
   ASSERT_TRUE(row_of(r.out, "q", row)) << r.out;
@@ -595,6 +542,7 @@ TEST(CompareTest, ReadsTheChipsBinFilesWithTheHostManifest) {
   ASSERT_TRUE(row_of(r.out, "q[c0]", row)) << r.out;  // channel 0: codes -1, 0x80 against -2, 0x80
   EXPECT_EQ(row.worst, "(0,0,0)=-1/-2");
   EXPECT_EQ(slurp(out.file("d.csv")).substr(0, 12), "name,channel");
+  EXPECT_NE(slurp(out.file("r.html")).find(">First failing layer: q (Z40Quantize)</p>"), std::string::npos);
   // Records on stdout replace the table.
   r = kovra(both + " --manifest " + host.file("manifest.tsv") + " --json -");
   EXPECT_EQ(r.out.compare(0, 13, "{\"tensors\": ["), 0) << r.out;
@@ -606,6 +554,7 @@ TEST(CompareTest, ReadsTheChipsBinFilesWithTheHostManifest) {
       {"", "no tensor is present in both '{dir}' and '{b}'"},
       {" --manifest {dir}/manifest.tsv --per-channel p", "--per-channel: no tensor 'p' in both folders"},
       {" --manifest {dir}/manifest.tsv --json {dir}/no/d.json", "cannot write '{dir}/no/d.json'"},
+      {" --manifest {dir}/manifest.tsv --html {dir}/no/r.html", "cannot write '{dir}/no/r.html'"},
   };
   for (const auto& e : errors) {
     r = kovra(both + substitute(e.options, host.path()));
@@ -669,6 +618,13 @@ TEST(CliTest, VerifyNamesTheLayerAndDumpsFeedBack) {
   r = kovra("verify " + model + " " + dir.file("ref") + " --json " + dir.file("no/v.json"));
   EXPECT_EQ(r.code, 2) << r.out;
   EXPECT_TRUE(has_line(r.out, "kovra verify: cannot write '" + dir.file("no/v.json") + "'")) << r.out;
+  r = kovra("verify " + model + " " + dir.file("ref") + " --html " + dir.file("v.html"));
+  EXPECT_EQ(r.code, 1) << r.out;
+  EXPECT_NE(slurp(dir.file("v.html")).find(">First layer that computes differently: f2 (Z40Dequantize)</p>"),
+            std::string::npos);
+  r = kovra("verify " + model + " " + dir.file("ref") + " --html " + dir.file("no/v.html"));
+  EXPECT_EQ(r.code, 2) << r.out;
+  EXPECT_TRUE(has_line(r.out, "kovra verify: cannot write '" + dir.file("no/v.html") + "'")) << r.out;
 }
 
 TEST(CompareTest, BrokenFoldersFailWithOneLine) {

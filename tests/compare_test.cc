@@ -3,6 +3,7 @@
 #include <cstring>
 #include <fstream>
 #include <limits>
+#include <regex>
 
 #include <google/protobuf/struct.pb.h>
 #include <google/protobuf/util/json_util.h>
@@ -22,7 +23,10 @@ using kovra::trenkit::kovraexecutor::CompareSettings;
 using kovra::trenkit::kovraexecutor::CPU;
 using kovra::trenkit::kovraexecutor::DumpTensor;
 using kovra::trenkit::kovraexecutor::GraphExecutor;
+using kovra::trenkit::kovraexecutor::HtmlContext;
 using kovra::trenkit::kovraexecutor::TensorDiff;
+using kovra::trenkit::kovraexecutor::VerifyNode;
+using kovra::trenkit::kovraexecutor::VerifyReport;
 
 const float kNan = std::numeric_limits<float>::quiet_NaN();
 const double kInf = std::numeric_limits<double>::infinity();
@@ -306,6 +310,157 @@ TEST(CompareTest, FindsTheLayerWhereTheChipRoundsDifferently) {
   const std::string csv = kovra::trenkit::kovraexecutor::report_csv(report);
   EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 1 + 5 + 4);
   EXPECT_NE(csv.find("\nq2,,Z40Quantize,mismatch,1x1x2x4,1x1x2x4,8,3,1,"), std::string::npos) << csv;
+}
+
+// A strict reading of a page's markup, as an XML parser would: elements closed in
+// order, attributes quoted, no bare '<' or '&' in text. Empty when well formed.
+std::string markup_problem(const std::string& page) {
+  static const std::regex tag("^([a-zA-Z][a-zA-Z0-9-]*)(\\s+[a-zA-Z][a-zA-Z0-9:-]*=\"[^\"<]*\")*\\s*/?$");
+  static const std::regex entity("^&([a-z]+|#[0-9]+);");
+  std::vector<std::string> open;
+  for (size_t i = 0; i < page.size();) {
+    const size_t lt = std::min(page.find('<', i), page.size());
+    for (size_t amp = page.find('&', i); amp < lt; amp = page.find('&', amp + 1)) {
+      if (!std::regex_search(page.substr(amp, 8), entity)) return "bare '&' at " + std::to_string(amp);
+    }
+    if (lt == page.size()) break;
+    const size_t gt = page.find('>', lt);
+    if (gt == std::string::npos) return "unterminated tag at " + std::to_string(lt);
+    const std::string inside = page.substr(lt + 1, gt - lt - 1);
+    i = gt + 1;
+    if (lt == 0 && inside == "!DOCTYPE html") continue;
+    if (inside[0] == '/') {
+      if (open.empty() || open.back() != inside.substr(1)) return "stray </" + inside.substr(1) + ">";
+      open.pop_back();
+      continue;
+    }
+    std::smatch m;
+    if (!std::regex_match(inside, m, tag)) return "malformed tag <" + inside + ">";
+    if (inside.back() != '/') open.push_back(m[1]);
+  }
+  return open.empty() ? "" : "unclosed <" + open.back() + ">";
+}
+
+size_t occurrences(const std::string& text, const std::string& part) {
+  size_t n = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+  return n;
+}
+
+// The number in attribute `name` of the last `tag` that opens before `marker`.
+double number_in(const std::string& page, const std::string& marker, const std::string& tag,
+                 const std::string& name) {
+  const size_t at = page.find(marker);
+  EXPECT_NE(at, std::string::npos) << marker;
+  const size_t value = page.find(" " + name + "=\"", page.rfind(tag, at));
+  return value < at ? std::strtod(page.c_str() + value + name.size() + 3, nullptr) : NAN;
+}
+
+TensorDiff named(const std::string& name, TensorDiff d) {
+  d.name = name;
+  d.op = "Z40Quantize";
+  return d;
+}
+
+// Pages of hand-made reports: the markup parses, one chart, the first failing layer marked
+// in chart and table, names escaped, infinite and NaN SQNR drawn in their bands.
+TEST(CompareTest, HtmlPagesMarkTheFirstFailingLayer) {
+  const std::string odd = "a<b&\"c\"", odd_escaped = "a&lt;b&amp;&quot;c&quot;";
+  auto diff = [](std::vector<float> a, std::vector<float> b) {
+    return kovra::trenkit::kovraexecutor::diff_values(a, b, {static_cast<int>(a.size())}, true, 0, 0);
+  };
+  const TensorDiff equal = diff({1, 2}, {1, 2}), off = diff({1, 5}, {1, 2}), nan = diff({kNan}, {1});
+  TensorDiff shape;
+  shape.status = "shape";
+  shape.shape_a = {2};
+  shape.shape_b = {3};
+
+  CompareReport compared;
+  compared.tensors = {named("same", equal), named(odd, off), named("nan", nan), named("shaped", shape)};
+  compared.failed = 3;
+  compared.first_divergence = odd;
+  CompareReport clean;
+  clean.tensors = {named("same", equal)};
+  VerifyReport verified;
+  verified.nodes = {{"same", "Z40Quantize", named("same", equal), named("same", equal)},
+                    {odd, "Z40Quantize", named(odd, off), named(odd, off)},
+                    {"later", "Z40Quantize", named("later", equal), named("later", off)}};
+  verified.local_failed = 1;
+  verified.accumulated_failed = 2;
+  verified.first_local = verified.first_accumulated = odd;
+  VerifyReport inherited = verified;
+  inherited.nodes[1].local = named(odd, equal);
+  inherited.local_failed = 0;
+  HtmlContext context;
+  context.under_test = "A&B";
+  context.reference = "<ref>";
+
+  const struct {
+    const char* label;
+    std::string page;
+    std::string banner, mark;  // mark: the chart's label, empty for none
+    size_t failing_rows;
+    const char* marked_row;  // the run ("local"/"accumulated") of the marked verify row
+  } cases[] = {
+      {"compare", kovra::trenkit::kovraexecutor::report_html(compared, context),
+       "First failing layer: " + odd_escaped + " (Z40Quantize)", "first failing: " + odd_escaped, 3, ""},
+      {"clean", kovra::trenkit::kovraexecutor::report_html(clean, context),
+       "Every tensor is within tolerance", "", 0, ""},
+      {"verify", kovra::trenkit::kovraexecutor::verify_html(verified, context),
+       "First layer that computes differently: " + odd_escaped + " (Z40Quantize)",
+       "computes differently: " + odd_escaped, 3, "local"},
+      {"inherited", kovra::trenkit::kovraexecutor::verify_html(inherited, context),
+       "No layer computes differently; differences accumulate from " + odd_escaped + " (Z40Quantize)",
+       "differences start: " + odd_escaped, 2, "accumulated"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    const std::string& page = c.page;
+    EXPECT_EQ(markup_problem(page), "");
+    EXPECT_EQ(occurrences(page, "<svg"), 1u);
+    EXPECT_NE(page.find("\">" + c.banner + "</p>"), std::string::npos);
+    EXPECT_NE(page.find("<td>A&amp;B</td>"), std::string::npos);
+    EXPECT_NE(page.find("<td>&lt;ref&gt;</td>"), std::string::npos);
+    EXPECT_EQ(page.find(odd), std::string::npos);
+    // Statistics that are not numbers never become coordinates.
+    for (const char* bad : {"=\"nan", "=\"-nan", "=\"inf", "=\"-inf"})
+      EXPECT_EQ(page.find(bad), std::string::npos);
+    EXPECT_EQ(occurrences(page, "<tr class=\"fail"), c.failing_rows);
+    if (c.mark.empty()) {
+      EXPECT_EQ(page.find("first-failing"), std::string::npos);
+      continue;
+    }
+    const size_t chart_mark = page.find("<g id=\"first-failing\"");
+    ASSERT_NE(chart_mark, std::string::npos);
+    EXPECT_LT(chart_mark, page.find("</svg>"));
+    EXPECT_NE(page.find(c.mark + "</text>\n</g>", chart_mark), std::string::npos);
+    // The marker stands at the layer's points: the second layer here.
+    EXPECT_EQ(number_in(page, "<title>" + odd_escaped + " (", "<circle", "cx"),
+              number_in(page, c.mark + "</text>", "<line", "x1"));
+    const size_t row = page.find("<tr class=\"fail first\" id=\"first-failing-row\">");
+    ASSERT_NE(row, std::string::npos);
+    EXPECT_EQ(occurrences(page, "first-failing-row"), 1u);
+    const std::string row_text = page.substr(row, page.find("</tr>", row) - row);
+    if (*c.marked_row == 'a') {
+      EXPECT_NE(row_text.find("<td>accumulated</td>"), std::string::npos) << row_text;
+    } else {
+      EXPECT_NE(row_text.find(odd_escaped + "<span class=\"first\">first failing</span>"), std::string::npos)
+          << row_text;
+    }
+    if (*c.marked_row) {
+      EXPECT_NE(page.find(">local</text>"), std::string::npos);  // the legend names both series
+      EXPECT_NE(page.find(">accumulated</text>"), std::string::npos);
+      EXPECT_EQ(occurrences(page, "<td>local</td>"), 3u);
+    }
+  }
+  // An infinite SQNR (equal tensors) sits in the top band labelled "exact"; NaN in the bottom one.
+  const std::string& page = cases[0].page;
+  const double exact_y = number_in(page, ">exact</text>", "<text", "y");
+  const double none_y = number_in(page, ">-inf/nan</text>", "<text", "y");
+  EXPECT_NEAR(number_in(page, "<title>same (under test vs reference): SQNR", "<circle", "cy"), exact_y - 5,
+              5);
+  EXPECT_NEAR(number_in(page, "<title>nan (under test vs reference): SQNR", "<circle", "cy"), none_y - 5, 5);
+  EXPECT_NE(page.find("<td>shape</td><td colspan=\"9\">2 vs 3</td>"), std::string::npos);
 }
 
 }  // namespace

@@ -237,6 +237,14 @@ std::vector<ConvCase> conv_cases() {
       Row("wide_reduction", 4, 5, 40, 70, 3, 3),  // 360 taps: two reduction blocks
       Row("one_pixel", 1, 1, 3, 2, 3, 3), Row("eight_by_sixteen", 8, 16, 4, 5, 3, 3),
       Row("hundred", 100, 100, 3, 4, 3, 3),
+      // 3x3, unit steps, 32 channels or more: the Winograd path, edges of
+      // odd sizes, several blocks of tiles, padding values and activations.
+      Row("winograd_same", 12, 12, 32, 40, 3, 3), Row("winograd_odd_edges", 11, 13, 33, 36, 3, 3).n(2),
+      Row("winograd_valid", 18, 12, 32, 32, 3, 3).valid(),
+      Row("winograd_pad_value", 12, 13, 40, 32, 3, 3).pv(0.5f).act("LeakyRelu", 0.1f).no_bias(),
+      Row("winograd_blocks", 40, 38, 32, 48, 3, 3).act("Relu", 1.0f),
+      // Blocks of 8 tiles for 272 outputs: 33 tiles leave one alone.
+      Row("winograd_lone_tile", 6, 22, 32, 272, 3, 3),
       // Depthwise: (ky, kx)-ordered taps per channel, multiplier 1 and 2.
       Row("dw_same_s1", 9, 20, 19, 19, 3, 3).dwise().pv(0.5f),
       Row("dw_same_s2_dilated", 12, 23, 33, 33, 3, 3).dwise().s(2, 2).d(2, 2).act("Relu6", 1.0f),

@@ -11,15 +11,20 @@
 #include "checked_size.h"
 #include "errors.h"
 #include "graph_executor.h"
+#include "model_check.h"
 #include "support/test_util.h"
 
 namespace {
 
+using kovra::trenkit::kovraexecutor::check_model;
 using kovra::trenkit::kovraexecutor::CPU;
 using kovra::trenkit::kovraexecutor::Error;
 using kovra::trenkit::kovraexecutor::ErrorPolicy;
 using kovra::trenkit::kovraexecutor::GraphExecutor;
 using kovra::trenkit::kovraexecutor::MessageLevel;
+using kovra::trenkit::kovraexecutor::ModelIssue;
+using kovra::trenkit::kovraexecutor::ModelReport;
+using kovra::trenkit::kovraexecutor::RunPlan;
 using kovra::trenkit::kovraexecutor::ScopedErrorPolicy;
 using kovra::trenkit::kovraexecutor::set_message_sink;
 using kovra::trenkit::kovraexecutor::shape_count;
@@ -228,47 +233,79 @@ INSTANTIATE_TEST_SUITE_P(
                     0,
                     false,
                     "sl",
-                    "3.000000 "},
-        // The whole run is bounded: the pad alone passes a 1 GiB budget.
-        HostileCase{"GrowingPadOverBudget",
-                    kGrowingPad,
-                    {1, 2, 2, 1},
-                    1LL << 30,
-                    false,
-                    "r3",
-                    "pad|The node:pad needs 2116000000 bytes for its output, which brings the run to "
-                    "2116000004 bytes, over its memory budget of 1073741824"},
-        // The input node holds 4 bytes, each Z40Relu 4 bytes per element:
-        // 4 + 64 + 64, then r3 would bring 196.
-        HostileCase{
-            "ChainOverBudget",
-            kRelus,
-            {1, 4, 4, 1},
-            150,
-            false,
-            "r3",
-            "r3|The node:r3 needs 64 bytes for its output, which brings the run to 196 bytes, over its "
-            "memory budget of 150"},
-        HostileCase{"ChainAtBudget", kRelus, {1, 2, 1, 1}, 28, false, "r3", "0.000000 1.000000 "},
-        HostileCase{"ChainOverBudgetByOne",
-                    kRelus,
-                    {1, 2, 1, 1},
-                    27,
-                    false,
-                    "r3",
-                    "r3|The node:r3 needs 8 bytes for its output, which brings the run to 28 bytes, over its "
-                    "memory budget of 27"},
-        // In place, r1 is freed once r2 has read it, so r3 fits in 20.
-        HostileCase{"ChainInPlaceFits", kRelus, {1, 2, 1, 1}, 20, true, "r3", "0.000000 1.000000 "},
-        HostileCase{"ChainInPlaceOverBudget",
-                    kRelus,
-                    {1, 2, 1, 1},
-                    19,
-                    true,
-                    "r3",
-                    "r2|The node:r2 needs 8 bytes for its output, which brings the run to 20 bytes, over its "
-                    "memory budget of 19"}),
+                    "3.000000 "}),
     [](const ::testing::TestParamInfo<HostileCase>& info) { return std::string(info.param.label); });
+
+// The whole run is bounded, whether it would cross the budget at the first
+// node or the last.
+const std::vector<HostileCase> kBudgetCases = {
+    // The whole run is bounded: the pad alone passes a 1 GiB budget.
+    HostileCase{"GrowingPadOverBudget",
+                kGrowingPad,
+                {1, 2, 2, 1},
+                1LL << 30,
+                false,
+                "r3",
+                "pad|The node:pad needs 2116000000 bytes for its output, which brings the run to "
+                "2116000004 bytes, over its memory budget of 1073741824"},
+    // The input node holds 4 bytes, each Z40Relu 4 bytes per element:
+    // 4 + 64 + 64, then r3 would bring 196.
+    HostileCase{"ChainOverBudget",
+                kRelus,
+                {1, 4, 4, 1},
+                150,
+                false,
+                "r3",
+                "r3|The node:r3 needs 64 bytes for its output, which brings the run to 196 bytes, over its "
+                "memory budget of 150"},
+    HostileCase{"ChainAtBudget", kRelus, {1, 2, 1, 1}, 28, false, "r3", "0.000000 1.000000 "},
+    HostileCase{"ChainOverBudgetByOne",
+                kRelus,
+                {1, 2, 1, 1},
+                27,
+                false,
+                "r3",
+                "r3|The node:r3 needs 8 bytes for its output, which brings the run to 28 bytes, over its "
+                "memory budget of 27"},
+    // In place, r1 is freed once r2 has read it, so r3 fits in 20.
+    HostileCase{"ChainInPlaceFits", kRelus, {1, 2, 1, 1}, 20, true, "r3", "0.000000 1.000000 "},
+    HostileCase{"ChainInPlaceOverBudget",
+                kRelus,
+                {1, 2, 1, 1},
+                19,
+                true,
+                "r3",
+                "r2|The node:r2 needs 8 bytes for its output, which brings the run to 20 bytes, over its "
+                "memory budget of 19"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Budget, HostileModelTest, ::testing::ValuesIn(kBudgetCases),
+                         [](const ::testing::TestParamInfo<HostileCase>& info) {
+                           return std::string(info.param.label);
+                         });
+
+// The check plans a run's memory as the run counts it, so a run that would
+// cross its budget is refused, with the same words, before anything runs.
+class PlannedBudgetTest : public ::testing::TestWithParam<HostileCase> {};
+
+TEST_P(PlannedBudgetTest, CheckRefusesWhatTheRunWould) {
+  const HostileCase& c = GetParam();
+  RunPlan plan;
+  plan.memory_budget = c.budget;
+  plan.inplace = c.inplace;
+  const ModelReport report = check_model(parse_text_graph(kInput + c.nodes), {{"input", c.shape}}, plan);
+  std::string refusal;
+  if (report.over_budget >= 0) {
+    const ModelIssue& issue = report.problems[report.over_budget];
+    refusal = issue.node + "|" + issue.message;
+  }
+  EXPECT_EQ(refusal, c.expected.find('|') == std::string::npos ? "" : c.expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Budget, PlannedBudgetTest, ::testing::ValuesIn(kBudgetCases),
+                         [](const ::testing::TestParamInfo<HostileCase>& info) {
+                           return std::string(info.param.label);
+                         });
 
 TEST(MemoryBudget, DefaultAndRefusedValues) {
   const kovra_test::GraphDef graph = parse_text_graph(kInput);

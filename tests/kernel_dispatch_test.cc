@@ -20,6 +20,7 @@
 #include "ops/kernels/gemm_f32.h"
 #include "ops/kernels/int8_dot_path.h"
 #include "ops/kernels/int8_eltwise_kernels.h"
+#include "ops/kernels/winograd_f32.h"
 #include "support/test_util.h"
 
 namespace kovra_test {
@@ -75,6 +76,7 @@ void expect_every_table_follows(KernelIsa isa) {
   expect_table_follows(kx::gemm_f32_kernels(), isa);
   expect_table_follows(kx::conv_f32_tile_kernels(), isa);
   expect_table_follows(kx::dwconv_f32_row_kernels(), isa);
+  expect_table_follows(kx::winograd_f32_kernels(), isa);
   expect_table_follows(kx::int8_dot_kernels(), isa);
   expect_table_follows(kx::int8_code_kernels(), isa);
   expect_table_follows(kx::int8_float_gemm_kernels(), isa);
@@ -381,6 +383,55 @@ void check_eltwise(const kx::Int8EltwiseKernels& v) {
   EXPECT_EQ(std::vector<float>(y, y + 4), (std::vector<float>{3.0f, -1.0f, 128.0f, 5.0f})) << v.name;
 }
 
+// The Winograd transforms as matrix products summed in index order: V =
+// B^T d B and Y = A^T m A + bias. Zero and unit coefficients are exact, so
+// a variant must give these values (== rather than bits: zeros may differ
+// in sign).
+void check_winograd(const kx::WinogradF32Kernels& v) {
+  const float bt[4][4] = {{1, 0, -1, 0}, {0, 1, 1, 0}, {0, -1, 1, 0}, {0, 1, 0, -1}};
+  const float at[2][4] = {{1, 1, 1, 0}, {0, 1, -1, -1}};
+  const int C = 37;  // vectors of every width and a scalar tail
+  const size_t stride = 40;
+  const std::vector<float> x = uniform(16 * C, 20), bias = uniform(C, 21);
+  const float* taps[16];
+  for (int p = 0; p < 16; ++p) taps[p] = x.data() + p * C;
+  std::vector<float> got(16 * stride, -7.0f);
+  v.input(taps, C, got.data(), stride);
+  for (int c = 0; c < C; ++c) {
+    float t[4][4];
+    for (int i = 0; i < 4; ++i)
+      for (int j = 0; j < 4; ++j) {
+        t[i][j] = 0.0f;
+        for (int k = 0; k < 4; ++k) t[i][j] += bt[i][k] * x[(k * 4 + j) * C + c];
+      }
+    for (int i = 0; i < 4; ++i)
+      for (int j = 0; j < 4; ++j) {
+        float want = 0.0f;
+        for (int k = 0; k < 4; ++k) want += t[i][k] * bt[j][k];
+        ASSERT_EQ(got[(i * 4 + j) * stride + c], want) << v.name << " input " << i << j << " channel " << c;
+      }
+  }
+  // Outputs past the image's edge are not written.
+  std::vector<float> y(4 * C, -7.0f);
+  float* const out[4] = {y.data(), y.data() + C, nullptr, y.data() + 3 * C};
+  v.output(got.data(), stride, C, bias.data(), out);
+  for (int c = 0; c < C; ++c) {
+    float s[2][4];
+    for (int i = 0; i < 2; ++i)
+      for (int j = 0; j < 4; ++j) {
+        s[i][j] = 0.0f;
+        for (int k = 0; k < 4; ++k) s[i][j] += at[i][k] * got[(k * 4 + j) * stride + c];
+      }
+    for (int i = 0; i < 2; ++i)
+      for (int j = 0; j < 2; ++j) {
+        float want = 0.0f;
+        for (int k = 0; k < 4; ++k) want += s[i][k] * at[j][k];
+        want += bias[c];
+        ASSERT_EQ(y[(i * 2 + j) * C + c], i * 2 + j == 2 ? -7.0f : want) << v.name << " output " << i << j;
+      }
+  }
+}
+
 struct VariantCase {
   std::string name;
   KernelIsa isa;
@@ -403,6 +454,7 @@ std::vector<VariantCase> variant_cases() {
   add_variants(cases, "gemm", kx::gemm_f32_kernels(), check_gemm);
   add_variants(cases, "conv_tile", kx::conv_f32_tile_kernels(), check_conv_tile);
   add_variants(cases, "dwconv", kx::dwconv_f32_row_kernels(), check_dwconv_row);
+  add_variants(cases, "winograd", kx::winograd_f32_kernels(), check_winograd);
   add_variants(cases, "dot", kx::int8_dot_kernels(), check_dot);
   add_variants(cases, "codes", kx::int8_code_kernels(), check_codes);
   add_variants(cases, "int8_gemm", kx::int8_float_gemm_kernels(), check_int8_float_gemm);

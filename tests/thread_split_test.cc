@@ -111,6 +111,9 @@ TEST(ThreadSplitTest, SplitOperatorsMatchTheirReferenceAtAnyThreadCount) {
       {"conv_small_map", "Z40Conv2D", std::string(kDepthwise) + kRelu,
        {{1, 7, 5, 40}, {3, 3, 40, 70}, {70}},
        [](const std::vector<std::vector<float>>& in) { return conv_reference(in, 7, 5, 40, 70); }},
+      // Winograd: 49 tiles of two outputs square, cut into runs at multiples of 8.
+      {"conv_winograd", "Z40Conv2D", std::string(kDepthwise) + kRelu, {{1, 14, 13, 32}, {3, 3, 32, 40}, {40}},
+       [](const std::vector<std::vector<float>>& in) { return conv_reference(in, 14, 13, 32, 40); }},
       {"eltwise_add", "Z40EltwiseAdd", kRelu, {{1, 64, 64, 80}, {1, 64, 64, 80}},
        [](const std::vector<std::vector<float>>& in) {
          std::vector<float> y(in[0].size());

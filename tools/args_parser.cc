@@ -165,6 +165,7 @@ ArgsParser::ArgsParser() : impl_(new Impl) {
   compare->add_option("--per-channel", compare_.per_channel, "break this node's tensor down by channel");
   compare->add_option("--json", compare_.json, "also write the records as JSON to this file ('-': stdout)");
   compare->add_option("--csv", compare_.csv, "also write the records as CSV to this file ('-': stdout)");
+  compare->add_option("--html", compare_.html, "also write the report as an HTML page to this file");
 
   CLI::App* verify = impl_->verify = app.add_subcommand(
       "verify", "run each node on a reference's inputs and find the node that computes differently");
@@ -179,6 +180,7 @@ ArgsParser::ArgsParser() : impl_(new Impl) {
   verify->add_option("--manifest", verify_.manifest,
                      "manifest.tsv describing a reference of raw .bin files (and dumped -i inputs)");
   verify->add_option("--json", verify_.json, "also write the records as JSON to this file ('-': stdout)");
+  verify->add_option("--html", verify_.html, "also write the report as an HTML page to this file");
   verify->add_option("--rtol", verify_.rtol, "relative tolerance")->check(kTolerance);
   verify->add_option("--atol", verify_.atol, "absolute tolerance")->check(kTolerance);
 }

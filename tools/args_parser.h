@@ -67,6 +67,7 @@ struct CompareOptions {
   std::string per_channel;  // node to break down by channel
   std::string json;         // file for the JSON records, "-" for stdout
   std::string csv;          // file for the CSV records, "-" for stdout
+  std::string html;         // file for the report page
 };
 
 struct VerifyOptions {
@@ -77,6 +78,7 @@ struct VerifyOptions {
   std::string output;
   std::string manifest;
   std::string json;  // file for the JSON records, "-" for stdout
+  std::string html;  // file for the report page
   double rtol = 1e-5;
   double atol = 1e-6;
 };

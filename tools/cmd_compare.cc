@@ -10,6 +10,7 @@
 #include <kovraexecutor/input_loader.h>
 
 #include "commands.h"
+#include "model_file.h"
 
 namespace kovra_tool {
 
@@ -130,6 +131,16 @@ int cmd_compare(const CompareOptions& options) {
   if (!options.csv.empty() &&
       !write_text(options.csv, kovra::trenkit::kovraexecutor::report_csv(report), error)) {
     return fail(kWhere, error);
+  }
+  if (!options.html.empty()) {
+    kovra::trenkit::kovraexecutor::HtmlContext context;
+    context.under_test = options.a;
+    context.reference = options.b;
+    context.rtol = options.rtol;
+    context.atol = options.atol;
+    if (!write_file(options.html, kovra::trenkit::kovraexecutor::report_html(report, context))) {
+      return fail(kWhere, "cannot write '" + options.html + "'");
+    }
   }
   return report.failed ? kExitMismatch : kExitOk;
 }

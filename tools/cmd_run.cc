@@ -1,16 +1,16 @@
+#include <kovraexecutor/compare.h>
+#include <kovraexecutor/errors.h>
+#include <kovraexecutor/graph_executor.h>
+#include <kovraexecutor/input_loader.h>
+#include <kovraexecutor/model_check.h>
+#include <kovraexecutor/npy.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <map>
 #include <memory>
 #include <set>
-
-#include <kovraexecutor/compare.h>
-#include <kovraexecutor/errors.h>
-#include <kovraexecutor/graph_executor.h>
-#include <kovraexecutor/input_loader.h>
-#include <kovraexecutor/npy.h>
-#include <kovraexecutor/model_check.h>
 
 #include "commands.h"
 #include "model_file.h"
@@ -34,6 +34,7 @@ using kovra::trenkit::kovraexecutor::run_ends;
 using kovra::trenkit::kovraexecutor::run_feeds;
 using kovra::trenkit::kovraexecutor::run_starts;
 using kovra::trenkit::kovraexecutor::run_upstream;
+using kovra::trenkit::kovraexecutor::RunPlan;
 using kovra::trenkit::kovraexecutor::set_message_sink;
 using kovra::trenkit::kovraexecutor::Tensor;
 using kovra::trenkit::kovraexecutor::write_npy;
@@ -68,8 +69,7 @@ bool convertible(const Tensor* tensor) {
   }
 }
 
-void print_summary(const std::string& name, const std::vector<int>& shape,
-                   const std::vector<float>& values) {
+void print_summary(const std::string& name, const std::vector<int>& shape, const std::vector<float>& values) {
   double sum = 0.0;
   float lo = INFINITY, hi = -INFINITY;
   size_t nan = 0;
@@ -140,14 +140,24 @@ int cmd_run(const RunOptions& options) {
   }
   for (const std::string& name : feeds) {
     if (!needed.count(name)) continue;
-    const bool given = std::any_of(options.inputs.begin(), options.inputs.end(),
-                                   [&](const kovra::trenkit::kovraexecutor::InputArg& s) {
-                                     return s.name == name;
-                                   });
+    const bool given =
+        std::any_of(options.inputs.begin(), options.inputs.end(),
+                    [&](const kovra::trenkit::kovraexecutor::InputArg& s) { return s.name == name; });
     if (!given) return fail(kWhere, "no data for input '" + name + "' (give -i " + name + "=FILE)");
   }
   std::vector<std::unique_ptr<Tensor>> inputs;
   if (!load_inputs(options.inputs, options.manifest, inputs, error)) return fail(kWhere, error);
+  // A run that would cross its memory budget is refused before it starts.
+  // Other shape problems stay the run's own errors, reported by the node.
+  std::map<std::string, std::vector<int>> shapes;
+  for (const auto& tensor : inputs) shapes[tensor->name()] = tensor->shape();
+  RunPlan plan;
+  if (options.max_memory > 0) plan.memory_budget = options.max_memory;
+  plan.inplace = options.inplace;
+  const ModelReport planned = check_model(graph, shapes, plan);
+  if (planned.over_budget >= 0) {
+    return fail(kWhere, options.model + ": " + planned.problems[planned.over_budget].message);
+  }
   if (!options.out_dir.empty() && !make_dirs(options.out_dir)) {
     return fail(kWhere, "cannot create output folder '" + options.out_dir + "'");
   }

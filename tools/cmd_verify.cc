@@ -94,6 +94,16 @@ int cmd_verify(const VerifyOptions& options) {
       return fail(kWhere, "cannot write '" + options.json + "'");
     }
   }
+  if (!options.html.empty()) {
+    kx::HtmlContext context;
+    context.under_test = options.model;
+    context.reference = options.reference;
+    context.rtol = options.rtol;
+    context.atol = options.atol;
+    if (!write_file(options.html, kx::verify_html(report, context))) {
+      return fail(kWhere, "cannot write '" + options.html + "'");
+    }
+  }
   return report.local_failed || report.accumulated_failed ? kExitMismatch : kExitOk;
 }
 

@@ -137,6 +137,21 @@ KOVRA_API bool verify_model(const ::kovra::trenkit::GraphDef& graph, const std::
                             const VerifySettings& settings, VerifyReport& report, std::string& error);
 KOVRA_API std::string verify_json(const VerifyReport& report);
 
+// What a report page names in its header.
+struct HtmlContext {
+  std::string title;       // heading; empty for the report's default
+  std::string under_test;  // the folder under test, or the model verified
+  std::string reference;   // the reference folder
+  double rtol = 1e-5;
+  double atol = 1e-6;
+};
+
+// A report as one self-contained HTML page (inline CSS and SVG, no script):
+// a header with the first failing layer, a chart of SQNR and mismatch rate per
+// layer in execution order, and the per-layer table.
+KOVRA_API std::string report_html(const CompareReport& report, const HtmlContext& context);
+KOVRA_API std::string verify_html(const VerifyReport& report, const HtmlContext& context);
+
 }  // namespace kovraexecutor
 }  // namespace trenkit
 }  // namespace kovra

@@ -36,15 +36,33 @@ struct ModelReport {
   // In execution order; filled only when input shapes were given, and only
   // for the nodes whose shapes could be inferred.
   std::vector<NodeShape> shapes;
+  // The most bytes of node outputs a run holds at once, as the executor
+  // counts them against its memory budget; 0 without input shapes.
+  long long planned_bytes = 0;
+  // Index in `problems` of the one that says the run would cross its
+  // memory budget; -1 when it stays within.
+  int over_budget = -1;
+};
+
+// The executor's memory budget unless the embedder sets one.
+constexpr long long kDefaultMemoryBudget = 8LL << 30;
+
+// How the run that the check plans for will hold its tensors.
+struct RunPlan {
+  long long memory_budget = kDefaultMemoryBudget;  // bytes of node outputs at once
+  bool inplace = false;                            // GraphExecutor::set_inplace
 };
 
 // Everything the executor would stop the process for while translating the
 // model, and more, found without stopping and without executing anything:
 // node names, operators, inputs, cycles, constants, each node's attributes
 // and, given the shapes of the fed tensors by name, shape inference through
-// the whole graph. Safe on any model; never aborts.
+// the whole graph, and whether a run on those shapes stays within `plan`'s
+// memory budget (refused before it starts rather than at the node that
+// crosses it). Safe on any model; never aborts.
 KOVRA_API ModelReport check_model(const ::kovra::trenkit::GraphDef& graph,
-                                  const std::map<std::string, std::vector<int>>& input_shapes = {});
+                                  const std::map<std::string, std::vector<int>>& input_shapes = {},
+                                  const RunPlan& plan = RunPlan());
 
 // Rewrites each attribute of `node` that its operator reads in another
 // encoding than the one it holds into the encoding read, where the value

@@ -82,28 +82,38 @@ def load_dump(folder: PathLike, manifest: PathLike = "") -> Dict[str, np.ndarray
     return tensors
 
 
+def _write_page(path: Optional[PathLike], page: str) -> None:
+    if path is not None:
+        with open(path, "w", encoding="utf-8") as out:
+            out.write(page)
+
+
 def compare(a: PathLike, b: PathLike, rtol: float = 1e-5, atol: float = 1e-6, *, manifest_a: PathLike = "",
-            manifest_b: PathLike = "", per_channel: str = "") -> Dict[str, Any]:
+            manifest_b: PathLike = "", per_channel: str = "", html: Optional[PathLike] = None) -> Dict[str, Any]:
     """Compares the tensors of folder `a` (under test) with folder `b` (reference).
 
     Returns the report `kovra compare --json` prints, as Python objects: the
-    per-tensor records in execution order, the first divergence and counts."""
-    text = _kovra.compare(os.fspath(a), os.fspath(b), rtol, atol, os.fspath(manifest_a),
-                          os.fspath(manifest_b), per_channel)
+    per-tensor records in execution order, the first divergence and counts.
+    With `html`, also writes the page `kovra compare --html` writes there."""
+    text, page = _kovra.compare(os.fspath(a), os.fspath(b), rtol, atol, os.fspath(manifest_a),
+                                os.fspath(manifest_b), per_channel, html is not None)
+    _write_page(html, page)
     return json.loads(text)
 
 
 def verify(model: Union[Model, PathOrBytes], reference: PathLike, feeds: Optional[Mapping[str, Any]] = None,
            rtol: float = 1e-5, atol: float = 1e-6, *, manifest: PathLike = "", start: Names = None,
-           output: Optional[str] = None) -> Dict[str, Any]:
+           output: Optional[str] = None, html: Optional[PathLike] = None) -> Dict[str, Any]:
     """Runs every node of `model` on the reference's values of its inputs, and the
     whole model from `feeds`, comparing each node with the reference folder.
 
     Missing feeds are taken from the reference. Returns the report
-    `kovra verify --json` prints, as Python objects."""
+    `kovra verify --json` prints, as Python objects. With `html`, also writes
+    the page `kovra verify --html` writes there."""
     if not isinstance(model, Model):
         model = Model(model)
     encoded = {name: npy_feed(name, value) for name, value in (feeds or {}).items()}
-    text = _kovra.verify(model._executor, os.fspath(reference), encoded, rtol, atol, os.fspath(manifest),
-                         _names(start), output or "")
+    text, page = _kovra.verify(model._executor, model.source, os.fspath(reference), encoded, rtol, atol,
+                               os.fspath(manifest), _names(start), output or "", html is not None)
+    _write_page(html, page)
     return json.loads(text)

@@ -124,16 +124,19 @@ class Model:
     ("protected") or whichever of them it is ("auto"). A model with problems
     (see kovra.check) is refused with kovra.Error naming the first one.
 
-    Every failure raises kovra.Error; the model stays usable afterwards. Runs
+    `source` keeps the path, or "<bytes>". Every failure raises kovra.Error;
+    the model stays usable afterwards. Runs
     of one model from several threads take turns; different models run in
     parallel, without holding the interpreter lock.
     """
 
     def __init__(self, source: PathOrBytes, format: str = "auto") -> None:
         if isinstance(source, (bytes, bytearray, memoryview)):
+            self.source = "<bytes>"
             self._executor = _kovra.Executor(bytes(source), False, format)
         else:
-            self._executor = _kovra.Executor(os.fspath(source), True, format)
+            self.source = os.fspath(source)
+            self._executor = _kovra.Executor(self.source, True, format)
         self._graph: Optional[graph_def_pb2.GraphDef] = None
         self._nodes: Optional[List[Node]] = None
 

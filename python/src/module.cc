@@ -260,9 +260,10 @@ py::list load_dump(const std::string& folder, const std::string& manifest) {
   return out;
 }
 
-std::string compare(const std::string& a, const std::string& b, double rtol, double atol,
-                    const std::string& manifest_a, const std::string& manifest_b,
-                    const std::string& per_channel) {
+// The report as JSON and, when asked, as the HTML page the command writes.
+py::tuple compare(const std::string& a, const std::string& b, double rtol, double atol,
+                  const std::string& manifest_a, const std::string& manifest_b,
+                  const std::string& per_channel, bool html) {
   Throwing policy;
   kx::CompareSettings settings;
   settings.rtol = rtol;
@@ -277,13 +278,18 @@ std::string compare(const std::string& a, const std::string& b, double rtol, dou
     Throwing compare_policy;
     if (!kx::compare_folders(a, b, settings, report, error)) fail(error);
   }
-  return kx::report_json(report);
+  kx::HtmlContext context;
+  context.under_test = a;
+  context.reference = b;
+  context.rtol = rtol;
+  context.atol = atol;
+  return py::make_tuple(kx::report_json(report), html ? kx::report_html(report, context) : std::string());
 }
 
-std::string verify(Executor& model, const std::string& reference,
-                   const std::map<std::string, py::bytes>& feeds, double rtol, double atol,
-                   const std::string& manifest, const std::vector<std::string>& starts,
-                   const std::string& output) {
+py::tuple verify(Executor& model, const std::string& name, const std::string& reference,
+                 const std::map<std::string, py::bytes>& feeds, double rtol, double atol,
+                 const std::string& manifest, const std::vector<std::string>& starts,
+                 const std::string& output, bool html) {
   Throwing policy;
   std::vector<std::unique_ptr<Tensor>> tensors;
   std::map<std::string, const Tensor*> inputs;
@@ -309,7 +315,12 @@ std::string verify(Executor& model, const std::string& reference,
     Throwing verify_policy;
     if (!kx::verify_model(model.graph(), reference, inputs, settings, report, error)) fail(error);
   }
-  return kx::verify_json(report);
+  kx::HtmlContext context;
+  context.under_test = name;
+  context.reference = reference;
+  context.rtol = rtol;
+  context.atol = atol;
+  return py::make_tuple(kx::verify_json(report), html ? kx::verify_html(report, context) : std::string());
 }
 
 }  // namespace

@@ -274,12 +274,15 @@ def test_load_dump_keeps_signedness(dumps):
     assert kovra.load_dump(dumps["float"])["conv1"].dtype == np.float32
 
 
-def test_compare_and_verify_equal_the_command(dumps, cli):
+def test_compare_and_verify_equal_the_command(dumps, cli, tmp_path):
     for a, b, tolerances in [(dumps["moved"], dumps["float"], []), (dumps["float"], dumps["float"], []),
                              (dumps["moved"], dumps["float"], ["--rtol", "0.1", "--atol", "0.5"])]:
         got = kovra.compare(a, b, *(float(v) for v in tolerances[1::2]))
         assert got == json.loads(cli("compare", a, b, "--json", "-", *tolerances, codes=(0, 1)))
     assert kovra.compare(dumps["moved"], dumps["float"])["tensors"][0]["status"] == "mismatch"
+    kovra.compare(dumps["moved"], dumps["float"], html=tmp_path / "compare.html")
+    cli("compare", dumps["moved"], dumps["float"], "--html", str(tmp_path / "cli.html"), codes=(1,))
+    assert (tmp_path / "compare.html").read_text() == (tmp_path / "cli.html").read_text()
 
     inputs = {"original": example("float_input.npy"),
               "moved": os.path.join(os.path.dirname(dumps["moved"]), "moved.npy")}
@@ -287,7 +290,11 @@ def test_compare_and_verify_equal_the_command(dumps, cli):
     for path in inputs.values():
         want = json.loads(cli("verify", model, dumps["float"], "--json", "-", "-i", "input=" + path, codes=(0, 1)))
         assert kovra.verify(model, dumps["float"], {"input": np.load(path)}) == want
-    assert kovra.verify(model, dumps["float"], {"input": np.load(inputs["moved"])})["first_accumulated"] == "conv1"
+    moved = {"input": np.load(inputs["moved"])}
+    assert kovra.verify(model, dumps["float"], moved, html=tmp_path / "verify.html")["first_accumulated"] == "conv1"
+    cli("verify", model, dumps["float"], "-i", "input=" + inputs["moved"], "--html", str(tmp_path / "cli.html"),
+        codes=(1,))
+    assert (tmp_path / "verify.html").read_text() == (tmp_path / "cli.html").read_text()
 
 
 # ---- the schema's classes next to other packages' ---------------------------------------------

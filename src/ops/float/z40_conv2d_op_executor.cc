@@ -10,6 +10,7 @@
 #include "ops/kernels/conv2d_cpu.h"
 #include "ops/kernels/conv_backward.h"
 #include "ops/kernels/gemm_f32.h"
+#include "ops/kernels/winograd_f32.h"
 
 namespace kovra {
 namespace trenkit {
@@ -35,6 +36,10 @@ struct Z40Conv2DParam : BaseParam {
   // The tiled path's weight panels, packed on first use and again only when
   // the weight tensor's version changes.
   PackedPanelsF32 packed;
+  // 3x3 with unit steps and channels enough: the Winograd path instead.
+  bool winograd = false;
+  WinogradPlan winograd_plan;
+  WinogradWeights winograd_weights;
 };
 
 class Z40Conv2DOpExecutor : public ParamOpExecutor<Z40Conv2DParam> {
@@ -81,9 +86,13 @@ class Z40Conv2DOpExecutor : public ParamOpExecutor<Z40Conv2DParam> {
       conv2d_cpu(in, w, bias, out, g);
       return true;
     }
-    // A single output pixel reads the weights as they are stored.
+    if (p.winograd) {
+      transform_winograd_weights(w, g.in_c, g.out_c, inputs[1]->version(), &p.winograd_weights);
+      conv2d_winograd_f23(p.winograd_plan, in, p.winograd_weights, bias, out);
+      return true;
+    }
     const float* packed =
-        p.plan.pixels > 1 ? pack_panels_f32(w, p.plan.K, g.out_c, inputs[1]->version(), &p.packed) : nullptr;
+        p.plan.keep_panels ? pack_panels_f32(w, p.plan.K, g.out_c, inputs[1]->version(), &p.packed) : nullptr;
     conv2d_avx_cpu(p.plan, in, w, packed, bias, out);
     return true;
   }
@@ -174,7 +183,12 @@ class Z40Conv2DOpExecutor : public ParamOpExecutor<Z40Conv2DParam> {
     p.geometry = g;
     p.out_count = static_cast<long long>(g.batch) * g.out_h * g.out_w * g.out_c;
     p.tiled = _tiled(g);
-    if (p.tiled) prepare_conv_tiles(g, &p.plan);
+    p.winograd = p.tiled && winograd_f23_applies(g);
+    if (p.winograd) {
+      prepare_winograd_f23(g, &p.winograd_plan);
+    } else if (p.tiled) {
+      prepare_conv_tiles(g, &p.plan);
+    }
     p.has_bias = inputs.size() == 3;
     p.zero_bias.assign(p.has_bias ? 0 : g.out_c, 0.0f);
     p.input_count = inputs.size();

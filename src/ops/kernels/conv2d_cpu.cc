@@ -17,6 +17,9 @@ namespace {
 
 constexpr int kTilePixels = 8;
 constexpr int kMaxWorkers = 16;
+// Tiles per thread below which threads share a map's output channels rather
+// than its tiles.
+constexpr int kColumnSplitTiles = 4;
 
 // Copies n floats; patches are often a few channels wide, where a library
 // call would cost more than the copy.
@@ -73,7 +76,8 @@ void point_taps(const float* image, const ConvGeometry& g, int first, int rows, 
   // Locals, so that the pointer stores do not force the geometry to be re-read.
   const int out_w = g.out_w, in_h = g.in_h, in_w = g.in_w, in_c = g.in_c;
   const int kernel_h = g.kernel_h, kernel_w = g.kernel_w;
-  const int stride_h = g.stride_h, stride_w = g.stride_w, dilation_h = g.dilation_h, dilation_w = g.dilation_w;
+  const int stride_h = g.stride_h, stride_w = g.stride_w, dilation_h = g.dilation_h,
+            dilation_w = g.dilation_w;
   const size_t row_floats = static_cast<size_t>(in_w) * in_c;
   for (int r = 0; r < rows; ++r) {
     const int pixel = first + r;
@@ -102,15 +106,15 @@ void point_taps(const float* image, const ConvGeometry& g, int first, int rows, 
 
 // The activation over rows of N outputs (the product kernel added the bias;
 // the multiplier of this path is 1, which changes no value).
-void activate_rows(float* out, int rows, int N, const ConvGeometry& g) {
-  for (int r = 0; r < rows; ++r) g.activate(out + static_cast<size_t>(r) * N, N, g.alpha);
+void activate_rows(float* out, int rows, int ld, int cols, const ConvGeometry& g) {
+  for (int r = 0; r < rows; ++r) g.activate(out + static_cast<size_t>(r) * ld, cols, g.alpha);
 }
 
 // A 1x1 kernel with unit strides and no padding reads each pixel's channels
 // as its patch, straight from the input.
 bool patches_are_input_rows(const ConvGeometry& g) {
-  return g.kernel_h == 1 && g.kernel_w == 1 && g.stride_h == 1 && g.stride_w == 1 &&
-         g.pad_top == 0 && g.pad_left == 0 && g.out_h == g.in_h && g.out_w == g.in_w;
+  return g.kernel_h == 1 && g.kernel_w == 1 && g.stride_h == 1 && g.stride_w == 1 && g.pad_top == 0 &&
+         g.pad_left == 0 && g.out_h == g.in_h && g.out_w == g.in_w;
 }
 
 constexpr int kMaxGroup = 32;
@@ -153,7 +157,7 @@ struct IndirectRowBlock {
 // The indirect product over blocks of tap pointers: whole kernel positions
 // per pass, about kGemmReductionBlock reduction steps, against B's panels.
 void gemm_f32_indirect(ConvIndirectTileFn tile, const IndirectRowBlock* blocks, int block_count,
-                       int tap_count, int C, int ldc, const float* B, int N, const float* bias,
+                       int tap_count, int C, int ldc, const float* B, int ldb, int N, const float* bias,
                        const float* packed) {
   if (block_count <= 0 || N <= 0 || tap_count <= 0 || C <= 0) return;
   const int K = tap_count * C;
@@ -170,7 +174,7 @@ void gemm_f32_indirect(ConvIndirectTileFn tile, const IndirectRowBlock* blocks, 
     const bool last = t0 + taps == tap_count;
     if (packed == nullptr) {
       for (int k = 0; k < kc; ++k) {
-        const float* row = B + static_cast<long long>(k0 + k) * N;
+        const float* row = B + static_cast<long long>(k0 + k) * ldb;
         for (int p = 0; p < panels; ++p) {
           const int cols = std::min(kGemmPanelWidth, N - p * kGemmPanelWidth);
           std::memcpy(scratch + (static_cast<size_t>(p) * kc + k) * kGemmPanelWidth,
@@ -218,7 +222,8 @@ void conv2d_cpu(const float* input, const float* weight, const float* bias, floa
               const float* pixel =
                   inside ? image + (static_cast<size_t>(iy) * g.in_w + ix) * g.in_c + group * in_per_group
                          : nullptr;
-              const float* w = weight + (static_cast<size_t>(ky * g.kernel_w + kx) * in_per_group) * g.out_c + o;
+              const float* w =
+                  weight + (static_cast<size_t>(ky * g.kernel_w + kx) * in_per_group) * g.out_c + o;
               for (int c = 0; c < in_per_group; ++c) {
                 const float value = inside ? pixel[c] : g.pad_value;
                 sum += value * w[static_cast<size_t>(c) * g.out_c];
@@ -233,8 +238,8 @@ void conv2d_cpu(const float* input, const float* weight, const float* bias, floa
   }
 }
 
-void gemm_float(float* C, const float* A, const float* B, const float* bias, int inner, int N,
-                int M, int outer, ActivationFn activate, float alpha, int multiplier) {
+void gemm_float(float* C, const float* A, const float* B, const float* bias, int inner, int N, int M,
+                int outer, ActivationFn activate, float alpha, int multiplier) {
   const int K = outer * inner;
   const int vector_end = N - N % 8;
   for (int r = 0; r < M; ++r) {
@@ -262,6 +267,10 @@ const KernelTable<ConvF32TileKernels>& conv_f32_tile_kernels() {
   return table;
 }
 
+// Output pixels from which a resident copy of the packed weights pays: below,
+// the per-call packing costs about as much as reading panels from memory.
+constexpr int kMinPixelsForPanels = 64;
+
 void prepare_conv_tiles(const ConvGeometry& g, ConvTilePlan* plan) {
   plan->g = g;
   plan->pixels = g.out_h * g.out_w;
@@ -272,6 +281,7 @@ void prepare_conv_tiles(const ConvGeometry& g, ConvTilePlan* plan) {
   plan->group = std::max(1, std::min(kMaxGroup, static_cast<int>((4 << 20) / (sizeof(float) * kTilePixels *
                                                                               std::max(plan->K, 1)))));
   plan->direct_rows = patches_are_input_rows(g);
+  plan->keep_panels = plan->pixels >= kMinPixelsForPanels;
   plan->tap_offsets.clear();
   for (int ky = 0; ky < g.kernel_h; ++ky)
     for (int kx = 0; kx < g.kernel_w; ++kx)
@@ -287,6 +297,10 @@ void* computeConv_tiled(void* arg) {
   const ConvTilePlan& plan = *p.plan;
   const ConvGeometry& g = plan.g;
   const int pixels = plan.pixels, K = plan.K, N = g.out_c;
+  // The columns this task computes; panels start at multiples of 32.
+  const int n0 = thread.n0, cols = (thread.n1 > 0 ? thread.n1 : N) - n0;
+  const float* packed = p.packed != nullptr ? p.packed + static_cast<size_t>(n0) * K : nullptr;
+  const float* bias = p.bias != nullptr ? p.bias + n0 : nullptr;
   const int taps_per_pixel = g.kernel_h * g.kernel_w;
   const ConvIndirectTileFn indirect = plan.direct_rows ? nullptr : conv_f32_tile_kernels()->indirect;
   const int own = tiles_of_task(thread.index, thread.count, plan.workers, plan.tiles);
@@ -310,7 +324,7 @@ void* computeConv_tiled(void* arg) {
       for (; n < group && !cursor.done(); ++n, cursor.next()) {
         const int first = cursor.tile * kTilePixels;
         const int rows = std::min(kTilePixels, pixels - first);
-        float* c = out_image + static_cast<size_t>(first) * N;
+        float* c = out_image + static_cast<size_t>(first) * N + n0;
         if (indirect != nullptr) {
           const float** taps = tap_pointers + static_cast<size_t>(n) * kTilePixels * taps_per_pixel;
           point_taps(image, g, first, rows, plan.pad_run.data(), plan.tap_offsets.data(), taps);
@@ -324,15 +338,15 @@ void* computeConv_tiled(void* arg) {
         }
       }
       if (indirect != nullptr) {
-        gemm_f32_indirect(indirect, indirect_blocks, n, taps_per_pixel, g.in_c, N, p.weight, N, p.bias,
-                          p.packed);
+        gemm_f32_indirect(indirect, indirect_blocks, n, taps_per_pixel, g.in_c, N, p.weight + n0, N, cols,
+                          bias, packed);
       } else {
-        gemm_f32_blocks(blocks, n, K, N, p.weight, N, N, K, p.bias, p.packed);
+        gemm_f32_blocks(blocks, n, K, N, p.weight + n0, N, cols, K, bias, packed);
       }
       if (g.activate != activation_null) {
         for (int i = 0; i < n; ++i) {
           activate_rows(indirect != nullptr ? indirect_blocks[i].c : blocks[i].c,
-                        indirect != nullptr ? indirect_blocks[i].rows : blocks[i].rows, N, g);
+                        indirect != nullptr ? indirect_blocks[i].rows : blocks[i].rows, N, cols, g);
         }
       }
     }
@@ -352,7 +366,13 @@ void conv2d_avx_cpu(const ConvTilePlan& plan, const float* input, const float* w
   shared.bias = bias;
   shared.output = output;
   ThreadPool& pool = ThreadPool::instance();
-  const int tasks = plan.workers <= 1 ? 1 : std::min(plan.workers, pool.num_threads());
+  const int threads = pool.num_threads();
+  const int panels = (plan.g.out_c + kGemmPanelWidth - 1) / kGemmPanelWidth;
+  // A map of few tiles would leave threads idle or make each read every
+  // weight: its threads share the output channels instead, a run of whole
+  // panels each, so each reads only its part of the weights.
+  const bool by_columns = threads > 1 && plan.tiles < 2 * threads * kColumnSplitTiles && panels >= threads;
+  const int tasks = by_columns ? threads : plan.workers <= 1 ? 1 : std::min(plan.workers, threads);
   if (tasks <= 1) {
     ConvThreadArg arg{0, 1, &shared};
     computeConv_tiled(&arg);
@@ -360,12 +380,18 @@ void conv2d_avx_cpu(const ConvTilePlan& plan, const float* input, const float* w
   }
   struct Job {
     const AVXFloatConvParam* shared;
-    int tasks;
-  } job{&shared, tasks};
+    int tasks, panels;
+    bool by_columns;
+  } job{&shared, tasks, panels, by_columns};
   // One pointer captured: the task fits std::function's own storage.
   const Job* j = &job;
   pool.run(tasks, [j](int task) {
     ConvThreadArg arg{task, j->tasks, j->shared};
+    if (j->by_columns) {
+      arg.index = 0, arg.count = 1;
+      arg.n0 = j->panels * task / j->tasks * kGemmPanelWidth;
+      arg.n1 = std::min(j->shared->geometry.out_c, j->panels * (task + 1) / j->tasks * kGemmPanelWidth);
+    }
     computeConv_tiled(&arg);
   });
 }

@@ -55,6 +55,10 @@ struct ConvTilePlan {
   int K = 0;                 // reduction length, kernel_h * kernel_w * in_c
   int group = 1;             // tiles multiplied together while a weight slice is in cache
   bool direct_rows = false;  // 1x1, unit steps, no padding: patches are input rows
+  // Whether the operator keeps the weights packed in panels. A map of few
+  // pixels reads its weights once per call either way: it packs them into
+  // scratch per call instead of holding a second copy of them.
+  bool keep_panels = false;
   std::vector<ptrdiff_t> tap_offsets;
   std::vector<float> pad_run;
 };
@@ -88,6 +92,9 @@ struct ConvThreadArg {
   int index = 0;
   int count = 1;
   const AVXFloatConvParam* shared = nullptr;
+  // Output channels [n0, n1) of every tile, when a map of few tiles is
+  // shared among threads by columns; n1 = 0 means all of them.
+  int n0 = 0, n1 = 0;
 };
 
 // Worker entry of the tiled path; arg is a ConvThreadArg. Task `index` of
@@ -113,8 +120,8 @@ const KernelTable<ConvF32TileKernels>& conv_f32_tile_kernels();
 // stride outer * inner) against the rows of B (N weights each, one row per
 // reduction index). Each output is summed in reduction order, then
 // multiplied by multiplier, biased and activated.
-void gemm_float(float* C, const float* A, const float* B, const float* bias, int inner, int N,
-                int M, int outer, ActivationFn activate, float alpha, int multiplier);
+void gemm_float(float* C, const float* A, const float* B, const float* bias, int inner, int N, int M,
+                int outer, ActivationFn activate, float alpha, int multiplier);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit

@@ -101,7 +101,8 @@ void gemm_f32_blocks(const GemmRowBlock* blocks, int block_count, int lda, int l
                      int N, int K, const float* bias, const float* packed) {
   if (block_count <= 0 || N <= 0) return;
   const GemmF32Kernels& kernels = gemm_f32_kernels().get();
-  if (block_count == 1 && blocks[0].rows == 1) {
+  // A lone row streams B as it is stored; with panels it runs the tiles.
+  if (block_count == 1 && blocks[0].rows == 1 && packed == nullptr) {
     kernels.gemv(blocks[0].a, B, ldb, blocks[0].c, N, K, bias);
     return;
   }

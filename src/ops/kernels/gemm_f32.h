@@ -26,6 +26,8 @@ enum class ScratchSlot {
   kOutputCopy,
   kRecompute,
   kPixelStats,
+  kTransformIn,
+  kTransformOut,
   kCount
 };
 void* scratch_bytes(ScratchSlot slot, size_t bytes);
@@ -81,6 +83,7 @@ const float* pack_panels_f32(const float* B, int K, int N, uint64_t version, Pac
 // through the current table's tiles. `packed` holds B's panels
 // (pack_panels_f32) or is null, and then B is packed into scratch per call
 // when it pays. Packing moves values only, so the results are the same.
+// With panels given, B is not read and may be null.
 void gemm_f32_blocks(const GemmRowBlock* blocks, int block_count, int lda, int ldc, const float* B, int ldb,
                      int N, int K, const float* bias, const float* packed);
 

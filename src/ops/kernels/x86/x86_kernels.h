@@ -11,6 +11,7 @@
 // Only forward declarations: these files are compiled with wider
 // instructions, and any inline library code they pulled in could be linked
 // in place of the baseline copy.
+#include <cstddef>
 #include <cstdint>
 
 namespace kovra {
@@ -26,13 +27,21 @@ void gemm_f32_8x32_avx512(const float* a, int lda, const float* b, int ldb, floa
                           int cols, int kc, bool accumulate, const float* bias);
 void gemm_f32_4x16_avx2(const float* a, int lda, const float* b, int ldb, float* c, int ldc, int rows,
                         int cols, int kc, bool accumulate, const float* bias);
-void gemv_f32_4x16_avx512(const float* a, const float* b, int ldb, float* c, int N, int K,
-                           const float* bias);
+void gemv_f32_4x16_avx512(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias);
 void gemv_f32_1x64_avx2(const float* a, const float* b, int ldb, float* c, int N, int K, const float* bias);
 
 // ---- float conv tiles (conv2d_cpu.h: ConvIndirectTileFn) ----
 void conv_f32_8x32_indirect_avx512(const float* const* taps, int tap_count, int C, const float* b, int ldb,
                                    float* c, int ldc, int rows, int cols, bool accumulate, const float* bias);
+
+// ---- Winograd F(2x2, 3x3) transforms (winograd_f32.h: WinogradInputFn, WinogradOutputFn) ----
+// The portable operations on 8 and 16 channels at a time: the same bits.
+void winograd_f23_input_f32_x8_avx2(const float* const taps[16], int C, float* v, size_t stride);
+void winograd_f23_output_f32_x8_avx2(const float* m, size_t stride, int K, const float* bias,
+                                     float* const out[4]);
+void winograd_f23_input_f32_x16_avx512(const float* const taps[16], int C, float* v, size_t stride);
+void winograd_f23_output_f32_x16_avx512(const float* m, size_t stride, int K, const float* bias,
+                                        float* const out[4]);
 
 // ---- depthwise rows (dwconv2d_cpu.h: DwconvRowFn) ----
 void dwconv_row_f32_8x16_avx512(const float* image, const float* weight, const float* bias, float* out_row,
