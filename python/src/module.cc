@@ -113,8 +113,14 @@ class Executor {
     graph_.SerializeToString(&bytes);
     return py::bytes(bytes);
   }
-  std::vector<std::string> inputs() const { return executor_->get_input_names(); }
-  std::vector<std::string> outputs() const { return executor_->get_output_names(); }
+  std::vector<std::string> inputs() const {
+    Throwing policy;
+    return executor_->get_input_names();
+  }
+  std::vector<std::string> outputs() const {
+    Throwing policy;
+    return executor_->get_output_names();
+  }
 
   // `feeds` are .npy bytes by input name, read as the command line reads
   // input files; values come back as float32 by node name.
@@ -355,13 +361,22 @@ PYBIND11_MODULE(_kovra, m) {
   m.def("load_dump", &load_dump);
   m.def("compare", &compare);
   m.def("verify", &verify);
-  m.def("protect", [](const std::string& plain) { return py::bytes(kx::EncryptionRC4::protect(plain)); });
+  m.def("protect", [](const std::string& plain) {
+    Throwing policy;
+    return py::bytes(kx::EncryptionRC4::protect(plain));
+  });
   m.def("set_num_threads", [](int threads) {
     Throwing policy;
     kx::GraphExecutor::set_num_threads(threads);
   });
-  m.def("num_threads", &kx::GraphExecutor::num_threads);
-  m.def("input_lookup_name", &kx::input_lookup_name);
+  m.def("num_threads", [] {
+    Throwing policy;
+    return kx::GraphExecutor::num_threads();
+  });
+  m.def("input_lookup_name", [](const std::string& input) {
+    Throwing policy;
+    return kx::input_lookup_name(input);
+  });
   // (node re-encoded, warnings for the attributes that could not be)
   m.def("fit_attribute_encodings", [](const std::string& node_bytes) {
     Throwing policy;
