@@ -6,7 +6,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(build-essential cmake protobuf-compiler libprotobuf-dev libgtest-dev libgmock-dev
-          libbenchmark-dev libcli11-dev pkg-config python3)
+          libbenchmark-dev libcli11-dev pkg-config python3
+          pybind11-dev python3-dev python3-numpy python3-protobuf python3-pytest python3-setuptools python3-pip)
 # oneDNN is optional: the benchmarks compare against it when it is there.
 optional=(libdnnl-dev)
 
@@ -34,6 +35,8 @@ if [ $# -gt 0 ]; then
   shift
   launcher=()
   command -v ccache >/dev/null 2>&1 && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
-  cmake -S . -B "$build_dir" "${launcher[@]}" "$@"
+  # The Python package is built for the interpreter the packages above went
+  # into, whichever python3 comes first on the PATH.
+  cmake -S . -B "$build_dir" "${launcher[@]}" -DPython_EXECUTABLE=/usr/bin/python3 "$@"
   cmake --build "$build_dir" -j"$(nproc)"
 fi

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets everything up and runs the whole test suite twice: a Release build, and
-# a build with AddressSanitizer and UndefinedBehaviorSanitizer.
+# a build with AddressSanitizer and UndefinedBehaviorSanitizer. ctest runs the
+# Python package's pytest suite too (python_package).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

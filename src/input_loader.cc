@@ -102,26 +102,37 @@ bool load_input(const InputArg& arg, std::unique_ptr<Tensor>& tensor, std::strin
   }
   std::string bytes;
   read_at_most(file, 6, bytes);
-
-  std::vector<int> shape;
-  std::vector<float> values;
   if (is_npy(bytes)) {
     std::ostringstream rest;
     rest << file.rdbuf();
     bytes += rest.str();
+  } else if (!arg.dims.empty()) {
+    const long long count = shape_count(arg.dims);
+    // One byte beyond the shape is enough to refuse a larger file.
+    const size_t needed = count < 0 ? 0 : static_cast<size_t>(count) * 4;
+    if (count >= 0 && bytes.size() <= needed) read_at_most(file, needed + 1 - bytes.size(), bytes);
+  }
+  return load_input_data(arg, bytes, tensor, error);
+}
+
+bool load_input_data(const InputArg& arg, const std::string& bytes, std::unique_ptr<Tensor>& tensor,
+                     std::string& error) {
+  std::vector<int> shape;
+  std::vector<float> values;
+  if (is_npy(bytes)) {
     NpyArray array;
     if (!parse_npy(bytes, arg.path, array, error)) return false;
     if (!arg.dims.empty() && arg.dims != array.shape) {
-      error = arg.path + ": the file holds shape " + dims_text(array.shape) + " but " +
-              dims_text(arg.dims) + " was given";
+      error = arg.path + ": the file holds shape " + dims_text(array.shape) + " but " + dims_text(arg.dims) +
+              " was given";
       return false;
     }
     shape = array.shape;
     values = std::move(array.values);
   } else {
     if (arg.dims.empty()) {
-      error = arg.path + ": not a .npy file; give the shape of raw float32 data as " + arg.name +
-              "=" + arg.path + ":DIMS";
+      error = arg.path + ": not a .npy file; give the shape of raw float32 data as " + arg.name + "=" +
+              arg.path + ":DIMS";
       return false;
     }
     const long long count = shape_count(arg.dims);
@@ -130,8 +141,6 @@ bool load_input(const InputArg& arg, std::unique_ptr<Tensor>& tensor, std::strin
       return false;
     }
     const size_t needed = static_cast<size_t>(count) * 4;
-    // One byte beyond the shape is enough to refuse a larger file.
-    if (bytes.size() <= needed) read_at_most(file, needed + 1 - bytes.size(), bytes);
     if (bytes.size() != needed) {
       const std::string held =
           bytes.size() > needed ? larger_size_text(arg.path, needed) : std::to_string(bytes.size());

@@ -1,6 +1,7 @@
 #include "model_check.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -29,6 +30,69 @@ const std::set<std::string> kFrameworkKeys = {"output_bitwidth", "op_target", "t
 const std::set<std::string> kActionTypes = {
     "None",    "Linear", "Relu", "Relu6", "LeakyRelu", "PRelu", "Hsigmoid", "Swish",
     "Sigmoid", "Selu",   "Tanh", "Elu",   "HardSwish", "Mish",  "Softplus", "Softsign"};
+
+// Empty when the operator reads the attribute in an encoding it holds (or
+// does not read it); otherwise says what it holds and what is read instead.
+std::string encoding_mismatch(const AttrReadTracker& tracker, const std::string& op, const std::string& key,
+                              const AttrValue& value) {
+  const auto read = tracker.encodings().find(key);
+  if (read == tracker.encodings().end()) return "";
+  for (AttrEncoding encoding : read->second) {
+    if (encoding_accepts(encoding, value)) return "";
+  }
+  const std::string wanted = encoding_name(read->second.front());
+  return "the attribute \"" + key + "\" holds " + attr_kind_text(value) + " but " + op + " reads " +
+         (wanted[0] == 'i' ? "an " : "a ") + wanted + "; it reads as 0 or empty";
+}
+
+// For |v| < 9e18 only, where the cast is defined.
+bool integral(double v) { return v == static_cast<double>(static_cast<long long>(v)); }
+
+// `value` in `encoding` when it converts exactly; false otherwise.
+bool convert_attr(AttrEncoding encoding, AttrValue& value) {
+  const AttrValue::ValueCase kind = value.value_case();
+  switch (encoding) {
+    case AttrEncoding::kFloat: {
+      if (kind != AttrValue::kI && kind != AttrValue::kB) return false;
+      const long long i = kind == AttrValue::kI ? value.i() : value.b();
+      value.set_f(static_cast<float>(i));
+      // Above 2^24 not every integer is a float.
+      return static_cast<double>(value.f()) == static_cast<double>(i);
+    }
+    case AttrEncoding::kInt:
+    case AttrEncoding::kIntOrFloat:
+      if (kind == AttrValue::kF && std::fabs(value.f()) < 9e18f && integral(value.f())) {
+        value.set_i(static_cast<long long>(value.f()));
+      } else if (kind == AttrValue::kB) {
+        value.set_i(value.b() ? 1 : 0);
+      } else {
+        return false;
+      }
+      return true;
+    case AttrEncoding::kIntList: {
+      if (kind != AttrValue::kList || value.list().i_size() > 0) return false;
+      std::vector<long long> ints;
+      for (float f : value.list().f()) {
+        if (!(std::fabs(f) < 9e18f) || !integral(f)) return false;
+        ints.push_back(static_cast<long long>(f));
+      }
+      value.mutable_list()->clear_f();
+      for (long long i : ints) value.mutable_list()->add_i(i);
+      return true;
+    }
+    case AttrEncoding::kFloatList: {
+      if (kind != AttrValue::kList || value.list().f_size() > 0) return false;
+      std::vector<float> floats(value.list().i().begin(), value.list().i().end());
+      value.mutable_list()->clear_i();
+      for (float f : floats) value.mutable_list()->add_f(f);
+      return true;
+    }
+    case AttrEncoding::kBool:
+    case AttrEncoding::kString:
+      return false;
+  }
+  return false;
+}
 
 class Checker {
  public:
@@ -151,6 +215,8 @@ class Checker {
         if (!tracker.keys().count(attr.first) && !kFrameworkKeys.count(attr.first)) {
           warning(def.name(), op, "the attribute \"" + attr.first + "\" is read by no operator");
         }
+        const std::string misread = encoding_mismatch(tracker, op, attr.first, attr.second);
+        if (!misread.empty()) warning(def.name(), op, misread);
       }
       auto action = def.attr().find("ActionType");
       if (action != def.attr().end() && action->second.value_case() == AttrValue::kS &&
@@ -260,7 +326,8 @@ class Checker {
         problem(outline_.names[i], outline_.ops[i], e.message());
         continue;
       }
-      if (outputs[i] != nullptr) report_.shapes.push_back({outline_.names[i], outline_.ops[i], node->oshape()});
+      if (outputs[i] != nullptr)
+        report_.shapes.push_back({outline_.names[i], outline_.ops[i], node->oshape()});
       held += bytes[i];
       report_.planned_bytes = std::max(report_.planned_bytes, held);
       if (plan.inplace && !outline_.producers[i].empty()) {
@@ -289,6 +356,35 @@ ModelReport check_model(const GraphDef& graph, const std::map<std::string, std::
   ModelReport report;
   Checker(graph, report).run(input_shapes, plan);
   return report;
+}
+
+std::vector<std::string> fit_attribute_encodings(NodeDef& def) {
+  std::vector<std::string> left;
+  if (!is_registered_op(def.op())) return left;
+  AttrReadTracker tracker;
+  try {
+    ScopedErrorPolicy policy(ErrorPolicy::kThrow);
+    Node node;
+    node.set_name(def.name());
+    node.init_op(def.op());
+    node.parse_parameter(def);
+  } catch (const Error&) {
+    // An operator stops at its first missing attribute; what it read so far still counts.
+  }
+  for (auto& attr : *def.mutable_attr()) {
+    const auto read = tracker.encodings().find(attr.first);
+    if (read == tracker.encodings().end() ||
+        encoding_mismatch(tracker, def.op(), attr.first, attr.second).empty()) {
+      continue;
+    }
+    AttrValue converted = attr.second;
+    if (convert_attr(read->second.front(), converted)) {
+      attr.second = converted;
+    } else {
+      left.push_back(encoding_mismatch(tracker, def.op(), attr.first, attr.second));
+    }
+  }
+  return left;
 }
 
 }  // namespace kovraexecutor

@@ -1,15 +1,14 @@
 #include "model_reader.h"
 
-#include <sys/stat.h>
-
-#include <fstream>
-#include <utility>
-
 #include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/io/tokenizer.h>
 #include <google/protobuf/io/zero_copy_stream_impl.h>
 #include <google/protobuf/stubs/logging.h>
 #include <google/protobuf/text_format.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <utility>
 
 #include "common.h"
 #include "encryption.h"
@@ -48,7 +47,6 @@ bool parse_graph_file(const std::string& path, ::kovra::trenkit::GraphDef* graph
   return graph_def;
 }
 
-
 namespace {
 
 // Protobuf reports parse problems through its log; a failed attempt while
@@ -66,8 +64,7 @@ class MutedLog {
 
 class FirstError : public google::protobuf::io::ErrorCollector {
  public:
-  void AddError(int line, google::protobuf::io::ColumnNumber column,
-                const std::string& message) override {
+  void AddError(int line, google::protobuf::io::ColumnNumber column, const std::string& message) override {
     if (!text.empty()) return;
     text = "line " + std::to_string(line + 1) + " column " + std::to_string(column + 1) + ": " + message;
   }
@@ -123,7 +120,6 @@ bool looks_sane(const GraphDef& graph) {
   return true;
 }
 
-
 const char* format_name(ModelFormat format) {
   switch (format) {
     case ModelFormat::kPlain:
@@ -138,13 +134,9 @@ const char* format_name(ModelFormat format) {
 
 namespace {
 
-bool read_model_bytes(const std::string& path, const std::string& format, GraphDef& graph,
-                      ModelFormat& chosen, std::string& error, std::string& binary) {
-  std::string bytes;
-  if (!read_file(path, bytes)) {
-    error = "cannot read model file '" + path + "'";
-    return false;
-  }
+// `bytes` is consumed; `path` names the model in messages.
+bool decode_model(std::string& bytes, const std::string& path, const std::string& format, GraphDef& graph,
+                  ModelFormat& chosen, std::string& error, std::string& binary) {
   if (bytes.size() > 0x7fffffffULL) {
     error = "model file '" + path + "' is larger than 2 GiB";
     return false;
@@ -181,7 +173,8 @@ bool read_model_bytes(const std::string& path, const std::string& format, GraphD
     chosen = ModelFormat::kProtected;
     binary = EncryptionRC4::unprotect(bytes);
     if (parse_binary(binary, graph) && looks_sane(graph)) return true;
-    error = "'" + path + "' has the protected-model magic but does not decipher into a model "
+    error = "'" + path +
+            "' has the protected-model magic but does not decipher into a model "
             "(damaged, or enciphered with another key)";
     return false;
   }
@@ -207,11 +200,21 @@ bool read_model_bytes(const std::string& path, const std::string& format, GraphD
 
 }  // namespace
 
-bool read_model(const std::string& path, const std::string& format, GraphDef& graph,
-                ModelFormat& chosen, std::string& error, std::string* binary) {
+bool read_model(const std::string& path, const std::string& format, GraphDef& graph, ModelFormat& chosen,
+                std::string& error, std::string* binary) {
   std::string bytes;
-  const bool ok = read_model_bytes(path, format, graph, chosen, error, bytes);
-  if (binary != nullptr) *binary = ok && chosen != ModelFormat::kText ? std::move(bytes) : std::string();
+  if (!read_file(path, bytes)) {
+    error = "cannot read model file '" + path + "'";
+    return false;
+  }
+  return read_model_data(bytes, path, format, graph, chosen, error, binary);
+}
+
+bool read_model_data(std::string bytes, const std::string& name, const std::string& format, GraphDef& graph,
+                     ModelFormat& chosen, std::string& error, std::string* binary) {
+  std::string plain;
+  const bool ok = decode_model(bytes, name, format, graph, chosen, error, plain);
+  if (binary != nullptr) *binary = ok && chosen != ModelFormat::kText ? std::move(plain) : std::string();
   return ok;
 }
 

@@ -1,5 +1,6 @@
 #include "op_attr.h"
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 
@@ -19,15 +20,103 @@ AttrReadTracker::AttrReadTracker() : previous_(current_tracker) { current_tracke
 
 AttrReadTracker::~AttrReadTracker() { current_tracker = previous_; }
 
-const AttrValue* find_tracked_attr(const NodeDef& node, const char* key) {
-  if (current_tracker != nullptr) current_tracker->keys_.insert(key);
+const AttrValue* find_tracked_attr(const NodeDef& node, const char* key, AttrEncoding encoding) {
+  if (current_tracker != nullptr) {
+    current_tracker->keys_.insert(key);
+    std::vector<AttrEncoding>& read = current_tracker->encodings_[key];
+    if (std::find(read.begin(), read.end(), encoding) == read.end()) read.push_back(encoding);
+  }
   auto it = node.attr().find(key);
   return it == node.attr().end() ? nullptr : &it->second;
 }
 
+const char* encoding_name(AttrEncoding encoding) {
+  switch (encoding) {
+    case AttrEncoding::kFloat:
+      return "float";
+    case AttrEncoding::kInt:
+      return "int";
+    case AttrEncoding::kIntOrFloat:
+      return "int or float";
+    case AttrEncoding::kBool:
+      return "bool";
+    case AttrEncoding::kString:
+      return "string";
+    case AttrEncoding::kIntList:
+      return "int list";
+    case AttrEncoding::kFloatList:
+      return "float list";
+  }
+  return "?";
+}
+
+bool encoding_accepts(AttrEncoding encoding, const AttrValue& value) {
+  const AttrValue::ValueCase kind = value.value_case();
+  const auto& list = value.list();
+  // A list holding entries of another type only reads as empty.
+  const bool other_entries = list.s_size() + list.b_size() + list.type_size() + list.shape_size() +
+                                 list.tensor_size() + list.func_size() >
+                             0;
+  switch (encoding) {
+    case AttrEncoding::kFloat:
+      return kind == AttrValue::kF;
+    case AttrEncoding::kInt:
+      return kind == AttrValue::kI;
+    case AttrEncoding::kIntOrFloat:
+      return kind == AttrValue::kI || kind == AttrValue::kF;
+    case AttrEncoding::kBool:
+      return kind == AttrValue::kB || kind == AttrValue::kI || kind == AttrValue::kF;
+    case AttrEncoding::kString:
+      return kind == AttrValue::kS;
+    case AttrEncoding::kIntList:
+      return kind == AttrValue::kList && (list.i_size() > 0 || (list.f_size() == 0 && !other_entries));
+    case AttrEncoding::kFloatList:
+      return kind == AttrValue::kTensor ||
+             (kind == AttrValue::kList && (list.f_size() > 0 || (list.i_size() == 0 && !other_entries)));
+  }
+  return false;
+}
+
+std::string attr_kind_text(const AttrValue& value) {
+  switch (value.value_case()) {
+    case AttrValue::kS:
+      return "a string";
+    case AttrValue::kI:
+      return "an integer";
+    case AttrValue::kF:
+      return "a float";
+    case AttrValue::kB:
+      return "a bool";
+    case AttrValue::kType:
+      return "a type";
+    case AttrValue::kShape:
+      return "a shape";
+    case AttrValue::kTensor:
+      return "a tensor";
+    case AttrValue::kFunc:
+      return "a function";
+    case AttrValue::kPlaceholder:
+      return "a placeholder";
+    case AttrValue::kList: {
+      const auto& list = value.list();
+      if (list.i_size() > 0) return "an integer list";
+      if (list.f_size() > 0) return "a float list";
+      if (list.s_size() > 0) return "a string list";
+      return list.b_size() + list.type_size() + list.shape_size() + list.tensor_size() + list.func_size() > 0
+                 ? "a list of other values"
+                 : "an empty list";
+    }
+    case AttrValue::VALUE_NOT_SET:
+      break;
+  }
+  return "nothing";
+}
+
 namespace {
 
-const AttrValue* find_attr(const NodeDef& node, const char* key) { return find_tracked_attr(node, key); }
+const AttrValue* find_attr(const NodeDef& node, const char* key, AttrEncoding encoding) {
+  return find_tracked_attr(node, key, encoding);
+}
 
 // Saturating float-to-int so that a huge or NaN attribute cannot be undefined behaviour.
 int truncate_to_int(double v) {
@@ -46,7 +135,7 @@ int narrow(long long v) {
 }  // namespace
 
 bool read_float(const NodeDef& node, const char* key, float& value) {
-  const AttrValue* attr = find_attr(node, key);
+  const AttrValue* attr = find_attr(node, key, AttrEncoding::kFloat);
   if (attr == nullptr) return false;
   value = attr->value_case() == AttrValue::kF ? attr->f() : 0.0f;
   return true;
@@ -60,14 +149,14 @@ bool read_float_as_int(const NodeDef& node, const char* key, int& value) {
 }
 
 bool read_int(const NodeDef& node, const char* key, int& value) {
-  const AttrValue* attr = find_attr(node, key);
+  const AttrValue* attr = find_attr(node, key, AttrEncoding::kInt);
   if (attr == nullptr) return false;
   value = attr->value_case() == AttrValue::kI ? narrow(attr->i()) : 0;
   return true;
 }
 
 bool read_int_or_float(const NodeDef& node, const char* key, int& value) {
-  const AttrValue* attr = find_attr(node, key);
+  const AttrValue* attr = find_attr(node, key, AttrEncoding::kIntOrFloat);
   if (attr == nullptr) return false;
   switch (attr->value_case()) {
     case AttrValue::kI:
@@ -84,26 +173,34 @@ bool read_int_or_float(const NodeDef& node, const char* key, int& value) {
 }
 
 bool read_bool(const NodeDef& node, const char* key, bool& value) {
-  const AttrValue* attr = find_attr(node, key);
+  const AttrValue* attr = find_attr(node, key, AttrEncoding::kBool);
   if (attr == nullptr) return false;
   switch (attr->value_case()) {
-    case AttrValue::kB: value = attr->b(); break;
-    case AttrValue::kI: value = attr->i() != 0; break;
-    case AttrValue::kF: value = attr->f() != 0.0f; break;
-    default: value = false; break;
+    case AttrValue::kB:
+      value = attr->b();
+      break;
+    case AttrValue::kI:
+      value = attr->i() != 0;
+      break;
+    case AttrValue::kF:
+      value = attr->f() != 0.0f;
+      break;
+    default:
+      value = false;
+      break;
   }
   return true;
 }
 
 bool read_string(const NodeDef& node, const char* key, std::string& value) {
-  const AttrValue* attr = find_attr(node, key);
+  const AttrValue* attr = find_attr(node, key, AttrEncoding::kString);
   if (attr == nullptr) return false;
   value = attr->value_case() == AttrValue::kS ? attr->s() : std::string();
   return true;
 }
 
 bool read_int_list(const NodeDef& node, const char* key, std::vector<int>& values) {
-  const AttrValue* attr = find_attr(node, key);
+  const AttrValue* attr = find_attr(node, key, AttrEncoding::kIntList);
   if (attr == nullptr) return false;
   values.clear();
   if (attr->value_case() == AttrValue::kList) {
@@ -149,7 +246,7 @@ void float_tensor_values(const NodeDef& node, const char* key, const TensorProto
 }  // namespace
 
 bool read_float_list(const NodeDef& node, const char* key, std::vector<float>& values) {
-  const AttrValue* attr = find_attr(node, key);
+  const AttrValue* attr = find_attr(node, key, AttrEncoding::kFloatList);
   if (attr == nullptr) return false;
   values.clear();
   if (attr->value_case() == AttrValue::kList) {

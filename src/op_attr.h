@@ -1,6 +1,7 @@
 #ifndef KOVRAEXECUTOR_OP_ATTR_H_
 #define KOVRAEXECUTOR_OP_ATTR_H_
 
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -53,9 +54,19 @@ void require_float_list(const NodeDef& node, const char* key, std::vector<float>
 // configurations): stops with `Check failed: suc=="<message>"` unless `suc`.
 void require_attr(bool suc, const std::string& message);
 
+// The encodings the readers above take, one per reader family.
+enum class AttrEncoding { kFloat, kInt, kIntOrFloat, kBool, kString, kIntList, kFloatList };
+// "float", "int", "int or float", "bool", "string", "int list", "float list".
+const char* encoding_name(AttrEncoding encoding);
+// Whether the reader of `encoding` takes what `value` holds (any other kind reads as 0 or empty).
+bool encoding_accepts(AttrEncoding encoding, const AttrValue& value);
+// What `value` holds, for messages: "an integer", "a float list"...
+std::string attr_kind_text(const AttrValue& value);
+
 // While alive, records on the calling thread every key the readers above look
-// up, present or not, so that the model check can name attributes no
-// operator reads. Trackers nest; the innermost records.
+// up, present or not, and the encoding each reads, so that the model check can
+// name attributes no operator reads or reads in another encoding. Trackers
+// nest; the innermost records.
 class AttrReadTracker {
  public:
   AttrReadTracker();
@@ -63,10 +74,13 @@ class AttrReadTracker {
   AttrReadTracker(const AttrReadTracker&) = delete;
   AttrReadTracker& operator=(const AttrReadTracker&) = delete;
   const std::set<std::string>& keys() const { return keys_; }
+  // Per key, every encoding it was read in, in order (an operator may try several).
+  const std::map<std::string, std::vector<AttrEncoding>>& encodings() const { return encodings_; }
 
  private:
-  friend const AttrValue* find_tracked_attr(const NodeDef& node, const char* key);
+  friend const AttrValue* find_tracked_attr(const NodeDef& node, const char* key, AttrEncoding encoding);
   std::set<std::string> keys_;
+  std::map<std::string, std::vector<AttrEncoding>> encodings_;
   AttrReadTracker* previous_;
 };
 

@@ -5,11 +5,14 @@
 # none of the internal classes, a program outside the tree builds and runs
 # through the CMake package and through pkg-config, and the installed kovra
 # runs the example models - all with LD_LIBRARY_PATH unset.
-#   install_consumer.sh BUILD_DIR SOURCE_DIR CONFIGURED_PREFIX
+# With PYTHON, the installed Python package imports from there too and runs the
+# int8 example exactly.
+#   install_consumer.sh BUILD_DIR SOURCE_DIR CONFIGURED_PREFIX [PYTHON]
 set -euo pipefail
 build_dir=$1
 source_dir=$2
 configured_prefix=$3
+python=${4:-}
 unset LD_LIBRARY_PATH
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
@@ -80,4 +83,18 @@ for example in float int8; do
   "$kovra" compare "$out" "$out-expected" "${tolerance[@]}" >/dev/null ||
     fail "installed kovra: the $example example differs from its expected output"
 done
+
+if [ -n "$python" ]; then
+  module=$(find "$prefix" -name '_kovra*.so' | head -1)
+  [ -n "$module" ] || fail "the Python package is not installed"
+  site=$(dirname "$(dirname "$module")")
+  (cd "$scratch" && PYTHONPATH=$site "$python" -c "
+import numpy as np, kovra
+assert kovra.__file__.startswith('$site'), kovra.__file__
+model = kovra.Model('$source_dir/examples/int8_model.pbtxt')
+out = model.run({'input': np.load('$source_dir/examples/int8_input.npy')})
+assert (out['output/dequantize'] == np.load('$source_dir/examples/int8_expected.npy')).all()
+assert kovra.GraphBuilder().to_bytes() == b''
+") >/dev/null || fail "the installed Python package cannot run the int8 example"
+fi
 echo "install_consumer: $(echo "$headers" | wc -l) headers, both consumer builds and the installed kovra pass"

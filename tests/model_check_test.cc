@@ -3,6 +3,7 @@
 
 #include "model_check.h"
 
+#include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -105,6 +106,13 @@ INSTANTIATE_TEST_SUITE_P(
         CheckCase{"UnreadAttribute", R"(node { name: "f" op: "ZxxFlatten" input: "input"
                                          attr { key: "colour" value { i: 1 } } })",
                   "", "f|ZxxFlatten|the attribute \"colour\" is read by no operator\n"},
+        // Read as 0: the operator reads a float, the model holds an integer.
+        CheckCase{"AttributeInAnotherEncoding", R"(node { name: "h" op: "Z40HardSwish" input: "input"
+                                                    attr { key: "add_scalar_value" value { i: 3 } }
+                                                    attr { key: "mul_scalar_value" value { f: 6 } } })",
+                  "",
+                  "h|Z40HardSwish|the attribute \"add_scalar_value\" holds an integer but Z40HardSwish reads "
+                  "a float; it reads as 0 or empty\n"},
         CheckCase{"UnknownActionType", R"(node { name: "r" op: "Z40Relu" input: "input"
                                            attr { key: "ActionType" value { s: "relu" } } })",
                   "",
@@ -150,6 +158,45 @@ TEST(ModelCheck, TopologicalOrderFollowsTheModelAmongReadyNodes) {
   const std::vector<size_t> order = topological_order({{}, {}, {0, 1}, {}, {5}, {4}}, &cyclic);
   EXPECT_EQ(order, (std::vector<size_t>{0, 1, 2, 3}));
   EXPECT_EQ(cyclic, (std::vector<size_t>{4, 5}));
+}
+
+// Attributes move into the encoding their operator reads when the value
+// converts exactly; the others stay and are named.
+TEST(ModelCheck, FitsAttributeEncodings) {
+  struct Case {
+    const char* attrs;     // of a Z40Slice node, whose attributes are all read
+    const char* expected;  // the attributes afterwards
+    const char* left;
+  } cases[] = {
+      {R"(attr { key: "axis" value { i: 2 } })", R"(attr { key: "axis" value { f: 2 } })", ""},
+      {R"(attr { key: "axis" value { b: true } })", R"(attr { key: "axis" value { f: 1 } })", ""},
+      {R"(attr { key: "axis" value { i: 16777217 } })", R"(attr { key: "axis" value { i: 16777217 } })",
+       "the attribute \"axis\" holds an integer but Z40Slice reads a float; it reads as 0 or empty\n"},
+      {R"(attr { key: "axis" value { s: "2" } })", R"(attr { key: "axis" value { s: "2" } })",
+       "the attribute \"axis\" holds a string but Z40Slice reads a float; it reads as 0 or empty\n"},
+      {R"(attr { key: "split" value { list { f: 1 f: -4 } } })",
+       R"(attr { key: "split" value { list { i: 1 i: -4 } } })", ""},
+      {R"(attr { key: "split" value { list { f: 1.5 } } })",
+       R"(attr { key: "split" value { list { f: 1.5 } } })",
+       "the attribute \"split\" holds a float list but Z40Slice reads an int list; it reads as 0 or empty\n"},
+      // Kept: read in the encoding it holds, or read by nobody.
+      {R"(attr { key: "split" value { list { } } } attr { key: "colour" value { f: 1 } })",
+       R"(attr { key: "colour" value { f: 1 } } attr { key: "split" value { list { } } })", ""},
+  };
+  const std::string required = R"(attr { key: "output_shape" value { list { i: 1 } } }
+      attr { key: "starts" value { list { i: 0 } } } attr { key: "ends" value { list { i: 1 } } } )";
+  for (const Case& c : cases) {
+    const std::string head = R"(name: "s" op: "Z40Slice" )";
+    kovra::trenkit::NodeDef node, expected;
+    ASSERT_TRUE(google::protobuf::TextFormat::ParseFromString(head + required + c.attrs, &node)) << c.attrs;
+    ASSERT_TRUE(google::protobuf::TextFormat::ParseFromString(head + required + c.expected, &expected));
+    std::string left;
+    for (const std::string& message : kovra::trenkit::kovraexecutor::fit_attribute_encodings(node)) {
+      left += message + "\n";
+    }
+    EXPECT_EQ(left, c.left) << c.attrs;
+    EXPECT_EQ(node.DebugString(), expected.DebugString()) << c.attrs;
+  }
 }
 
 TEST(ModelCheck, EveryExampleModelIsClean) {

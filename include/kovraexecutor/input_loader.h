@@ -30,6 +30,9 @@ KOVRA_API bool parse_dims(const std::string& text, std::vector<int>& dims);
 // raw little-endian float32 whose size must match DIMS exactly. On failure
 // returns false and sets `error` to one line naming the file.
 KOVRA_API bool load_input(const InputArg& arg, std::unique_ptr<Tensor>& tensor, std::string& error);
+// Same, from the file's bytes (raw data: exactly the bytes DIMS needs); arg.path names them in messages.
+KOVRA_API bool load_input_data(const InputArg& arg, const std::string& bytes, std::unique_ptr<Tensor>& tensor,
+                               std::string& error);
 // Every input in order; a name given twice is an error.
 KOVRA_API bool load_inputs(const std::vector<InputArg>& input_args,
                            std::vector<std::unique_ptr<Tensor>>& tensors, std::string& error);

@@ -64,6 +64,15 @@ KOVRA_API ModelReport check_model(const ::kovra::trenkit::GraphDef& graph,
                                   const std::map<std::string, std::vector<int>>& input_shapes = {},
                                   const RunPlan& plan = RunPlan());
 
+// Rewrites each attribute of `node` that its operator reads in another
+// encoding than the one it holds into the encoding read, where the value
+// converts exactly: an integer or a bool into a float, an integral float or a
+// bool into an integer, an integer list into a float list, an integral float
+// list into an integer list. Returns the model check's warning for each
+// attribute left as it was. An operator stops reading at its first missing
+// required attribute, so keys it would read after that one are not seen.
+KOVRA_API std::vector<std::string> fit_attribute_encodings(::kovra::trenkit::NodeDef& node);
+
 // The name under which the executor looks an input reference up: its prefix
 // of length min(len, len + 1 - p), p being the position of the first ':'.
 KOVRA_API std::string input_lookup_name(const std::string& input);

@@ -35,6 +35,11 @@ KOVRA_API const char* format_name(ModelFormat format);
 KOVRA_API bool read_model(const std::string& path, const std::string& format,
                           ::kovra::trenkit::GraphDef& graph, ModelFormat& chosen, std::string& error,
                           std::string* binary = nullptr);
+// Same, from the model's bytes as a file would hold them; `name` stands for
+// the path in messages.
+KOVRA_API bool read_model_data(std::string bytes, const std::string& name, const std::string& format,
+                               ::kovra::trenkit::GraphDef& graph, ModelFormat& chosen, std::string& error,
+                               std::string* binary = nullptr);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit
