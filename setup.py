@@ -1,6 +1,7 @@
 """Builds and installs the Python package kovra through the project's CMake.
 
-    pip install --no-build-isolation .
+    python3 -m venv --system-site-packages venv
+    venv/bin/pip install --no-build-isolation .
 
 The library is built with the package and installed inside it, where the
 compiled module finds it; no network access is needed.
