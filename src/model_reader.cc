@@ -136,19 +136,8 @@ const char* format_name(ModelFormat format) {
   return "?";
 }
 
-namespace {
-
-bool read_model_bytes(const std::string& path, const std::string& format, GraphDef& graph,
-                      ModelFormat& chosen, std::string& error, std::string& binary) {
-  std::string bytes;
-  if (!read_file(path, bytes)) {
-    error = "cannot read model file '" + path + "'";
-    return false;
-  }
-  if (bytes.size() > 0x7fffffffULL) {
-    error = "model file '" + path + "' is larger than 2 GiB";
-    return false;
-  }
+bool parse_model(std::string& bytes, const std::string& path, const std::string& format, GraphDef& graph,
+                 ModelFormat& chosen, std::string& error, std::string& binary) {
   if (format == "plain") {
     chosen = ModelFormat::kPlain;
     binary.swap(bytes);
@@ -203,6 +192,22 @@ bool read_model_bytes(const std::string& path, const std::string& format, GraphD
   graph.Clear();
   error = "cannot read '" + path + "' as a model: neither protected, binary nor text GraphDef";
   return false;
+}
+
+namespace {
+
+bool read_model_bytes(const std::string& path, const std::string& format, GraphDef& graph,
+                      ModelFormat& chosen, std::string& error, std::string& binary) {
+  std::string bytes;
+  if (!read_file(path, bytes)) {
+    error = "cannot read model file '" + path + "'";
+    return false;
+  }
+  if (bytes.size() > 0x7fffffffULL) {
+    error = "model file '" + path + "' is larger than 2 GiB";
+    return false;
+  }
+  return parse_model(bytes, path, format, graph, chosen, error, binary);
 }
 
 }  // namespace
