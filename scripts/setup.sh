@@ -7,8 +7,9 @@ cd "$(dirname "$0")/.."
 
 packages=(build-essential cmake protobuf-compiler libprotobuf-dev libgtest-dev libgmock-dev
           libbenchmark-dev libcli11-dev pkg-config python3)
-# oneDNN is optional: the benchmarks compare against it when it is there.
-optional=(libdnnl-dev)
+# oneDNN is optional: the benchmarks compare against it when it is there;
+# clang and its runtime (libFuzzer) are for the fuzz targets (scripts/fuzz.sh).
+optional=(libdnnl-dev clang libclang-rt-14-dev)
 
 missing=()
 for p in "${packages[@]}" "${optional[@]}"; do
