@@ -7,6 +7,10 @@
 
 #include "graph_mutator.h"
 
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/io/zero_copy_stream_impl_lite.h>
+
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -147,10 +151,12 @@ void mutate_value(AttrValue& value, Rng& rng) {
   }
 }
 
+// By name, not in the map's order, which may differ between processes.
 std::string attr_key(const NodeDef& node, Rng& rng) {
-  auto it = node.attr().begin();
-  std::advance(it, rng() % node.attr().size());
-  return it->first;
+  std::vector<std::string> keys;
+  for (const auto& entry : node.attr()) keys.push_back(entry.first);
+  std::sort(keys.begin(), keys.end());
+  return pick(rng, keys);
 }
 
 void mutate_node(GraphDef& graph, NodeDef& node, Rng& rng) {
@@ -236,7 +242,13 @@ bool mutate_model(std::string& bytes, unsigned seed) {
   Rng rng(seed);
   for (unsigned steps = 1 + rng() % 3; steps > 0; --steps) mutate_graph(graph, rng);
   std::string out;
-  graph.SerializeToString(&out);
+  {
+    // Maps are written in key order, so the same mutant has the same bytes.
+    google::protobuf::io::StringOutputStream stream(&out);
+    google::protobuf::io::CodedOutputStream coded(&stream);
+    coded.SetSerializationDeterministic(true);
+    graph.SerializeToCodedStream(&coded);
+  }
   bytes = is_protected ? EncryptionRC4::protect(out) : out;
   return true;
 }

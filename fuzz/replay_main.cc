@@ -58,8 +58,14 @@ int main(int argc, char** argv) {
       std::fflush(stdout);
       feed(bytes);
       for (unsigned seed = 0; mutate_model != nullptr && seed < mutants; ++seed) {
-        std::string mutant = bytes;
-        if (mutate_model(mutant, seed)) feed(mutant);
+        std::string mutant = bytes, again = bytes;
+        if (!mutate_model(mutant, seed)) continue;
+        mutate_model(again, seed);
+        if (mutant != again) {
+          std::printf("the mutator made two different mutants of %s with seed %u\n", path.c_str(), seed);
+          return 1;
+        }
+        feed(mutant);
       }
       ++files;
     }
