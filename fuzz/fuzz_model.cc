@@ -40,12 +40,13 @@ std::map<std::string, std::vector<int>> feed_shapes(const std::vector<std::strin
 
 // The check must never stop, so it runs outside the try; the executor may refuse with an Error.
 void check_and_run(const kovra::trenkit::GraphDef& graph) {
-  kx::check_model(graph);
+  // Shapes cannot mend a model with problems of its own: those run on the first shape.
+  const bool clean = kx::check_model(graph).problems.empty();
   const kx::GraphOutline outline = kx::graph_outline(graph);
   const std::vector<std::string> feeds = kx::run_feeds(outline, kx::run_starts(outline, {}));
   std::vector<int> shape = kShapes.front();
   for (const std::vector<int>& candidate : kShapes) {
-    if (kx::check_model(graph, feed_shapes(feeds, candidate)).problems.empty()) {
+    if (clean && kx::check_model(graph, feed_shapes(feeds, candidate)).problems.empty()) {
       shape = candidate;
       break;
     }

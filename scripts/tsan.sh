@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=build-tsan
-tests=(thread_split_test errors_test bfc_arena_test int8_exact_path_test)
+tests=(thread_split_test errors_test bfc_arena_test int8_exact_path_test float_conv_test int8_conv_test)
 
 launcher=()
 command -v ccache >/dev/null 2>&1 && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
