@@ -4,11 +4,18 @@
 # (kept between runs, not committed), the generated seeds and the kept
 # reproducers of fuzz/regressions/<target>. A crash leaves its input in
 # build-fuzz/artifacts/<target>/ and makes the script fail; the logs (with the
-# executions and coverage reached) are in build-fuzz/logs/.
-#   scripts/fuzz.sh [SECONDS]
+# executions and coverage reached) are in build-fuzz/logs/. With --smoke the
+# kept corpus is left alone and a fresh one is used, so the run takes SECONDS
+# plus the seeds whatever the corpus has grown to (the test command does that).
+#   scripts/fuzz.sh [SECONDS] [--smoke]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
+corpus=corpus
+if [ "${2:-}" = "--smoke" ]; then
+  corpus=smoke
+  rm -rf build-fuzz/smoke
+fi
 build=build-fuzz
 targets=(fuzz_model fuzz_npy fuzz_dump fuzz_protected)
 
@@ -26,8 +33,8 @@ python3 fuzz/make_seeds.py "$build/seeds"
 mkdir -p "$build/logs"
 pids=()
 for t in "${targets[@]}"; do
-  mkdir -p "$build/corpus/$t" "$build/artifacts/$t"
-  dirs=("$build/corpus/$t" "$build/seeds/$t")
+  mkdir -p "$build/$corpus/$t" "$build/artifacts/$t"
+  dirs=("$build/$corpus/$t" "$build/seeds/$t")
   [ -d "fuzz/regressions/$t" ] && dirs+=("fuzz/regressions/$t")
   # Leaks are findings; 2 GiB is far above what the memory budget lets a run hold.
   "$build/bin/$t" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=20 -print_final_stats=1 \

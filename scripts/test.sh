@@ -13,4 +13,4 @@ scripts/setup.sh build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKOVRA_SANITIZE=O
 (cd build-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j2)
 
 scripts/tsan.sh
-scripts/fuzz.sh 20
+scripts/fuzz.sh 20 --smoke
