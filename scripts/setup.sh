@@ -8,8 +8,9 @@ cd "$(dirname "$0")/.."
 packages=(build-essential cmake protobuf-compiler libprotobuf-dev libgtest-dev libgmock-dev
           libbenchmark-dev libcli11-dev pkg-config python3
           pybind11-dev python3-dev python3-numpy python3-protobuf python3-pytest python3-setuptools python3-pip python3-venv)
-# oneDNN is optional: the benchmarks compare against it when it is there.
-optional=(libdnnl-dev)
+# oneDNN is optional: the benchmarks compare against it when it is there;
+# clang and its runtime (libFuzzer) are for the fuzz targets (scripts/fuzz.sh).
+optional=(libdnnl-dev clang libclang-rt-14-dev)
 
 missing=()
 for p in "${packages[@]}" "${optional[@]}"; do

@@ -12,6 +12,8 @@
 
 #include "kovraexecutor/compare.h"
 #include "kovraexecutor/input_loader.h"
+#include "checked_size.h"
+#include "dump_parse.h"
 #include "kovraexecutor/npy.h"
 #include "tensor_dump.h"
 
@@ -49,8 +51,9 @@ float signed_code(uint32_t code, int bits) {
   return static_cast<float>(static_cast<int32_t>((code ^ sign)) - static_cast<int32_t>(sign));
 }
 
-// Appends the entries of the manifest at `path` whose files are not yet in `files`.
-bool read_manifest(const std::string& path, std::ifstream& manifest, std::set<std::string>& files,
+}  // namespace
+
+bool read_manifest(const std::string& path, std::istream& manifest, std::set<std::string>& files,
                    std::vector<DumpTensor>& tensors, std::string& error) {
   std::string line;
   for (int number = 1; std::getline(manifest, line); ++number) {
@@ -72,21 +75,19 @@ bool read_manifest(const std::string& path, std::ifstream& manifest, std::set<st
   return true;
 }
 
-// Reads a raw dump file at `path` as tensor.dtype of tensor.shape.
-bool load_bin(const std::string& path, DumpTensor& tensor, std::string& error) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file.is_open()) {
-    error = path + ": cannot read file";
-    return false;
-  }
-  const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+bool decode_bin(const std::string& bytes, const std::string& path, DumpTensor& tensor, std::string& error) {
   const int halves = half_bytes(tensor.dtype);
   if (halves == 0) {
     error = path + ": unknown dump type '" + tensor.dtype + "'";
     return false;
   }
-  size_t count = 1;
-  for (int d : tensor.shape) count *= static_cast<size_t>(d);
+  // The manifest's shape is any text: its product must not wrap into a size the file happens to have.
+  const long long elements = shape_count(tensor.shape);
+  if (elements < 0) {
+    error = path + ": shape " + dims_text(tensor.shape) + " has more than 2147483647 elements";
+    return false;
+  }
+  const size_t count = static_cast<size_t>(elements);
   const size_t needed = (count * halves + 1) / 2;
   if (bytes.size() != needed) {
     error = path + ": holds " + std::to_string(bytes.size()) + " bytes but " + tensor.dtype + " of shape " +
@@ -115,6 +116,19 @@ bool load_bin(const std::string& path, DumpTensor& tensor, std::string& error) {
     value = is_signed ? signed_code(code, halves * 4) : static_cast<float>(code);
   }
   return true;
+}
+
+namespace {
+
+// Reads a raw dump file at `path` as tensor.dtype of tensor.shape.
+bool load_bin(const std::string& path, DumpTensor& tensor, std::string& error) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file.is_open()) {
+    error = path + ": cannot read file";
+    return false;
+  }
+  const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  return decode_bin(bytes, path, tensor, error);
 }
 
 }  // namespace

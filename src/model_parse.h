@@ -4,6 +4,7 @@
 #include <string>
 
 #include "lite/proto/graph_def.pb.h"
+#include "model_reader.h"
 
 namespace kovra {
 namespace trenkit {
@@ -21,6 +22,9 @@ bool parse_text(const std::string& bytes, GraphDef& graph, std::string& error);
 // Bytes of another kind can parse as a GraphDef by chance; a model has nodes
 // with printable names and op words.
 bool looks_sane(const GraphDef& graph);
+// read_model() on a file's bytes (consumed); `path` names the file in `error`.
+bool parse_model(std::string& bytes, const std::string& path, const std::string& format, GraphDef& graph,
+                 ModelFormat& chosen, std::string& error, std::string& binary);
 
 }  // namespace kovraexecutor
 }  // namespace trenkit

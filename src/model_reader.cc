@@ -132,11 +132,8 @@ const char* format_name(ModelFormat format) {
   return "?";
 }
 
-namespace {
-
-// `bytes` is consumed; `path` names the model in messages.
-bool decode_model(std::string& bytes, const std::string& path, const std::string& format, GraphDef& graph,
-                  ModelFormat& chosen, std::string& error, std::string& binary) {
+bool parse_model(std::string& bytes, const std::string& path, const std::string& format, GraphDef& graph,
+                 ModelFormat& chosen, std::string& error, std::string& binary) {
   if (bytes.size() > 0x7fffffffULL) {
     error = "model file '" + path + "' is larger than 2 GiB";
     return false;
@@ -198,8 +195,6 @@ bool decode_model(std::string& bytes, const std::string& path, const std::string
   return false;
 }
 
-}  // namespace
-
 bool read_model(const std::string& path, const std::string& format, GraphDef& graph, ModelFormat& chosen,
                 std::string& error, std::string* binary) {
   std::string bytes;
@@ -213,7 +208,7 @@ bool read_model(const std::string& path, const std::string& format, GraphDef& gr
 bool read_model_data(std::string bytes, const std::string& name, const std::string& format, GraphDef& graph,
                      ModelFormat& chosen, std::string& error, std::string* binary) {
   std::string plain;
-  const bool ok = decode_model(bytes, name, format, graph, chosen, error, plain);
+  const bool ok = parse_model(bytes, name, format, graph, chosen, error, plain);
   if (binary != nullptr) *binary = ok && chosen != ModelFormat::kText ? std::move(plain) : std::string();
   return ok;
 }

@@ -181,9 +181,15 @@ TEST(CompareTest, ShapesAndNanDecidePerTensor) {
   EXPECT_EQ(report.failed, 2);
   EXPECT_EQ(report.first_divergence, "m");
 
+  // A manifest shape whose element count wraps to 0 in 64 bits once matched an empty file.
+  TempDir huge;
+  std::ofstream(huge.file("manifest.tsv")) << "0\th.bin\th\t65536x65536x65536x65536\tint8\t8\tZ40Relu\n";
+  std::ofstream(huge.file("h.bin")).close();
   const struct {
     std::string a, b, manifest, message;
   } errors[] = {
+      {huge.path(), huge.path(), "",
+       huge.file("h.bin") + ": shape 65536x65536x65536x65536 has more than 2147483647 elements"},
       {a.path(), b.path(), a.file("none.tsv"), "cannot read manifest '" + a.file("none.tsv") + "'"},
       {a.path(), a.file("t.npy"), "", "'" + a.file("t.npy") + "' is not a folder"},
   };

@@ -137,6 +137,18 @@ INSTANTIATE_TEST_SUITE_P(
                     "pad|" + check_text("0 <= element count of [1,100001,100001,1] <= 2147483647",
                                         "Z40PadInt8: element count of [1,100001,100001,1] is negative or "
                                         "exceeds 2147483647")},
+        // A scale of -1e30 made a size of -inf, converted to int unchecked.
+        HostileCase{
+            "ResizeInt8NegativeHuge",
+            node("rs", "Z40ResizeBilinearInt8", "input",
+                 kInt8Pool + attr_i("offset", 0) + "attr { key: \"wh_scale\" value { f: -1e30 } } "),
+            {1, 2, 2, 1},
+            0,
+            false,
+            "rs",
+            "rs|" + check_text("out_h > 0 && out_w > 0",
+                               "Z40ResizeBilinearInt8: wh_scale -1000000015047466219876688855040.000000 "
+                               "leaves no output")},
         // Sizes saturate at 2^31 - 1; their product once overflowed a long long.
         HostileCase{"ResizeHuge",
                     node("rs", "Z40ResizeBilinear", "input", "attr { key: \"wh_scale\" value { f: 1e30 } } "),

@@ -9,11 +9,11 @@ namespace trenkit {
 namespace kovraexecutor {
 
 namespace {
-// Sizes past the int range (or NaN) would be undefined to convert; they
-// become -1 and fail the caller's check.
+// Sizes outside the int range either way (or NaN) would be undefined to
+// convert; they become -1 and fail the caller's check.
 int scaled_size(int size, float scale) {
   const float v = kvdl::tensorflow_round_cpu(static_cast<float>(size) * scale);
-  return v >= 2147483647.0f || !(v == v) ? -1 : static_cast<int>(v);
+  return v > -2147483648.0f && v < 2147483647.0f ? static_cast<int>(v) : -1;
 }
 }  // namespace
 
