@@ -202,7 +202,7 @@ bool read_model(const std::string& path, const std::string& format, GraphDef& gr
     error = "cannot read model file '" + path + "'";
     return false;
   }
-  return read_model_data(bytes, path, format, graph, chosen, error, binary);
+  return read_model_data(std::move(bytes), path, format, graph, chosen, error, binary);
 }
 
 bool read_model_data(std::string bytes, const std::string& name, const std::string& format, GraphDef& graph,
